@@ -1,0 +1,42 @@
+# Compiler settings shared by every target, and the two ways of adding one.
+
+set(SHD_SANITIZE "" CACHE STRING "Sanitizers to build with, e.g. address,undefined")
+option(SHD_HARDEN "Hardening flags of a release build" OFF)
+option(SHD_FUZZ "Build the libFuzzer targets (clang only)" OFF)
+
+add_library(shd_flags INTERFACE)
+target_compile_features(shd_flags INTERFACE cxx_std_20)
+target_include_directories(shd_flags INTERFACE ${PROJECT_SOURCE_DIR})
+target_compile_options(shd_flags INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wformat=2 -Wundef
+  -Wold-style-cast -Wcast-align -Wnon-virtual-dtor -Woverloaded-virtual
+  -Wimplicit-fallthrough -Werror
+  $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety -Wmissing-prototypes>)
+
+if(SHD_SANITIZE)
+  add_compile_options(-fsanitize=${SHD_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${SHD_SANITIZE})
+endif()
+
+if(SHD_FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
+
+if(SHD_HARDEN)
+  set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+  add_compile_options(-fstack-protector-strong -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
+  add_link_options(-pie -Wl,-z,relro,-z,now)
+endif()
+
+# The daemon's code does without exceptions and run-time type information.
+add_library(shd_daemon_flags INTERFACE)
+target_link_libraries(shd_daemon_flags INTERFACE shd_flags Threads::Threads)
+target_compile_options(shd_daemon_flags INTERFACE -fno-exceptions -fno-rtti)
+target_include_directories(shd_daemon_flags INTERFACE
+  ${PROJECT_SOURCE_DIR}/platform/host/include)
+
+# shd_library(NAME SOURCE...): one static library of the daemon.
+function(shd_library name)
+  add_library(${name} STATIC ${ARGN})
+  target_link_libraries(${name} PUBLIC shd_daemon_flags)
+endfunction()

@@ -1,0 +1,35 @@
+// The daemon's waits and its wall clock on any POSIX system.
+#include <poll.h>
+
+#include <cerrno>
+#include <ctime>
+
+#include "platform/delay.h"
+#include "platform/mutex.h"
+
+void Delay(std::chrono::microseconds duration) {
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(duration);
+    const auto rest = std::chrono::nanoseconds(duration - seconds);
+    timespec remaining{};
+    remaining.tv_sec = static_cast<std::time_t>(seconds.count());
+    remaining.tv_nsec = static_cast<long>(rest.count());
+    while (nanosleep(&remaining, &remaining) != 0 && errno == EINTR) {
+    }
+}
+
+int WaitReadable(int fd, std::chrono::microseconds timeout) {
+    // poll rather than select: a descriptor may be numbered above select's range.
+    pollfd entry{fd, POLLIN, 0};
+    const auto limit = std::chrono::ceil<std::chrono::milliseconds>(timeout);
+    return poll(&entry, 1, static_cast<int>(limit.count()));
+}
+
+std::time_t WallClockSec() {
+    return std::time(nullptr);
+}
+
+int CondVar::WaitUntil(Mutex& mutex, std::time_t deadline_sec) {
+    timespec deadline{};
+    deadline.tv_sec = deadline_sec;
+    return pthread_cond_timedwait(&condition_, &mutex.mutex_, &deadline);
+}
