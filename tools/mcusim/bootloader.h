@@ -73,7 +73,7 @@ class Bootloader {
 
     // From the n-th answer from now on (1: the next one; the handshake, each command, each address
     // and each block count) nothing is carried out or answered until the resets-th Reset() after
-    // that. Armed, it survives a reset; 0 takes it back.
+    // that. Armed, it survives a reset; 0 disarms it, but ends no silence that has begun.
     void MuteAt(int n, int resets = 1);
 
     // Address of an acknowledged Go command, once: the board starts the application. Bytes are
@@ -81,8 +81,90 @@ class Bootloader {
     [[nodiscard]] std::optional<uint32_t> TakeGo();
 
   private:
+    using Handler = void (Bootloader::*)();
+    using Extent = size_t (*)(std::span<const uint8_t> head);
+
+    struct Command {
+        uint8_t code;
+        bool when_read_protected;
+        Handler run;
+    };
+    static const std::array<Command, 12> kCommands;
+
+    // A stretch of an erase or a program. apply(1) completes it, apply(f) with f in [0, 1) leaves
+    // it as far as it got when the supply went away.
+    struct Step {
+        std::chrono::nanoseconds duration;
+        std::function<void(double)> apply;
+    };
+    struct Operation {
+        std::deque<Step> steps;
+        bool reset_after;  // the part resets itself after the final ACK
+        TimePoint step_end;
+    };
+
+    void Restart();
+    void Advance(TimePoint now);
+    void Accept(uint8_t byte, TimePoint arrival);
+    void Expect(Handler handler, size_t head, Extent extent = nullptr);
+    void Send(std::span<const uint8_t> bytes);
+    void Ack();
+    void Nack();
+    void AckAndExpect(Handler handler, size_t head, Extent extent = nullptr);
+    void Begin(std::deque<Step> steps, bool reset_after = false);
+    void EndStep();
+
+    // Run on a complete transmission, which is in block_.
+    void OnHandshake();
+    void OnCommand();
+    void Get();
+    void GetVersion();
+    void GetId();
+    void ReadMemory();
+    void OnReadAddress();
+    void OnReadLength();
+    void Go();
+    void OnGoAddress();
+    void WriteMemory();
+    void OnWriteAddress();
+    void OnWriteData();
+    void Erase();
+    void OnErasePages();
+    void ExtendedErase();
+    void OnExtendedErasePages();
+    void WriteProtect();
+    void OnProtectSectors();
+    void WriteUnprotect();
+    void ReadoutProtect();
+    void ReadoutUnprotect();
+
+    [[nodiscard]] std::optional<uint32_t> AddressInBlock() const;
+    void ProgramBlock(std::span<const uint8_t> data);
+    void EraseSectors(const std::vector<size_t>& sectors);
+    void MassErase();
+    [[nodiscard]] std::deque<Step> EraseAllSteps();
+    [[nodiscard]] Step OptionStep(std::function<void()> change);
+
     Flash& flash_;
     const BootloaderTimings timings_;
+    std::vector<uint8_t> ram_;
+
+    TimePoint now_{0};            // of the byte or the step that is being handled
+    std::vector<uint8_t> block_;  // what has arrived of the current transmission
+    size_t wanted_ = 0;           // bytes until extent_ can tell more, or the whole length
+    Extent extent_ = nullptr;
+    Handler handler_ = nullptr;
+    uint32_t address_ = 0;  // acknowledged for the block that follows
+    std::optional<Operation> operation_;
+    std::optional<uint8_t> unread_;  // the UART's data register during an operation
+    std::vector<TimedByte> out_;
+
+    bool stopped_ = false;  // muted, left by Go or without supply
+    std::optional<uint32_t> go_;
+    int nack_in_ = 0;        // data blocks, 0: not armed
+    int mute_in_ = 0;        // answers, 0: not armed
+    int mute_resets_ = 1;    // for the silence that mute_in_ will begin
+    int silent_resets_ = 0;  // until the present silence ends
 };
 
 }  // namespace mcusim

@@ -58,8 +58,9 @@ class Flash {
     void EraseSector(size_t index, uint32_t length);
     void EraseSector(size_t index) { EraseSector(index, kFlashSectors.at(index).size); }
 
-    // Sets the whole flash to 0xFF, write-protected sectors included; the option bytes stay.
-    void EraseAll();
+    // Sets the flash to 0xFF, write-protected sectors included, or its first length bytes as an
+    // interrupted mass erase leaves it; the option bytes stay.
+    void EraseAll(uint32_t length = kFlashSizeBytes);
 
     // Inverts one bit (0 to 7) in either direction, as a decaying cell does.
     void FlipBit(uint32_t address, unsigned bit);

@@ -1,0 +1,150 @@
+// The simulated MCU's firmware and the image file around it. Called by the board at each start and
+// by the image builder.
+#include "tools/mcusim/firmware_image.h"
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cstring>
+#include <iterator>
+#include <random>
+#include <stdexcept>
+
+namespace mcusim {
+namespace {
+
+static_assert(std::endian::native == std::endian::little, "records are memory images");
+
+// Vector table of the Cortex-M4 core: initial stack pointer, reset vector, 14 core exceptions.
+constexpr uint32_t kStackTop = 0x20020000;
+constexpr size_t kVectorCount = 16;
+constexpr uint32_t kCodeOffset = 0x200;
+constexpr uint32_t kThumbBit = 1;
+
+// Behind the vectors, little-endian.
+struct Descriptor {
+    std::array<char, 8> marker;  // @0
+    uint32_t length;             // @8 bytes, of the whole firmware
+    uint32_t crc;                // @12 CRC-32 of the firmware with this field 0
+    std::array<char, kMaxVersionLength + 1> version;  // @16 NUL-terminated
+};
+static_assert(sizeof(Descriptor) == 80 && offsetof(Descriptor, version) == 16);
+constexpr size_t kDescriptorOffset = kVectorCount * sizeof(uint32_t);
+constexpr std::array<char, 8> kMarker = {'M', 'C', 'U', 'S', 'I', 'M', 'F', 'W'};
+
+// Header of mcu.bin, little-endian.
+struct ImageHeader {
+    uint32_t magic;                                   // @0
+    uint32_t header_len;                              // @4 bytes
+    uint32_t image_size;                              // @8 bytes
+    std::array<uint8_t, 20> reserved;                 // @12
+    std::array<char, kMaxVersionLength + 1> version;  // @32 NUL-terminated
+    std::array<uint8_t, 128> reserved2;               // @96
+};
+static_assert(sizeof(ImageHeader) == 224 && offsetof(ImageHeader, version) == 32);
+constexpr uint32_t kImageMagic = 0xFFAAAAFF;
+
+// CRC-32 of IEEE 802.3 (reflected, polynomial 0x04C11DB7).
+constexpr std::array<uint32_t, 256> kCrcTable = [] {
+    std::array<uint32_t, 256> table{};
+    for (uint32_t i = 0; i < table.size(); ++i) {
+        uint32_t value = i;
+        for (int bit = 0; bit < 8; ++bit) {
+            value = (value & 1) != 0 ? value >> 1 ^ 0xEDB88320 : value >> 1;
+        }
+        table[i] = value;
+    }
+    return table;
+}();
+
+uint32_t UpdateCrc(uint32_t crc, std::span<const uint8_t> data) {
+    for (const uint8_t byte : data) crc = crc >> 8 ^ kCrcTable[(crc ^ byte) & 0xFF];
+    return crc;
+}
+
+uint32_t FirmwareCrc(std::span<const uint8_t> firmware) {
+    constexpr size_t kCrcOffset = kDescriptorOffset + offsetof(Descriptor, crc);
+    constexpr std::array<uint8_t, sizeof(Descriptor::crc)> kZero{};
+    uint32_t crc = UpdateCrc(0xFFFFFFFF, firmware.first(kCrcOffset));
+    crc = UpdateCrc(crc, kZero);
+    return ~UpdateCrc(crc, firmware.subspan(kCrcOffset + kZero.size()));
+}
+
+uint32_t WordAt(std::span<const uint8_t> memory, size_t offset) {
+    uint32_t word = 0;
+    std::memcpy(&word, memory.subspan(offset, sizeof(word)).data(), sizeof(word));
+    return word;
+}
+
+void CheckVersion(std::string_view version) {
+    if (version.size() > kMaxVersionLength) {
+        throw std::invalid_argument("version text longer than 63 characters");
+    }
+    if (version.find('\0') != std::string_view::npos) {
+        throw std::invalid_argument("version text holds a NUL character");
+    }
+}
+
+template <typename Record>
+void Append(std::vector<uint8_t>& out, const Record& record) {
+    const auto bytes = std::as_bytes(std::span(&record, 1));
+    std::transform(bytes.begin(), bytes.end(), std::back_inserter(out),
+                   [](std::byte b) { return std::to_integer<uint8_t>(b); });
+}
+
+}  // namespace
+
+std::vector<uint8_t> BuildFirmwarePayload(std::string_view version, size_t size, uint32_t seed) {
+    CheckVersion(version);
+    if (version.empty()) throw std::invalid_argument("version text is empty");
+    if (size < kMinFirmwareSizeBytes || size > kFlashSizeBytes) {
+        throw std::invalid_argument("firmware size must be 1024 to 524288 bytes");
+    }
+    std::vector<uint8_t> payload;
+    payload.reserve(size);
+    Append(payload, kStackTop);
+    for (uint32_t vector = 1; vector < kVectorCount; ++vector) {
+        Append(payload, (kFlashBase + kCodeOffset + vector * 16) | kThumbBit);
+    }
+    Descriptor descriptor{kMarker, static_cast<uint32_t>(size), 0, {}};
+    version.copy(descriptor.version.data(), version.size());
+    Append(payload, descriptor);
+
+    std::mt19937 code(seed);
+    while (payload.size() < size) payload.push_back(static_cast<uint8_t>(code()));
+
+    const uint32_t crc = FirmwareCrc(payload);
+    std::memcpy(payload.data() + kDescriptorOffset + offsetof(Descriptor, crc), &crc, sizeof(crc));
+    return payload;
+}
+
+std::optional<std::string> FirmwareVersion(std::span<const uint8_t> memory) {
+    if (memory.size() < kMinFirmwareSizeBytes) return std::nullopt;
+    Descriptor descriptor;
+    std::memcpy(&descriptor, memory.data() + kDescriptorOffset, sizeof(descriptor));
+    if (WordAt(memory, 0) != kStackTop || descriptor.marker != kMarker ||
+        descriptor.length < kMinFirmwareSizeBytes || descriptor.length > memory.size() ||
+        descriptor.version.back() != '\0') {
+        return std::nullopt;
+    }
+    if (FirmwareCrc(memory.first(descriptor.length)) != descriptor.crc) return std::nullopt;
+    return std::string(descriptor.version.data());
+}
+
+std::optional<std::string> RunningVersion(const Flash& flash) {
+    return FirmwareVersion(flash.contents());
+}
+
+std::vector<uint8_t> WrapImage(std::string_view version, std::span<const uint8_t> payload) {
+    CheckVersion(version);
+    ImageHeader header{
+        kImageMagic, sizeof(ImageHeader), static_cast<uint32_t>(payload.size()), {}, {}, {}};
+    version.copy(header.version.data(), version.size());
+    std::vector<uint8_t> image;
+    image.reserve(sizeof(header) + payload.size());
+    Append(image, header);
+    image.insert(image.end(), payload.begin(), payload.end());
+    return image;
+}
+
+}  // namespace mcusim
