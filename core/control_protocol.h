@@ -13,7 +13,7 @@ static_assert(std::endian::native == std::endian::little,
 enum ControlCommand : int32_t {
     SHB_SENSOR_ACTIVE = 0,
     SHB_SENSOR_DEACTIVE = 1,
-    SHB_SENSOR_DELAY = 2,         // args: int32 period in ms
+    SHB_SENSOR_DELAY = 2,  // args: int32 period in ms
     SHB_SENSOR_SELFTEST = 3,
     SHB_SENSOR_PARAMETER = 4,     // args: 6 bytes for the accelerometer, 4 for the other sensors
     SHB_SENSOR_CALIBRATION = 5,   // reply data: as many bytes as the parameter has
@@ -23,11 +23,11 @@ enum ControlCommand : int32_t {
     SHB_MCU_DATETIME_CONFIG = 9,  // args: int32 seconds since the epoch
     SHB_SENSOR_BATCH = 10,        // args: int32 period in ms, int32 samples, int32 third word
     SHB_SENSOR_FLUSH = 11,
-    SHB_SENSOR_GETINFO = 12,      // reply: text
-    SHB_MCU_VERSION = 13,         // args: uint16 text number 0..3; reply: text
-    SHB_DEBUG_LOG = 14,           // args: uint16 flag
-    SHB_MCU_SLEEP = 40,           // never answered
-    SHB_MCU_WAKEUP = 41,          // never answered
+    SHB_SENSOR_GETINFO = 12,  // reply: text
+    SHB_MCU_VERSION = 13,     // args: uint16 text number 0..3; reply: text
+    SHB_DEBUG_LOG = 14,       // args: uint16 flag
+    SHB_MCU_SLEEP = 40,       // never answered
+    SHB_MCU_WAKEUP = 41,      // never answered
 };
 
 // Client to daemon. The MCU-wide commands need a handle that names a real sensor, too.
@@ -50,11 +50,11 @@ inline constexpr size_t kControlReplyTextSize = 256;
 
 // Daemon to client. Bytes that a command does not fill are 0.
 struct ControlReply {
-    int32_t length;     // @0 always 272
-    int32_t handle;     // @4 the request's, or 0 for the MCU-wide commands
-    int32_t kind;       // @8 always 1
-    int32_t command;    // @12 the request's; 7 for SHB_MCU_VERSION, 0 for a virtual sensor, -1 error
-    int32_t result;     // @16 0 success, 1..255 the MCU's status, -1 no usable answer
+    int32_t length;   // @0 always 272
+    int32_t handle;   // @4 the request's, or 0 for the MCU-wide commands
+    int32_t kind;     // @8 always 1
+    int32_t command;  // @12 the request's; 7 for SHB_MCU_VERSION, 0 for a virtual sensor, -1 error
+    int32_t result;   // @16 0 success, 1..255 the MCU's status, -1 no usable answer
     uint8_t data[252];  // @20 calibration bytes; with the result, the text of a text reply
 };
 static_assert(sizeof(ControlReply) == 272 && offsetof(ControlReply, result) == 16 &&

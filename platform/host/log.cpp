@@ -32,16 +32,17 @@ std::string FormatMessage(const char* fmt, va_list args) {
 // "MM-DD HH:MM:SS.mmm  PID  TID L tag     : "
 std::string LinePrefix(int prio, const char* tag) {
     constexpr std::string_view kLevels = "??VDIWEFS";
-    const char level =
-        prio >= 0 && static_cast<size_t>(prio) < kLevels.size() ? kLevels[static_cast<size_t>(prio)]
-                                                                : '?';
+    const char level = prio >= 0 && static_cast<size_t>(prio) < kLevels.size()
+                           ? kLevels[static_cast<size_t>(prio)]
+                           : '?';
     timeval now{};
     gettimeofday(&now, nullptr);
     tm local{};
     localtime_r(&now.tv_sec, &local);
     std::array<char, 128> prefix{};
-    std::snprintf(prefix.data(), prefix.size(), "%02d-%02d %02d:%02d:%02d.%03d %5d %5d %c %-8s: ",
-                  local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
+    std::snprintf(prefix.data(), prefix.size(),
+                  "%02d-%02d %02d:%02d:%02d.%03d %5d %5d %c %-8s: ", local.tm_mon + 1,
+                  local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
                   static_cast<int>(now.tv_usec / 1000), static_cast<int>(getpid()),
                   static_cast<int>(gettid()), level, tag);
     return prefix.data();

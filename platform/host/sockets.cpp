@@ -25,7 +25,8 @@ int socket_local_server(const char* name, int /*namespace_id*/, int type) {
     UniqueFd fd(socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
     if (!fd.valid()) return -1;
     unlink(path.c_str());  // left behind by a process that was killed
-    if (bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) return -1;
+    if (bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0)
+        return -1;
     if (listen(fd.get(), kBacklog) != 0) return -1;
     return fd.Release();
 }
