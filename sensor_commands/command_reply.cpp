@@ -1,0 +1,13 @@
+// Exchange of one command and the test of its reply; used by every MCU command.
+#include "sensor_commands/command_reply.h"
+
+#include "mcu_link/exchange.h"
+
+CommandReply ExchangeCommand(SensorHub* hub, const McuPacket& packet, int timeout_sec) {
+    McuMessagePtr message;
+    if (SendSensorMsgAndWait(hub, packet, &message, timeout_sec) != 0) {
+        return {ReplyFault::kTimeout, nullptr};
+    }
+    if (message->data_len < 1) return {ReplyFault::kEmpty, nullptr};
+    return {ReplyFault::kNone, std::move(message)};
+}

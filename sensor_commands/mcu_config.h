@@ -1,0 +1,38 @@
+// The MCU-wide configurations: motion-health settings, the MCU's clock and the raw-data stream.
+// Called by the control commands, start-up and recovery, on the main or the reboot thread; each
+// blocks for up to its time limit.
+//
+// Every operation returns the MCU's status byte, 0 to 255, or -1 when no usable reply came or the
+// request was refused.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+
+class SensorHub;
+
+// Settings of the motion-health algorithm; the daemon passes the words on without a look at them.
+struct McuHealthParam {
+    uint32_t word[4];
+};
+static_assert(sizeof(McuHealthParam) == 16);
+
+// The last settings passed to McuHealthConfig, word by word: written by the main thread, read by
+// the reboot thread.
+extern std::array<std::atomic<uint32_t>, 4> g_mcu_health_param;
+
+// Remembers the settings, then sends them narrowed to 8, 8, 16 and 16 bits. 2 s.
+int McuHealthConfig(SensorHub* hub, const McuHealthParam* param);
+
+// Sends the settings that were last remembered.
+int McuHealthConfigAgain(SensorHub* hub);
+
+// Sets the MCU's clock to a wall-clock time in seconds since the epoch. 2 s.
+int McuDateTimeConfig(SensorHub* hub, uint32_t seconds);
+
+// Selects the raw data that the MCU streams: bit 0 algorithm data, bit 1 heart-rate data, 0 off.
+// Prepares or releases the sample buffers, deletes the logs when switched off, and keeps the
+// choice in persist.velmar.shd.rawdatatype. Types above 3 switch it off here only and give -1.
+// 10 s.
+int McuRawDataConfig(SensorHub* hub, uint16_t type);
