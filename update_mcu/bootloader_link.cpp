@@ -1,0 +1,127 @@
+// Bootloader link of the firmware update; its normal opening also serves the version check.
+#include "update_mcu/bootloader_link.h"
+
+#include <fcntl.h>
+#include <termios.h>
+
+#include <algorithm>
+#include <array>
+
+#include "mcu_link/serial_port.h"
+#include "platform/delay.h"
+#include "platform/device_path.h"
+#include "platform/log.h"
+
+namespace {
+
+constexpr char kLogTag[] = "update_mcu";
+constexpr std::chrono::milliseconds kReadTimeout{200};
+constexpr size_t kReplySize = 8;
+
+struct BootloaderCommand {
+    BootloaderCommandId id;
+    uint8_t bytes[2];  // command, complement
+};
+
+constexpr BootloaderCommand kBootloaderCommands[] = {
+    {BootloaderCommandId::kGet, {0x00, 0xFF}},
+    {BootloaderCommandId::kGetVersion, {0x01, 0xFE}},
+    {BootloaderCommandId::kGetId, {0x02, 0xFD}},
+    {BootloaderCommandId::kReadMemory, {0x11, 0xEE}},
+    {BootloaderCommandId::kGo, {0x21, 0xDE}},
+    {BootloaderCommandId::kWriteMemory, {0x31, 0xCE}},
+    {BootloaderCommandId::kErase, {0x43, 0xBC}},
+    {BootloaderCommandId::kExtendedErase, {0x44, 0xBB}},
+    {BootloaderCommandId::kWriteProtect, {0x63, 0x9C}},
+    {BootloaderCommandId::kWriteUnprotect, {0x73, 0x8C}},
+    {BootloaderCommandId::kReadoutProtect, {0x82, 0x7D}},
+    {BootloaderCommandId::kReadoutUnprotect, {0x92, 0x6D}},
+};
+
+// One at a time, used by the thread that runs the update.
+UniqueFd g_update_port;
+
+UniqueFd OpenUart(int flags) {
+    return UniqueFd(open(DevicePath(kUartPath).c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC | flags));
+}
+
+void ConfigureUpdateLink(int fd) {
+    tcflush(fd, TCIOFLUSH);
+    termios settings{};
+    tcgetattr(fd, &settings);
+    cfmakeraw(&settings);
+    settings.c_cflag |= CLOCAL | CS8 | PARENB;
+    settings.c_cflag &= ~static_cast<tcflag_t>(PARODD | CSTOPB);
+    settings.c_iflag |= INPCK | ISTRIP;
+    settings.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO | ECHOE | ISIG);
+    tcsetattr(fd, TCSANOW, &settings);
+    cfsetospeed(&settings, B115200);
+    cfsetispeed(&settings, B115200);
+    tcsetattr(fd, TCSANOW, &settings);
+    tcflush(fd, TCIOFLUSH);
+}
+
+}  // namespace
+
+std::span<const uint8_t> BootloaderCommandBytes(BootloaderCommandId id) {
+    const auto* command =
+        std::find_if(std::begin(kBootloaderCommands), std::end(kBootloaderCommands),
+                     [id](const BootloaderCommand& entry) { return entry.id == id; });
+    return command->bytes;
+}
+
+UniqueFd open_mcu_normal_tty() {
+    UniqueFd fd = OpenUart(0);
+    if (!fd.valid()) {
+        LOGE("open normal tty device error!\n");
+        return fd;
+    }
+    (void)ConfigureUart(fd.get());
+    return fd;
+}
+
+int open_mcu_tty() {
+    g_update_port = OpenUart(O_SYNC);
+    if (!g_update_port.valid()) {
+        LOGE("open update tty device error!\n");
+    } else {
+        ConfigureUpdateLink(g_update_port.get());
+    }
+    return g_update_port.get();
+}
+
+void close_mcu_tty() {
+    g_update_port.Reset();
+}
+
+int mcu_send_cmd(std::span<const uint8_t> bytes, std::chrono::microseconds timeout) {
+    if (bytes.empty()) {
+        LOGE("mcu_send_cmd :cmd null!\n");
+        return -1;
+    }
+    const int fd = g_update_port.get();
+    if (write(fd, bytes.data(), bytes.size()) < 0) {
+        LOGE("write mcu_send_cmd error!\n");
+        return -1;
+    }
+    // An answer that does not come in time counts as one of 0 bytes.
+    std::array<uint8_t, kReplySize> reply{};
+    if (WaitReadable(fd, timeout) > 0 && read(fd, reply.data(), reply.size()) < 0) {
+        LOGE("read mcu_send_cmd error!\n");
+        return -1;
+    }
+    if (reply[0] == kBootloaderAck) return 0;
+    LOGE("read mcu_send_cmd return %x,error!\n", reply[0]);
+    return -1;
+}
+
+ssize_t mcu_serial_read(int fd, std::span<uint8_t> buffer) {
+    const int ready = WaitReadable(fd, kReadTimeout);
+    if (ready <= 0) {
+        LOGE("mcu serial select error or timeout ret = %d.\n", ready);
+        return ready;
+    }
+    const ssize_t count = read(fd, buffer.data(), buffer.size());
+    if (count < 0) LOGE("mcu serial read error.\n");
+    return count;
+}

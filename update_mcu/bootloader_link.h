@@ -1,0 +1,57 @@
+// The link to the MCU's ROM bootloader: opening the UART for it, one acknowledged command at a
+// time, and reads with a time limit. Protocol: the USART protocol of the STM32 system-memory
+// bootloader, ST application note AN3155.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+#include "platform/unique_fd.h"
+
+inline constexpr uint8_t kBootloaderInit = 0x7F;
+inline constexpr uint8_t kBootloaderAck = 0x79;
+
+// AN3155's command codes. The daemon sends Write Memory and Extended Erase.
+enum class BootloaderCommandId : uint32_t {
+    kGet = 0,
+    kGetVersion = 1,
+    kGetId = 2,
+    kGo = 3,
+    kReadMemory = 4,
+    kWriteMemory = 5,
+    kErase = 6,
+    kExtendedErase = 7,
+    kWriteProtect = 8,
+    kWriteUnprotect = 9,
+    kReadoutProtect = 10,
+    kReadoutUnprotect = 11,
+};
+
+// The command byte and its complement, as they are sent.
+[[nodiscard]] std::span<const uint8_t> BootloaderCommandBytes(BootloaderCommandId id);
+
+// How long an acknowledgement may take. The mass erase is the slowest operation: 32 s at most on
+// the slowest parts by their data sheets.
+inline constexpr std::chrono::seconds kAckTimeout{1};
+inline constexpr std::chrono::seconds kMassEraseTimeout{40};
+
+// Opens the UART with the normal link's settings: raw, 8 data bits, no parity, 115200 bit/s.
+// Invalid on failure.
+[[nodiscard]] UniqueFd open_mcu_normal_tty();
+
+// Opens the UART as the update port: raw, 8 data bits, even parity, 1 stop bit, 115200 bit/s, and
+// keeps the descriptor until close_mcu_tty. Returns it, negative on failure. One update port may
+// be open at a time; mcu_update sees to that.
+int open_mcu_tty();
+void close_mcu_tty();
+
+// Sends one command or block to the update port in one write and waits for its acknowledgement.
+// Returns 0 when it came; -1 for any other answer, for none in time, and for failures.
+[[nodiscard]] int mcu_send_cmd(std::span<const uint8_t> bytes,
+                               std::chrono::microseconds timeout = kAckTimeout);
+
+// Reads once, waiting for at most 200 ms. Returns the bytes read, 0 when nothing came, a negative
+// value on an error.
+ssize_t mcu_serial_read(int fd, std::span<uint8_t> buffer);
