@@ -1,0 +1,12 @@
+// The main thread's life after start-up: control requests, one at a time.
+#pragma once
+
+#include "core/sensor_hub.h"
+
+class ControlServer;
+
+// Executes the next queued request and releases it; blocks while there is none.
+void RunMainLoopOnce(SensorHub* hub, ControlServer* control_server);
+
+// Executes requests in the order of their arrival for ever.
+[[noreturn]] void RunMainLoop(SensorHub* hub, ControlServer* control_server);

@@ -1,0 +1,211 @@
+// Start-up: the one place that wires the daemon together; called by main.
+#include "core/startup.h"
+
+#include <cutils/properties.h>
+#include <cutils/sockets.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "core/debug_flag.h"
+#include "core/main_loop.h"
+#include "core/sensor_hub.h"
+#include "core/sensor_table.h"
+#include "mcu_link/byte_order.h"
+#include "mcu_link/reboot_trigger.h"
+#include "mcu_link/serial_port.h"
+#include "platform/delay.h"
+#include "platform/device_path.h"
+#include "platform/log.h"
+#include "platform/unique_fd.h"
+#include "sensor_commands/mcu_config.h"
+#include "sensor_commands/mcu_parameters.h"
+#include "sensor_commands/sensor_commands.h"
+#include "sockets/control_server.h"
+#include "sockets/data_server.h"
+#include "update_mcu/mcu_update.h"
+
+namespace {
+
+constexpr char kLogTag[] = "shd";
+constexpr int kListenBacklog = 5;
+constexpr int kReservedNamespace = 1;
+constexpr std::chrono::seconds kHandshakePause{2};
+constexpr int kPlainHandshakeFailures = 11;  // from the next one on, each is followed by an update
+constexpr int kAccCalibrationLimit = 313;    // exclusive
+constexpr int kBaroCalibrationLimit = 500;   // exclusive
+constexpr size_t kCalibrationFileSize = 64;
+
+using CalibrationBytes = std::array<uint8_t, kCalibrationFileSize>;
+
+// Bytes read, or 0 when there is nothing to read. The bytes behind them are 0.
+size_t ReadCalibrationFile(const char* path, CalibrationBytes* bytes) {
+    bytes->fill(0);
+    const UniqueFd file(open(DevicePath(path).c_str(), O_RDONLY | O_CLOEXEC));
+    if (file.get() <= 0) return 0;
+    const ssize_t count = read(file.get(), bytes->data(), bytes->size());
+    return count > 0 ? static_cast<size_t>(count) : 0;
+}
+
+bool InRange(int value, int limit) {
+    return value > -limit && value < limit;
+}
+
+void InitAccCalibration() {
+    CalibrationBytes bytes;
+    if (ReadCalibrationFile("/nvdata/accclibration", &bytes) == 0) return;
+    const int16_t x = ReadLe<int16_t>(bytes.data());
+    const int16_t y = ReadLe<int16_t>(bytes.data() + 2);
+    const int16_t z = ReadLe<int16_t>(bytes.data() + 4);
+    if (InRange(x, kAccCalibrationLimit) && InRange(y, kAccCalibrationLimit) &&
+        InRange(z, kAccCalibrationLimit)) {
+        g_acc_calibration[0] = x;
+        g_acc_calibration[1] = y;
+        g_acc_calibration[2] = z;
+    }
+    LOGD("InitParameter read clibration info :%d %d %d res:%d\n", x, y, z, kAccCalibrationLimit);
+}
+
+void InitBaroCalibration() {
+    CalibrationBytes bytes;
+    const size_t size = ReadCalibrationFile("/nvdata/BARO", &bytes);
+    if (size == 0) return;
+    const auto end = std::find(bytes.begin(), bytes.begin() + size, uint8_t{0});
+    const std::string text(bytes.begin(), end);
+    const int value = std::atoi(text.c_str());
+    if (InRange(value, kBaroCalibrationLimit)) g_baro_calibration = value;
+    LOGD("InitParameter read clibration info :%s\n", text.c_str());
+}
+
+// The listening socket that init passed on, or one made here. May be negative.
+int TakeServerSocket(const char* name) {
+    const int fd = GetInheritedSocket(name);
+    if (fd <= 0) {
+        LOGD("Failed to get %s from environment: %s\n", name, strerror(errno));
+        return socket_local_server(name, kReservedNamespace, SOCK_STREAM);
+    }
+    if (listen(fd, kListenBacklog) != 0) {
+        LOGE("Listen on socket failed: %s\n", strerror(errno));
+        std::exit(1);
+    }
+    fcntl(fd, F_SETFD, FD_CLOEXEC);
+    return fd;
+}
+
+void Handshake(SensorHub* hub) {
+    LOGD("Send Handshake to sensorhub");
+    for (int failures = 0; SensorHandshake(hub, kHandshakeTimeoutSec) != 0; ++failures) {
+        LOGW("Handshake timeout");
+        Delay(kHandshakePause);
+        if (failures < kPlainHandshakeFailures) continue;
+        LOGW("SensorMcuReboot Handshake timeout update mcu");
+        if (mcu_update() != 0) LOGE("SensorMcuReboot Handshake timeout update mcu failure");
+    }
+    LOGD("Handshake OK");
+}
+
+// False when the property is not set or empty.
+bool ReadProperty(const char* name, int* value) {
+    char text[PROPERTY_VALUE_MAX];
+    if (property_get(name, text, nullptr) == 0) return false;
+    *value = std::atoi(text);
+    return true;
+}
+
+void ApplyProperties(SensorHub* hub) {
+    if (const auto level = RestoreMcuLogLevel(hub)) LOGD("Set MCU Log Level : %d", *level);
+    int value = 0;
+    if (ReadProperty("persist.velmar.shd.debug", &value)) {
+        g_shd_log_debug = value;
+        LOGD("Set shd log debug : %d", value);
+    }
+    if (ReadProperty("persist.velmar.shd.mcureboot", &value)) {
+        g_mcu_reboot_disable = value;
+        LOGD("Set shd mcu reboot disable : %d", value);
+    }
+}
+
+void ApplyRawDataProperty(SensorHub* hub) {
+    int type = 0;
+    if (!ReadProperty("persist.velmar.shd.rawdatatype", &type) || type < 1 || type > 3) return;
+    (void)McuRawDataConfig(hub, static_cast<uint16_t>(type));
+    LOGD("Set MCU Raw data Log Level : %d", type);
+}
+
+bool StartReader(ListenArgs* args) {
+    pthread_t thread{};
+    if (pthread_create(&thread, nullptr, ListsenThread, args) == 0) return true;
+    LOGE("pthread_create ListsenThread failure");
+    return false;
+}
+
+}  // namespace
+
+int SetCoreDumpLimit() {
+    rlimit limit{};
+    if (const int result = getrlimit(RLIMIT_CORE, &limit); result != 0) return result;
+    const rlimit unlimited{RLIM_INFINITY, RLIM_INFINITY};
+    if (setrlimit(RLIMIT_CORE, &unlimited) == 0) return 0;
+    limit.rlim_cur = limit.rlim_max;
+    return setrlimit(RLIMIT_CORE, &limit);
+}
+
+void InitParameter() {
+    InitAccCalibration();
+    InitBaroCalibration();
+}
+
+int GetInheritedSocket(const char* name) {
+    constexpr size_t kMaxNameSize = 47;
+    const std::string variable = "ANDROID_SOCKET_" + std::string(name).substr(0, kMaxNameSize);
+    const char* value = std::getenv(variable.c_str());
+    if (value == nullptr) return -1;
+    errno = 0;
+    const long number = std::strtol(value, nullptr, 10);
+    return errno != 0 ? -1 : static_cast<int>(number);
+}
+
+int RunDaemon() {
+    // A client or a control file whose other end has gone must show as a failed write.
+    std::signal(SIGPIPE, SIG_IGN);
+    {
+        const MutexLock lock(g_sensor_state_mutex);
+        g_sensor_state.fill(SensorState{});
+    }
+    (void)SetCoreDumpLimit();
+    InitParameter();
+    const int control_socket = TakeServerSocket("shdctl");
+    const int data_socket = TakeServerSocket("shddata");
+    if (mcu_version_check() == 0 && mcu_update() != 0) return -1;
+    (void)g_board_serial.Open();  // a port that stays closed shows up as failing writes
+
+    SensorHub hub;
+    ControlServer control_server(control_socket);
+    control_server.set_owner(&hub);
+    DataServer data_server(data_socket);
+    (void)control_server.Start();  // without one of its sockets the daemon serves the other
+    (void)data_server.Start();
+    LOGD("Start sensorhub daemon, control server create ok");
+
+    hub.serial_port = &g_board_serial;
+    hub.data_server = &data_server;
+    ListenArgs listen_args{&hub, &g_board_serial};
+    if (!StartReader(&listen_args)) return -1;
+    Handshake(&hub);
+    ApplyProperties(&hub);
+    LOGD("Set parameter");
+    SendMcuParameters(&hub);
+    LOGD("Set parameter OK, start loop");
+    ApplyRawDataProperty(&hub);
+    RunMainLoop(&hub, &control_server);
+}
