@@ -12,6 +12,8 @@
 
 namespace {
 
+std::string FormatMessage(const char* fmt, va_list args) __attribute__((format(printf, 1, 0)));
+
 std::string FormatMessage(const char* fmt, va_list args) {
     std::array<char, 512> text{};
     va_list again;
