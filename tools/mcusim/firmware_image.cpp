@@ -4,16 +4,15 @@
 
 #include <algorithm>
 #include <array>
-#include <bit>
 #include <cstring>
 #include <iterator>
 #include <random>
 #include <stdexcept>
 
+#include "update_mcu/firmware_image.h"
+
 namespace mcusim {
 namespace {
-
-static_assert(std::endian::native == std::endian::little, "records are memory images");
 
 // Vector table of the Cortex-M4 core: initial stack pointer, reset vector, 14 core exceptions.
 constexpr uint32_t kStackTop = 0x20020000;
@@ -31,18 +30,6 @@ struct Descriptor {
 static_assert(sizeof(Descriptor) == 80 && offsetof(Descriptor, version) == 16);
 constexpr size_t kDescriptorOffset = kVectorCount * sizeof(uint32_t);
 constexpr std::array<char, 8> kMarker = {'M', 'C', 'U', 'S', 'I', 'M', 'F', 'W'};
-
-// Header of mcu.bin, little-endian.
-struct ImageHeader {
-    uint32_t magic;                                   // @0
-    uint32_t header_len;                              // @4 bytes
-    uint32_t image_size;                              // @8 bytes
-    std::array<uint8_t, 20> reserved;                 // @12
-    std::array<char, kMaxVersionLength + 1> version;  // @32 NUL-terminated
-    std::array<uint8_t, 128> reserved2;               // @96
-};
-static_assert(sizeof(ImageHeader) == 224 && offsetof(ImageHeader, version) == 32);
-constexpr uint32_t kImageMagic = 0xFFAAAAFF;
 
 // CRC-32 of IEEE 802.3 (reflected, polynomial 0x04C11DB7).
 constexpr std::array<uint32_t, 256> kCrcTable = [] {
@@ -137,9 +124,11 @@ std::optional<std::string> RunningVersion(const Flash& flash) {
 
 std::vector<uint8_t> WrapImage(std::string_view version, std::span<const uint8_t> payload) {
     CheckVersion(version);
-    ImageHeader header{
-        kImageMagic, sizeof(ImageHeader), static_cast<uint32_t>(payload.size()), {}, {}, {}};
-    version.copy(header.version.data(), version.size());
+    mcu_head header{};
+    header.magic = kFirmwareMagic;
+    header.header_len = sizeof(header);
+    header.image_size = static_cast<uint32_t>(payload.size());
+    version.copy(header.version, version.size());
     std::vector<uint8_t> image;
     image.reserve(sizeof(header) + payload.size());
     Append(image, header);

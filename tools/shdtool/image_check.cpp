@@ -4,29 +4,17 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <array>
+#include <cstring>
 #include <utility>
 
 #include "tools/mcusim/firmware_image.h"
+#include "update_mcu/firmware_image.h"
 
 namespace shdtool {
 namespace {
 
-// Layout of the header, little-endian: magic @0, header_len @4, image_size @8, version @32.
-constexpr size_t kHeaderSize = 224;
-constexpr size_t kReservedOffset = 12;
-constexpr size_t kVersionOffset = 32;
-constexpr size_t kLastVersionByte = 95;
-constexpr uint32_t kMagic = 0xFFAAAAFF;
 constexpr std::string_view kBoardCode = "900";
-
-using Header = std::array<uint8_t, kHeaderSize>;
-
-uint32_t WordAt(const Header& header, size_t offset) {
-    uint32_t value = 0;
-    for (size_t i = sizeof(value); i-- > 0;) value = value << 8 | header.at(offset + i);
-    return value;
-}
+constexpr size_t kLastVersionByte = sizeof(mcu_head::version) - 1;
 
 bool AllZero(std::span<const uint8_t> bytes) {
     return std::all_of(bytes.begin(), bytes.end(), [](uint8_t byte) { return byte == 0; });
@@ -36,8 +24,8 @@ void Judge(ImageReport& image) {
     const auto refuse = [&image](std::string reason) {
         image.refusals.push_back(std::move(reason));
     };
-    if (image.magic != kMagic) {
-        refuse(fmt::format("magic is 0x{:08x}, not 0x{:08x}", image.magic, kMagic));
+    if (image.magic != kFirmwareMagic) {
+        refuse(fmt::format("magic is 0x{:08x}, not 0x{:08x}", image.magic, kFirmwareMagic));
     }
     if (image.version.find('.') == std::string::npos) {
         refuse("the version has no '.', so there is no board code behind it");
@@ -56,15 +44,15 @@ void Judge(ImageReport& image) {
     }
 }
 
-void Note(ImageReport& image, const Header& header) {
+void Note(ImageReport& image, const mcu_head& header) {
     const auto note = [&image](const char* text) { image.notes.emplace_back(text); };
-    const auto bytes = std::span(header);
-    if (header[kLastVersionByte] != 0) note("byte 95 is not NUL; the daemon reads it as NUL");
-    if (!AllZero(bytes.subspan(kReservedOffset, kVersionOffset - kReservedOffset)) ||
-        !AllZero(bytes.subspan(kLastVersionByte + 1))) {
+    if (header.version[kLastVersionByte] != '\0') {
+        note("byte 95 is not NUL; the daemon reads it as NUL");
+    }
+    if (!AllZero(header.reserved0) || !AllZero(header.reserved1)) {
         note("reserved header bytes are not 0; the daemon ignores them");
     }
-    if (image.header_len != kHeaderSize) {
+    if (image.header_len != sizeof(mcu_head)) {
         note("header_len is not 224, so the payload does not follow the header directly");
     }
     if (image.image_size == 0) {
@@ -81,15 +69,14 @@ void Note(ImageReport& image, const Header& header) {
 }  // namespace
 
 ImageReport ExamineImage(std::span<const uint8_t> file) {
-    Header header{};
-    std::copy_n(file.begin(), std::min(file.size(), kHeaderSize), header.begin());
+    mcu_head header{};
+    if (!file.empty()) std::memcpy(&header, file.data(), std::min(file.size(), sizeof(header)));
     ImageReport image;
     image.file_size = file.size();
-    image.magic = WordAt(header, 0);
-    image.header_len = WordAt(header, 4);
-    image.image_size = WordAt(header, 8);
-    const auto text = header.begin() + kVersionOffset;
-    image.version.assign(text, std::find(text, header.begin() + kLastVersionByte, 0));
+    image.magic = header.magic;
+    image.header_len = header.header_len;
+    image.image_size = header.image_size;
+    image.version.assign(header.version, strnlen(header.version, kLastVersionByte));
     const size_t dot = image.version.find('.');
     if (dot != std::string::npos) image.board_code = image.version.substr(dot + 1, 3);
     if (image.header_len <= file.size()) {
