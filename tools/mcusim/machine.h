@@ -1,0 +1,60 @@
+// The simulated machine without its surroundings: line, board, MCU and flash wired together. The
+// simulator moves the bytes between it and the device files and passes commands on to it.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+
+#include "tools/mcusim/application.h"
+#include "tools/mcusim/board.h"
+#include "tools/mcusim/bootloader.h"
+#include "tools/mcusim/faults.h"
+#include "tools/mcusim/flash.h"
+#include "tools/mcusim/serial_line.h"
+#include "tools/mcusim/signals.h"
+#include "tools/mcusim/transmitter.h"
+
+namespace mcusim {
+
+struct MachineOptions {
+    uint32_t baud = 115200;  // 0: bytes take no time
+    uint64_t seed = 1;
+    TimePoint boot_delay = std::chrono::milliseconds(300);
+    BootloaderTimings bootloader_timings;
+};
+
+class Machine {
+  public:
+    // flash must outlive the machine. Switches the power on at time 0.
+    Machine(Flash& flash_memory, const MachineOptions& options);
+
+    // The host has written these bytes.
+    void HostWrote(TimePoint at, std::span<const uint8_t> bytes);
+    // The MCU has been woken through its sleep file.
+    void CountWakeups(uint64_t count) { wakeups_ += count; }
+
+    // Lets everything happen that is due by now. Times passed in must not go back.
+    void Advance(TimePoint now);
+    // The next bytes that have reached the host by now; call until there are none.
+    [[nodiscard]] std::optional<Burst> TakeOutput(TimePoint now) { return line.TakeDue(now); }
+    [[nodiscard]] std::optional<TimePoint> NextDue() const;
+
+    // The figures of the "stats" command as one line of JSON.
+    [[nodiscard]] std::string Stats(TimePoint now) const;
+
+    Flash& flash;
+    SerialLine line;
+    Faults faults;
+    Signals signals;
+    Transmitter transmitter;
+    Application application;
+    Bootloader bootloader;
+    Board board;
+
+  private:
+    uint64_t wakeups_ = 0;
+};
+
+}  // namespace mcusim

@@ -1,0 +1,70 @@
+// The program mcusim: options in, simulator out. Run by people, by scripts/run and by the
+// integration tests.
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <cstdio>
+#include <exception>
+
+#include "tools/mcusim/commands.h"
+#include "tools/mcusim/simulator.h"
+
+namespace {
+
+// Files that are opened later must not become one of the standard descriptors.
+void FillStandardDescriptors() {
+    int fd = 0;
+    do {
+        fd = open("/dev/null", O_RDWR | O_CLOEXEC);
+    } while (fd >= 0 && fd <= STDERR_FILENO);
+    if (fd >= 0) close(fd);
+}
+
+int RunSimulator(const mcusim::SimulatorOptions& options) {
+    mcusim::Simulator simulator(options);
+    fmt::print("mcusim: ready {}\n", options.root);
+    std::fflush(stdout);
+    simulator.Run();
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    FillStandardDescriptors();
+    for (const int number : {SIGPIPE, SIGTTIN, SIGTTOU}) std::signal(number, SIG_IGN);
+
+    CLI::App app("The simulated sensor-hub MCU and its board, below a directory of its own.");
+    mcusim::SimulatorOptions options;
+    double boot_delay_sec = 0.3;
+    app.add_option("--root", options.root, "directory to serve; made when missing")->required();
+    app.add_option("--baud", options.machine.baud, "line speed in bit/s; 0: bytes take no time")
+        ->capture_default_str();
+    app.add_option("--seed", options.machine.seed, "of every signal and of every random fault")
+        ->capture_default_str();
+    app.add_option("--boot-delay", boot_delay_sec, "seconds from a reset to a listening firmware")
+        ->check(CLI::Range(0.0, 3600.0))
+        ->capture_default_str();
+    app.add_option("--flash-time-scale", options.machine.bootloader_timings.scale,
+                   "factor on the flash's erase and program times; 0: instant")
+        ->check(CLI::Range(0.0, 1000.0))
+        ->capture_default_str();
+    app.add_option("--firmware-version", options.firmware_version,
+                   "put a firmware with this version text into flash [SIM.900.0001]");
+    app.add_flag("--blank", options.blank, "start with an erased flash");
+    app.add_flag("--keep", options.keep, "leave the flash contents (mcusim/) behind at the end");
+    app.footer("Commands, on standard input and on DIR/dev/socket/mcusim:\n" +
+               mcusim::CommandHelp());
+    CLI11_PARSE(app, argc, argv);
+    options.machine.boot_delay = mcusim::FromSeconds(boot_delay_sec);
+
+    try {
+        return RunSimulator(options);
+    } catch (const std::exception& error) {
+        fmt::print(stderr, "mcusim: {}\n", error.what());
+        return 1;
+    }
+}

@@ -1,0 +1,62 @@
+// The simulator as a process: the machine, the device tree around it and the one event loop that
+// moves bytes between them. main() makes one and runs it.
+#pragma once
+
+#include <poll.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/unique_fd.h"
+#include "tools/mcusim/command_channel.h"
+#include "tools/mcusim/device_tree.h"
+#include "tools/mcusim/flash.h"
+#include "tools/mcusim/machine.h"
+#include "tools/mcusim/pty.h"
+
+namespace mcusim {
+
+struct SimulatorOptions {
+    std::string root;
+    std::optional<std::string> firmware_version;  // nothing: the one in flash, else the default
+    bool blank = false;
+    bool keep = false;
+    MachineOptions machine;
+};
+
+class Simulator {
+  public:
+    // Makes the tree and switches the machine on; throws when something is in the way.
+    explicit Simulator(const SimulatorOptions& options);
+
+    // Serves until quit, SIGINT, SIGTERM or SIGHUP.
+    void Run();
+
+  private:
+    struct ControlFiles {
+        UniqueFd sleep, lpm, boot0, boot1, reset;
+    };
+
+    void MakeTree();
+    void PrepareFlash(const SimulatorOptions& options);
+    [[nodiscard]] TimePoint Now() const;
+    void ServeControlFiles(TimePoint now);
+    void ServeInput(TimePoint now);
+    void ServeOutput(TimePoint now);
+    void Wait();
+
+    DeviceTree tree_;
+    UniqueFd signals_;
+    Pty pty_;
+    std::optional<Flash> flash_;
+    ControlFiles files_;
+    TimePoint start_;
+    std::unique_ptr<Machine> machine_;
+    std::unique_ptr<CommandChannel> channel_;
+    TimePoint lateness_{0};  // by which the last bytes reached the host after they were due
+    bool quit_ = false;
+};
+
+}  // namespace mcusim
