@@ -1,0 +1,73 @@
+// Follows the hub's events across restarts of the daemon: connects, filters by sensor, stamps the
+// arrival and reconnects. The core of every tool that watches, records or audits.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "events/sensor_event.h"
+#include "tools/client/event_decoder.h"
+#include "tools/client/event_stream.h"
+#include "tools/client/result.h"
+
+namespace shdclient {
+
+struct WatchedEvent {
+    SensorEvent record;
+    DecodedEvent decoded;
+    int64_t arrival_ns;  // CLOCK_BOOTTIME when it was read, the clock of decoded.timestamp_ns
+};
+
+struct WatchOptions {
+    std::vector<int32_t> handles;  // empty: all sensors
+    bool flush_complete = true;    // deliver the flush-complete events of these sensors, too
+    bool reconnect = true;         // false: Poll fails with kDisconnected when the daemon goes
+};
+
+enum class WatchChange : uint8_t {
+    kNone,         // still as before, connected or not
+    kLost,         // the daemon has gone; Poll goes on trying to reconnect
+    kReconnected,  // a daemon is back; events between the two are lost
+};
+
+// Not thread-safe: one thread at a time.
+class EventWatcher {
+  public:
+    EventWatcher(std::string root, WatchOptions options);
+
+    // The first connection. Errors as EventStream::Connect; call it again to try again.
+    [[nodiscard]] Status Open();
+
+    // Waits at most timeout for events and appends those that have arrived. Returns at once when
+    // some have, when the connection changed, or when a signal was caught (no events, kNone): the
+    // caller looks at its flags and calls again. While disconnected it tries to reconnect every
+    // 100 ms within the timeout. Fails only with kDisconnected, and only without reconnect.
+    [[nodiscard]] Result<WatchChange> Poll(std::chrono::milliseconds timeout,
+                                           std::vector<WatchedEvent>& events);
+
+    [[nodiscard]] bool connected() const { return stream_.has_value(); }
+    // Bytes dropped in search of the next record, over all connections: not 0 means that the
+    // daemon had to cut a record because events were not read fast enough.
+    [[nodiscard]] uint64_t discarded_bytes() const;
+    // For a poll loop of the caller's own; -1 while disconnected.
+    [[nodiscard]] int fd() const { return stream_ ? stream_->fd() : -1; }
+
+  private:
+    [[nodiscard]] Result<WatchChange> ReadEvents(std::vector<WatchedEvent>& events);
+    [[nodiscard]] WatchChange TryToReconnect(std::chrono::milliseconds timeout);
+    [[nodiscard]] bool Wanted(const DecodedEvent& event) const;
+
+    const std::string root_;
+    const WatchOptions options_;
+    std::optional<EventStream> stream_;
+    uint64_t discarded_earlier_ = 0;
+    std::vector<SensorEvent> records_;
+};
+
+// Nanoseconds of CLOCK_BOOTTIME.
+[[nodiscard]] int64_t BootTimeNs();
+
+}  // namespace shdclient

@@ -1,0 +1,76 @@
+// shdtool, the command line of the sensor hub: parses the arguments and runs one command. Called
+// by people, scripts and tests.
+#include <fmt/core.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <exception>
+#include <string>
+#include <vector>
+
+#include "tools/client/local_socket.h"
+#include "tools/shdtool/commands.h"
+
+namespace {
+
+constexpr double kMaxTimeoutSec = 86'400;
+
+void AddGlobalOptions(CLI::App& app, shdtool::Context& context) {
+    app.require_subcommand(1);
+    app.fallthrough();  // the global options are understood behind the command, too
+    app.set_help_flag("-h,--help", "Show this help");
+    app.add_option("--root", context.root,
+                   "Directory tree of the daemon (default: SHD_ROOT, else the device's own)")
+        ->type_name("DIR");
+    app.add_flag("--json", context.json, "Print one JSON object instead of text");
+    app.add_option("--timeout", context.timeout_sec, "Longest wait for a reply in seconds (15)")
+        ->check(shdtool::Between(0.001, kMaxTimeoutSec))
+        ->type_name("SEC");
+    app.footer(
+        "Exit status: 0 success, 1 the hub or the MCU refused or a check failed, 2 wrong usage,\n"
+        "3 no daemon there.\n"
+        "Example:\n"
+        "  shdtool enable accelerometer --rate 50 && shdtool watch accelerometer --count 10");
+}
+
+std::string UsageError(const CLI::App* app, const CLI::Error& error) {
+    if (app->get_subcommands().empty() && error.get_name() == "RequiredError") {
+        const std::vector<std::string> words = app->remaining();
+        const std::string complaint =
+            words.empty() ? "name a command" : fmt::format("there is no command '{}'", words[0]);
+        return fmt::format("shdtool: {}; 'shdtool --help' lists them\n", complaint);
+    }
+    std::string command = "shdtool";
+    for (const CLI::App* sub : app->get_subcommands()) command += " " + sub->get_name();
+    return fmt::format("shdtool: {}\nsee '{} --help'\n", error.what(), command);
+}
+
+int Main(int argc, char** argv) {
+    shdtool::Context context;
+    context.root = shdclient::DefaultRoot();
+    CLI::App app("Talks to shd, the sensor-hub daemon, over its local sockets.", "shdtool");
+    AddGlobalOptions(app, context);
+    app.failure_message(UsageError);
+
+    shdtool::AddListCommand(app, context);
+    shdtool::AddSensorCommands(app, context);
+    shdtool::AddWatchCommand(app, context);
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? shdtool::kExitSuccess : shdtool::kExitUsage;
+    }
+    return context.exit_status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return Main(argc, argv);
+    } catch (const std::exception& error) {
+        (void)std::fprintf(stderr, "shdtool: internal error: %s\n", error.what());
+        return shdtool::kExitRefused;
+    }
+}
