@@ -13,10 +13,9 @@
 #include <vector>
 
 #include "tools/mcusim/flash.h"
+#include "tools/mcusim/sim_time.h"
 
 namespace mcusim {
-
-using TimePoint = std::chrono::nanoseconds;  // virtual time of the board
 
 // Typical times of the STM32F411xE datasheet (DS10314) at 2.7 to 3.6 V, 32-bit parallelism. The
 // mass erase works on all sectors together and so takes less than the sectors one by one.
