@@ -18,13 +18,15 @@ Application::Application(Signals& signals, Faults& faults, Transmitter& transmit
     : signals_(signals),
       faults_(faults),
       transmitter_(transmitter),
-      sensors_(signals, transmitter) {}
+      sensors_(signals, transmitter),
+      raw_data_(signals, transmitter) {}
 
 void Application::Boot(TimePoint now, std::string version) {
     version_ = std::move(version);
     log_level_ = kLogLevelInfo;
     signals_.PowerOn(now);
     sensors_.Reset();
+    raw_data_.Reset();
     reader_.Clear();
     deferred_.clear();
     Log(now, kLogLevelInfo, "boot, firmware " + version_);
@@ -32,6 +34,7 @@ void Application::Boot(TimePoint now, std::string version) {
 
 void Application::Resume(TimePoint now) {
     sensors_.Resume(now);
+    raw_data_.Resume(now);
     reader_.Clear();
     deferred_.clear();
 }
@@ -71,19 +74,28 @@ void Application::Execute(std::span<const uint8_t> packet, TimePoint at) {
     if (entry == nullptr) return Refuse(request, kStatusUnsupported, at);
     if (request.args.size() < entry->min_args) return Refuse(request, kStatusBadArgument, at);
     (this->*entry->handler)(request, at);
+    raw_data_.Gate(sensors_.Find(kStepCounter)->active, sensors_.Find(kHeartRate)->active, at);
 }
 
 void Application::Advance(TimePoint now) {
     while (!deferred_.empty() && deferred_.begin()->first <= now) {
         const auto next = deferred_.extract(deferred_.begin());
-        sensors_.Advance(next.key());
+        RunSensors(next.key());
         Execute(next.mapped(), next.key());
     }
+    RunSensors(now);
+}
+
+void Application::RunSensors(TimePoint now) {
     sensors_.Advance(now);
+    raw_data_.Advance(now);
 }
 
 std::optional<TimePoint> Application::NextDue() const {
     std::optional<TimePoint> next = sensors_.NextDue();
+    if (const std::optional<TimePoint> due = raw_data_.NextDue()) {
+        next = std::min(next.value_or(*due), *due);
+    }
     if (!deferred_.empty()) {
         const TimePoint due = deferred_.begin()->first;
         next = std::min(next.value_or(due), due);

@@ -12,6 +12,7 @@
 #include "tools/mcusim/faults.h"
 #include "tools/mcusim/frame.h"
 #include "tools/mcusim/packet.h"
+#include "tools/mcusim/raw_data.h"
 #include "tools/mcusim/sensor_bank.h"
 #include "tools/mcusim/signals.h"
 #include "tools/mcusim/sim_time.h"
@@ -43,7 +44,7 @@ class Application {
 
     [[nodiscard]] SensorBank& sensors() { return sensors_; }
     [[nodiscard]] const SensorBank& sensors() const { return sensors_; }
-    [[nodiscard]] const std::string& version() const { return version_; }
+    [[nodiscard]] const RawDataStreams& raw_data() const { return raw_data_; }
     [[nodiscard]] uint64_t frames_in() const { return frames_in_; }
     [[nodiscard]] uint64_t bad_frames_in() const { return reader_.bad_frames(); }
 
@@ -75,12 +76,14 @@ class Application {
     void HealthConfig(const Request& request, TimePoint at);
     void SetClock(const Request& request, TimePoint at);
     void SetLogLevel(const Request& request, TimePoint at);
+    void ConfigureRawData(const Request& request, TimePoint at);
     void Version(const Request& request, TimePoint at);
 
     Signals& signals_;
     Faults& faults_;
     Transmitter& transmitter_;
     SensorBank sensors_;
+    RawDataStreams raw_data_;
     FrameReader reader_;
     FrameWatcher watcher_;
     std::multimap<TimePoint, Bytes> deferred_;  // requests by the time of their execution

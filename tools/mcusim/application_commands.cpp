@@ -22,6 +22,7 @@ const Application::CommandEntry Application::kCommands[] = {
     {Addressee::kControl, 0, 0, 0, kAtOnce, &Application::Handshake},
     {Addressee::kService, kServiceClock, kCommandSetClock, 8, kAtOnce, &Application::SetClock},
     {Addressee::kService, kServiceLog, kCommandLogLevel, 2, kAtOnce, &Application::SetLogLevel},
+    {Addressee::kService, kServiceLog, kCommandRawData, 2, kAtOnce, &Application::ConfigureRawData},
     {Addressee::kService, kServiceVersion, 0, 0, kAtOnce, &Application::Version},
     {Addressee::kService, kServiceVersion, 1, 0, kAtOnce, &Application::Version},
     {Addressee::kService, kServiceVersion, 2, 0, kAtOnce, &Application::Version},
@@ -162,6 +163,13 @@ void Application::SetClock(const Request& request, TimePoint at) {
 
 void Application::SetLogLevel(const Request& request, TimePoint at) {
     log_level_ = request.args[1];
+    ReplyStatus(request, kStatusOk, at);
+}
+
+void Application::ConfigureRawData(const Request& request, TimePoint at) {
+    if (!raw_data_.Configure(static_cast<uint16_t>(Read16(request.args, 0)))) {
+        return Refuse(request, kStatusBadArgument, at);
+    }
     ReplyStatus(request, kStatusOk, at);
 }
 

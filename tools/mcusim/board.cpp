@@ -92,8 +92,9 @@ bool Board::Hang(TimePoint now, bool hard) {
     return true;
 }
 
-void Board::HangAfterOutput() {
-    mode_ = Mode::kHung;
+void Board::HangAfterOutput(TimePoint now) {
+    resumable_ = false;
+    Enter(Mode::kHung, now);
 }
 
 void Board::Resume(TimePoint now) {

@@ -47,7 +47,7 @@ class Board {
     // reset or Resume. False in the bootloader, which cannot hang.
     [[nodiscard]] bool Hang(TimePoint now, bool hard);
     // As Hang, but what is already queued still goes out: the end of a crash.
-    void HangAfterOutput();
+    void HangAfterOutput(TimePoint now);
     void Resume(TimePoint now);
     void PulseReset(TimePoint now);
     // Takes the power away at this moment and gives it back after that time.

@@ -4,11 +4,13 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <fstream>
 #include <iterator>
 #include <span>
 #include <stdexcept>
 
 #include "tools/mcusim/command_args.h"
+#include "tools/mcusim/core_dump.h"
 
 namespace mcusim {
 namespace {
@@ -40,6 +42,11 @@ void Require(bool ok, const char* why) {
     if (!ok) throw CommandError(why);
 }
 
+void RequireApplication(const CommandContext& context) {
+    Require(context.machine.board.mode() == Board::Mode::kApplication,
+            "the application is not running");
+}
+
 CommandAction ParseHang(CommandArgs& args) {
     const bool hard = args.TakeIf("hard");
     return Do([hard](CommandContext& context) {
@@ -68,8 +75,7 @@ CommandAction ParseNoReply(CommandArgs& args) {
 
 CommandAction ParseLog(CommandArgs& args) {
     return Do([text = std::string(args.Rest())](CommandContext& context) {
-        Require(context.machine.board.mode() == Board::Mode::kApplication,
-                "the application is not running");
+        RequireApplication(context);
         context.machine.application.Log(context.now, text);
     });
 }
@@ -93,10 +99,34 @@ CommandAction ParseHeart(CommandArgs& args) {
 
 CommandAction ParseTilt(CommandArgs&) {
     return Do([](CommandContext& context) {
-        Require(context.machine.board.mode() == Board::Mode::kApplication &&
-                    context.machine.application.sensors().EmitTilt(context.now),
+        RequireApplication(context);
+        Require(context.machine.application.sensors().EmitTilt(context.now),
                 "the wrist-tilt sensor is off");
     });
+}
+
+void KeepDump(const std::string& directory, std::span<const uint8_t> dump) {
+    const std::string path = directory + "/last_dump.bin";
+    std::ofstream file(path, std::ios::binary);
+    file.write(reinterpret_cast<const char*>(dump.data()),
+               static_cast<std::streamsize>(dump.size()));
+    file.close();
+    if (!file) throw CommandError(path + " cannot be written");
+}
+
+CommandAction ParseCrash(CommandArgs& args) {
+    int pieces = kDefaultDumpPieces;
+    bool ask_for_reset = !args.TakeIf("noreboot");
+    if (ask_for_reset && !args.AtEnd()) {
+        pieces = static_cast<int>(args.Integer("pieces", 1, kMaxDumpPieces));
+        ask_for_reset = !args.TakeIf("noreboot");
+    }
+    return [=](CommandContext& context) {
+        RequireApplication(context);
+        const auto dump = context.machine.Crash(context.now, pieces, ask_for_reset);
+        KeepDump(context.state_directory, dump);
+        return fmt::format("{} bytes in {} pieces", dump.size(), pieces);
+    };
 }
 
 CommandAction ParseBrownout(CommandArgs& args) {
@@ -154,6 +184,8 @@ constexpr CommandSpec kCommands[] = {
     {"steps", "+N", "count N more steps", ParseSteps},
     {"heart", "BPM|auto", "set the heart rate; auto: the model's own again", ParseHeart},
     {"tilt", "", "report a wrist tilt gesture now", ParseTilt},
+    {"crash", "[PIECES] [noreboot]",
+     "send a core dump in PIECES pieces (6) that asks for a reset, then stand still", ParseCrash},
     {"reset", "", "a pulse on the reset line; boot pin 0 selects what starts",
      [](CommandArgs&) {
          return Do([](CommandContext& context) { context.machine.board.PulseReset(context.now); });

@@ -16,6 +16,7 @@ struct CommandContext {
     Machine& machine;
     TimePoint now;
     bool& quit;  // set to end the simulator
+    const std::string& state_directory;
 };
 
 // A command that is wrong or that cannot be carried out now; what() says why.

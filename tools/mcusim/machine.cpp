@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
+#include "tools/mcusim/core_dump.h"
 #include "tools/mcusim/firmware_image.h"
 
 namespace mcusim {
@@ -16,7 +17,8 @@ Machine::Machine(Flash& flash_memory, const MachineOptions& options)
       transmitter(line, faults),
       application(signals, faults, transmitter),
       bootloader(flash, options.bootloader_timings),
-      board(flash, line, application, bootloader, options.boot_delay) {
+      board(flash, line, application, bootloader, options.boot_delay),
+      seed_(options.seed) {
     board.PowerOn(TimePoint(0));
 }
 
@@ -37,6 +39,22 @@ std::optional<TimePoint> Machine::NextDue() const {
     const std::optional<TimePoint> of_board = board.NextDue();
     if (of_line && of_board) return std::min(*of_line, *of_board);
     return of_line ? of_line : of_board;
+}
+
+std::vector<uint8_t> Machine::Crash(TimePoint now, int pieces, bool ask_for_reset) {
+    const auto count = static_cast<size_t>(pieces);
+    // Each crash of a run leaves another dump.
+    std::vector<uint8_t> dump =
+        BuildCoreDump(seed_ + crashes_++, std::min(kDumpBytes, count * kMaxDumpPieceBytes));
+    uint8_t index = 0;
+    for (const std::span<const uint8_t> piece : CutDump(dump, count)) {
+        Bytes data = {static_cast<uint8_t>(ask_for_reset), static_cast<uint8_t>(pieces), ++index};
+        data.insert(data.end(), piece.begin(), piece.end());
+        (void)transmitter.Send(now, BuildChannelPacket(kChannelCoreDump, data),
+                               FrameKind::kCoreDump);  // never refused
+    }
+    board.HangAfterOutput(now);
+    return dump;
 }
 
 std::string Machine::Stats(TimePoint now) const {
@@ -60,12 +78,14 @@ std::string Machine::Stats(TimePoint now) const {
         {"mode", board.ModeName()},
         {"version", RunningVersion(flash).value_or("")},
         {"resets", board.resets()},
+        {"crashes", crashes_},
         {"power_cuts", board.power_cuts()},
         {"wakeups", wakeups_},
         {"frames_in", application.frames_in()},
         {"bad_frames_in", application.bad_frames_in()},
         {"frames_out", transmitter.frames_out()},
         {"frames_refused", transmitter.frames_refused()},
+        {"raw_data_messages", application.raw_data().messages()},
         {"fault_dropped_in", faults.dropped_in()},
         {"fault_dropped_out", faults.dropped_out()},
         {"fault_corrupted_out", faults.corrupted_out()},

@@ -6,6 +6,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "tools/mcusim/application.h"
 #include "tools/mcusim/board.h"
@@ -41,6 +42,10 @@ class Machine {
     [[nodiscard]] std::optional<Burst> TakeOutput(TimePoint now) { return line.TakeDue(now); }
     [[nodiscard]] std::optional<TimePoint> NextDue() const;
 
+    // The firmware crashes: it sends a core dump in that many pieces, which asks the host for a
+    // reset or does not, and stands still. Returns the dump. The application must be running.
+    std::vector<uint8_t> Crash(TimePoint now, int pieces, bool ask_for_reset);
+
     // The figures of the "stats" command as one line of JSON.
     [[nodiscard]] std::string Stats(TimePoint now) const;
 
@@ -54,7 +59,9 @@ class Machine {
     Board board;
 
   private:
+    const uint64_t seed_;
     uint64_t wakeups_ = 0;
+    uint64_t crashes_ = 0;
 };
 
 }  // namespace mcusim

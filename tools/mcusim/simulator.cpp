@@ -55,7 +55,10 @@ std::string Drain(int fd) {
 }  // namespace
 
 Simulator::Simulator(const SimulatorOptions& options)
-    : tree_(options.root), signals_(EndingSignals()), start_(Monotonic()) {
+    : tree_(options.root),
+      state_directory_(tree_.Path("mcusim")),
+      signals_(EndingSignals()),
+      start_(Monotonic()) {
     prctl(PR_SET_TIMERSLACK, 1UL);
     if (options.keep) tree_.KeepState();
     PrepareFlash(options);
@@ -68,7 +71,7 @@ Simulator::Simulator(const SimulatorOptions& options)
     tree_.Adopt(socket);
     channel_ =
         std::make_unique<CommandChannel>(tree_.Path(socket), [this](const std::string& line) {
-            CommandContext context{*machine_, Now(), quit_};
+            CommandContext context{*machine_, Now(), quit_, state_directory_};
             machine_->Advance(context.now);
             return RunCommand(line, context);
         });
@@ -78,6 +81,7 @@ void Simulator::PrepareFlash(const SimulatorOptions& options) {
     const std::string path = "mcusim/flash.bin";
     const bool fresh = !std::filesystem::exists(tree_.Path(path));
     tree_.Adopt(path);
+    tree_.Adopt("mcusim/last_dump.bin");
     flash_.emplace(tree_.Path(path));
     const std::string version = options.firmware_version.value_or(kDefaultVersion);
     if (options.blank) {

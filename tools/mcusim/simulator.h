@@ -48,6 +48,7 @@ class Simulator {
     void Wait();
 
     DeviceTree tree_;
+    const std::string state_directory_;
     UniqueFd signals_;
     Pty pty_;
     std::optional<Flash> flash_;

@@ -1,0 +1,130 @@
+// The raw-data streams.
+#include "tools/mcusim/raw_data.h"
+
+#include <algorithm>
+
+#include "tools/mcusim/packet.h"
+#include "tools/mcusim/sensors.h"
+
+namespace mcusim {
+namespace {
+
+using std::chrono::milliseconds;
+
+enum Stream : uint8_t { kAlgorithm = 0, kHeart = 1 };
+enum Kind : uint8_t { kAccelerometerSamples = 1, kPpgSamples = 5, kSummary = 0xE0 };
+
+constexpr size_t kTransferSizes = 4;
+
+struct LaneSpec {
+    Stream stream;
+    Kind kind;
+    uint8_t sensor;  // whose samples these are
+    milliseconds period;
+    size_t message_content;                       // most bytes of one message
+    std::array<uint8_t, kTransferSizes> samples;  // of the transfers, over and over
+};
+
+constexpr LaneSpec kLaneSpecs[] = {
+    {kAlgorithm, kSummary, kStepCounter, milliseconds(1000), 16, {1, 1, 1, 1}},
+    {kAlgorithm, kAccelerometerSamples, kAccelerometer, milliseconds(40), 509, {5, 100, 25, 200}},
+    {kHeart, kSummary, kHeartRate, milliseconds(1000), 16, {1, 1, 1, 1}},
+    {kHeart, kAccelerometerSamples, kAccelerometer, milliseconds(40), 509, {5, 100, 25, 200}},
+    {kHeart, kPpgSamples, kPpg, milliseconds(40), 640, {5, 60, 25, 120}},
+};
+
+TimePoint GridAfter(TimePoint time, TimePoint period) {
+    return (time / period + 1) * period;
+}
+
+}  // namespace
+
+void RawDataStreams::Reset() {
+    type_ = 0;
+    lanes_ = {};
+}
+
+bool RawDataStreams::Configure(uint16_t type) {
+    if (type > (kAlgorithmBit | kHeartRateBit)) return false;
+    type_ = type;
+    return true;
+}
+
+void RawDataStreams::Gate(bool step_counter_on, bool heart_rate_on, TimePoint now) {
+    const bool algorithm = (type_ & kAlgorithmBit) != 0 && step_counter_on;
+    const bool heart = (type_ & kHeartRateBit) != 0 && heart_rate_on;
+    for (size_t index = 0; index < kLanes; ++index) {
+        const bool run = kLaneSpecs[index].stream == kAlgorithm ? algorithm : heart;
+        if (run == lanes_[index].running) continue;
+        lanes_[index] = {run, GridAfter(now, kLaneSpecs[index].period), 0};
+    }
+}
+
+void RawDataStreams::Resume(TimePoint now) {
+    for (size_t index = 0; index < kLanes; ++index) {
+        lanes_[index].next_sample = GridAfter(now, kLaneSpecs[index].period);
+    }
+}
+
+std::optional<TimePoint> RawDataStreams::LaneDue(size_t index) const {
+    const Lane& lane = lanes_[index];
+    if (!lane.running) return std::nullopt;
+    const LaneSpec& spec = kLaneSpecs[index];
+    return lane.next_sample + (spec.samples[lane.transfer] - 1) * spec.period;
+}
+
+std::optional<TimePoint> RawDataStreams::NextDue() const {
+    std::optional<TimePoint> next;
+    for (size_t index = 0; index < kLanes; ++index) {
+        const std::optional<TimePoint> due = LaneDue(index);
+        if (due) next = std::min(next.value_or(*due), *due);
+    }
+    return next;
+}
+
+void RawDataStreams::Advance(TimePoint now) {
+    while (true) {
+        size_t first = kLanes;
+        TimePoint first_due = now;
+        for (size_t index = 0; index < kLanes; ++index) {
+            const std::optional<TimePoint> due = LaneDue(index);
+            if (!due || *due > first_due || (first != kLanes && *due == first_due)) continue;
+            first = index;
+            first_due = *due;
+        }
+        if (first == kLanes) return;
+        SendTransfer(first);
+    }
+}
+
+void RawDataStreams::SendTransfer(size_t index) {
+    const LaneSpec& spec = kLaneSpecs[index];
+    Lane& lane = lanes_[index];
+    Bytes content;
+    TimePoint at{0};
+    for (int sample = 0; sample < spec.samples[lane.transfer]; ++sample) {
+        at = lane.next_sample;
+        lane.next_sample += spec.period;
+        AppendSample(content, spec.sensor, signals_.At(spec.sensor, at, spec.period));
+    }
+    lane.transfer = (lane.transfer + 1) % kTransferSizes;
+
+    std::span<const uint8_t> rest(content);
+    size_t sent = 0;
+    do {
+        sent = std::min(rest.size(), spec.message_content);
+        SendMessage(index, at, rest.first(sent));
+        rest = rest.subspan(sent);
+    } while (kHeaderBytes + sent >= kContinuedBytes);
+}
+
+void RawDataStreams::SendMessage(size_t index, TimePoint at, std::span<const uint8_t> content) {
+    const LaneSpec& spec = kLaneSpecs[index];
+    Bytes data = {spec.stream, static_cast<uint8_t>(messages_ & 0xFF), spec.kind};
+    data.insert(data.end(), content.begin(), content.end());
+    ++messages_;
+    (void)transmitter_.Send(at, BuildChannelPacket(kChannelRawData, data),
+                            FrameKind::kRawData);  // counted there when the buffer is full
+}
+
+}  // namespace mcusim
