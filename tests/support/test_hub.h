@@ -1,0 +1,84 @@
+// A SensorHub wired up for tests: a scripted MCU behind its serial port and one client connected to
+// its data server. Used by the unit tests through HubTest and by the fuzz targets.
+#pragma once
+
+#include <deque>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "core/sensor_hub.h"
+#include "core/sensor_table.h"
+#include "events/sensor_event.h"
+#include "mcu_link/serial_port.h"
+#include "platform/unique_fd.h"
+#include "sockets/data_server.h"
+#include "tests/support/platform.h"
+
+namespace shdtest {
+
+// "01 00 7E" to bytes and back.
+[[nodiscard]] std::vector<uint8_t> Bytes(std::string_view hex);
+[[nodiscard]] std::string Hex(std::span<const uint8_t> bytes);
+[[nodiscard]] std::string Hex(const std::string& bytes);
+
+// The message that the payload of one frame makes.
+[[nodiscard]] McuMessagePtr Message(std::string_view hex);
+
+// The state of a handle; the caller is the only thread that uses it.
+[[nodiscard]] SensorState& State(int32_t handle);
+
+// A listening local socket for a server under test, and clients for it.
+[[nodiscard]] UniqueFd Listen(const std::string& path);
+[[nodiscard]] UniqueFd Connect(const std::string& path);
+
+// Everything that can be read from a socket without waiting.
+[[nodiscard]] std::string ReadAvailable(int fd);
+
+// The MCU's end of the exchange. Notes every request in the journal as "mcu BYTES", unescaped and
+// without check sequence, and replies while the requester waits. A script entry holds the data of
+// one reply, whose header is made from the request; without a script every request succeeds.
+class FakeMcu final : public SerialPort {
+  public:
+    static constexpr std::string_view kSilence = "silence";
+    static constexpr std::string_view kWriteFails = "write fails";
+
+    explicit FakeMcu(SensorHub* hub);
+
+    std::deque<std::string> script;
+    std::string unscripted = "00";
+
+    [[nodiscard]] ssize_t Read(uint8_t* buffer, size_t length) override;
+    [[nodiscard]] ssize_t Write(const uint8_t* buffer, ssize_t length) override;
+
+  private:
+    bool Deliver();
+
+    SensorHub* hub_;
+    std::optional<std::vector<uint8_t>> reply_;
+};
+
+// Everything back to how it is when the process starts, except that reboots are disabled, so that
+// asking for one shows as its log line alone.
+struct CleanProcess {
+    CleanProcess();
+};
+
+struct TestHub : CleanProcess {
+    TestHub();
+
+    SensorHub hub;
+    FakeMcu mcu{&hub};
+    DataServer data_server;
+    UniqueFd data_client;
+
+    // The records that the data client has received since the last call.
+    [[nodiscard]] std::vector<SensorEvent> TakeEvents();
+
+    // Delivers an unsolicited sensor report.
+    void Report(int mcu_sensor_id, std::string_view data);
+};
+
+}  // namespace shdtest
