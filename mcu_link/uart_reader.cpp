@@ -26,7 +26,9 @@ void* ListsenThread(void* argument) {
     std::array<uint8_t, kUartBufferSize> read_buffer{};
     g_line.AttachReader();
     while (true) {
-        if (g_line.hold_requested()) {
+        // Asked again after a hold: the next one may have begun before this thread was seen to
+        // leave.
+        while (g_line.hold_requested()) {
             g_line.ParkReader();
             // What was read before belongs to a line that has been reset or reopened since.
             assembler.Restart();
