@@ -39,15 +39,24 @@ void Application::Resume(TimePoint now) {
     deferred_.clear();
 }
 
+void Application::Watch(TimePoint at, std::span<const uint8_t> packet,
+                        std::string_view note) const {
+    if (watcher_) watcher_(at, packet, note);
+}
+
 void Application::OnByte(uint8_t byte, TimePoint arrival) {
-    if (std::optional<Bytes> packet = reader_.Push(byte)) OnPacket(std::move(*packet), arrival);
+    const uint64_t bad_frames = reader_.bad_frames();
+    std::optional<Bytes> packet = reader_.Push(byte);
+    if (reader_.bad_frames() != bad_frames) Watch(arrival, {}, "damaged");
+    if (packet) OnPacket(std::move(*packet), arrival);
 }
 
 void Application::OnPacket(Bytes packet, TimePoint arrival) {
     ++frames_in_;
-    if (watcher_) watcher_(arrival, packet);
+    if (faults_.DropIncoming()) return Watch(arrival, packet, "lost on the line");
     const std::optional<Request> request = ParseRequest(packet);
-    if (!request || faults_.DropIncoming()) return;
+    Watch(arrival, packet, request ? "" : "not a request");
+    if (!request) return;
 
     Advance(arrival);
     const CommandEntry* entry = FindCommand(*request);

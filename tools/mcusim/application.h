@@ -22,7 +22,7 @@ namespace mcusim {
 
 class Application {
   public:
-    using FrameWatcher = Transmitter::FrameWatcher;
+    using PacketWatcher = Transmitter::PacketWatcher;
 
     // All must outlive the application.
     Application(Signals& signals, Faults& faults, Transmitter& transmitter);
@@ -39,8 +39,8 @@ class Application {
     // Sends a line of the MCU's own log.
     void Log(TimePoint now, std::string_view text);
 
-    // Called for each intact packet that arrives.
-    void set_watcher(FrameWatcher watcher) { watcher_ = std::move(watcher); }
+    // Called for each packet that arrives, with what became of it when nobody served it.
+    void set_watcher(PacketWatcher watcher) { watcher_ = std::move(watcher); }
 
     [[nodiscard]] SensorBank& sensors() { return sensors_; }
     [[nodiscard]] const SensorBank& sensors() const { return sensors_; }
@@ -55,6 +55,7 @@ class Application {
 
     [[nodiscard]] static const CommandEntry* FindCommand(const Request& request);
     void OnPacket(Bytes packet, TimePoint arrival);
+    void Watch(TimePoint at, std::span<const uint8_t> packet, std::string_view note) const;
     void Execute(std::span<const uint8_t> packet, TimePoint at);
     void RunSensors(TimePoint now);
     void Reply(const Request& request, std::span<const uint8_t> data, TimePoint at);
@@ -85,7 +86,7 @@ class Application {
     SensorBank sensors_;
     RawDataStreams raw_data_;
     FrameReader reader_;
-    FrameWatcher watcher_;
+    PacketWatcher watcher_;
     std::multimap<TimePoint, Bytes> deferred_;  // requests by the time of their execution
     std::string version_;
     uint8_t log_level_ = 0;

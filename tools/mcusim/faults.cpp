@@ -31,11 +31,12 @@ bool Faults::DropOutgoing() {
     return true;
 }
 
-void Faults::CorruptOutgoing(std::span<uint8_t> frame) {
-    if (frame.empty() || !Happens(corrupt_)) return;
+bool Faults::CorruptOutgoing(std::span<uint8_t> frame) {
+    if (!Happens(corrupt_)) return false;
     ++corrupted_out_;
     const uint64_t bit = std::uniform_int_distribution<uint64_t>(0, frame.size() * 8 - 1)(random_);
     frame[bit / 8] = static_cast<uint8_t>(frame[bit / 8] ^ (1U << (bit % 8)));
+    return true;
 }
 
 Faults::Verdict Faults::Judge(uint8_t service, uint8_t command, uint8_t& status) {

@@ -32,7 +32,8 @@ class Faults {
 
     [[nodiscard]] bool DropIncoming();
     [[nodiscard]] bool DropOutgoing();
-    void CorruptOutgoing(std::span<uint8_t> frame);
+    // True when it has flipped a bit.
+    [[nodiscard]] bool CorruptOutgoing(std::span<uint8_t> frame);
     [[nodiscard]] TimePoint reply_delay() const { return reply_delay_; }
 
     // Counts the request against its order, if there is one. status is set for kRefuse.

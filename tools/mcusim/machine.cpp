@@ -19,11 +19,45 @@ Machine::Machine(Flash& flash_memory, const MachineOptions& options)
       bootloader(flash, options.bootloader_timings),
       board(flash, line, application, bootloader, options.boot_delay),
       seed_(options.seed) {
+    ConnectWatchers();
     board.PowerOn(TimePoint(0));
+}
+
+void Machine::ConnectWatchers() {
+    const auto watch_packets = [this](Direction direction) {
+        return [this, direction](TimePoint at, std::span<const uint8_t> packet,
+                                 std::string_view note) {
+            for (Observer* observer : observers_) observer->OnPacket(at, direction, packet, note);
+        };
+    };
+    application.set_watcher(watch_packets(Direction::kHostToMcu));
+    transmitter.set_watcher(watch_packets(Direction::kMcuToHost));
+    board.set_watcher([this](TimePoint at, std::string_view mode) {
+        for (Observer* observer : observers_) observer->OnMode(at, mode);
+    });
+}
+
+void Machine::AddObserver(Observer& observer, TimePoint now) {
+    observers_.push_back(&observer);
+    observer.OnMode(now, board.ModeName());
 }
 
 void Machine::HostWrote(TimePoint at, std::span<const uint8_t> bytes) {
     line.HostWrote(at, bytes, board.bits_per_byte());
+    const bool bootloader_runs = board.mode() == Board::Mode::kBootloader;
+    for (Observer* observer : observers_) {
+        observer->OnBytes(at, Direction::kHostToMcu, bytes, bootloader_runs);
+    }
+}
+
+std::optional<Burst> Machine::TakeOutput(TimePoint now) {
+    std::optional<Burst> burst = line.TakeDue(now);
+    if (!burst) return burst;
+    const bool bootloader_runs = board.mode() == Board::Mode::kBootloader;
+    for (Observer* observer : observers_) {
+        observer->OnBytes(burst->due, Direction::kMcuToHost, burst->bytes, bootloader_runs);
+    }
+    return burst;
 }
 
 void Machine::Advance(TimePoint now) {

@@ -13,6 +13,7 @@
 #include "tools/mcusim/bootloader.h"
 #include "tools/mcusim/faults.h"
 #include "tools/mcusim/flash.h"
+#include "tools/mcusim/observer.h"
 #include "tools/mcusim/serial_line.h"
 #include "tools/mcusim/signals.h"
 #include "tools/mcusim/transmitter.h"
@@ -39,7 +40,7 @@ class Machine {
     // Lets everything happen that is due by now. Times passed in must not go back.
     void Advance(TimePoint now);
     // The next bytes that have reached the host by now; call until there are none.
-    [[nodiscard]] std::optional<Burst> TakeOutput(TimePoint now) { return line.TakeDue(now); }
+    [[nodiscard]] std::optional<Burst> TakeOutput(TimePoint now);
     [[nodiscard]] std::optional<TimePoint> NextDue() const;
 
     // The firmware crashes: it sends a core dump in that many pieces, which asks the host for a
@@ -48,6 +49,9 @@ class Machine {
 
     // The figures of the "stats" command as one line of JSON.
     [[nodiscard]] std::string Stats(TimePoint now) const;
+
+    // observer must outlive the machine; it is told the present mode at once.
+    void AddObserver(Observer& observer, TimePoint now);
 
     Flash& flash;
     SerialLine line;
@@ -59,7 +63,10 @@ class Machine {
     Board board;
 
   private:
+    void ConnectWatchers();
+
     const uint64_t seed_;
+    std::vector<Observer*> observers_;
     uint64_t wakeups_ = 0;
     uint64_t crashes_ = 0;
 };

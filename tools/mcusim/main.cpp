@@ -8,8 +8,13 @@
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "tools/mcusim/commands.h"
+#include "tools/mcusim/sensors.h"
 #include "tools/mcusim/simulator.h"
 
 namespace {
@@ -21,6 +26,19 @@ void FillStandardDescriptors() {
         fd = open("/dev/null", O_RDWR | O_CLOEXEC);
     } while (fd >= 0 && fd <= STDERR_FILENO);
     if (fd >= 0) close(fd);
+}
+
+std::pair<const mcusim::SensorSpec*, std::string> ParseSignal(const std::string& text) {
+    const size_t equals = text.find('=');
+    const mcusim::SensorSpec* sensor = mcusim::FindSensor(std::string_view(text).substr(0, equals));
+    if (equals == std::string::npos || sensor == nullptr) {
+        std::string names;
+        for (const mcusim::SensorSpec& spec : mcusim::Sensors())
+            names += fmt::format(" {}", spec.name);
+        throw std::runtime_error(
+            fmt::format("--signal {}: write SENSOR=FILE with one of{}", text, names));
+    }
+    return {sensor, text.substr(equals + 1)};
 }
 
 int RunSimulator(const mcusim::SimulatorOptions& options) {
@@ -56,12 +74,27 @@ int main(int argc, char** argv) {
                    "put a firmware with this version text into flash [SIM.900.0001]");
     app.add_flag("--blank", options.blank, "start with an erased flash");
     app.add_flag("--keep", options.keep, "leave the flash contents (mcusim/) behind at the end");
+    app.add_option("--script", options.script,
+                   "file of steps \"at 5s hang\" or \"every 1s steps +2\"");
+    std::string trace_path = "-";
+    const CLI::Option* trace =
+        app.add_option("--trace", trace_path,
+                       "print every frame in words, to this file or to standard error")
+            ->expected(0, 1)
+            ->type_name("[FILE]");
+    app.add_option("--record", options.record, "write the line's bytes of both directions here");
+    std::vector<std::string> signals;
+    app.add_option("--signal", signals, "play a recorded signal: SENSOR=FILE.csv; repeatable")
+        ->type_name("SENSOR=FILE")
+        ->allow_extra_args(false);
     app.footer("Commands, on standard input and on DIR/dev/socket/mcusim:\n" +
                mcusim::CommandHelp());
     CLI11_PARSE(app, argc, argv);
+    if (trace->count() > 0) options.trace = trace_path;
     options.machine.boot_delay = mcusim::FromSeconds(boot_delay_sec);
 
     try {
+        for (const std::string& signal : signals) options.signals.push_back(ParseSignal(signal));
         return RunSimulator(options);
     } catch (const std::exception& error) {
         fmt::print(stderr, "mcusim: {}\n", error.what());

@@ -1,17 +1,21 @@
 // The event loop and the preparation of what it serves.
 #include "tools/mcusim/simulator.h"
 
+#include <fmt/format.h>
 #include <sys/prctl.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <array>
 #include <csignal>
+#include <cstdio>
 #include <ctime>
 #include <filesystem>
 
 #include "tools/mcusim/commands.h"
 #include "tools/mcusim/firmware_image.h"
+#include "tools/mcusim/signal_file.h"
+#include "tools/mcusim/trace.h"
 
 namespace mcusim {
 namespace {
@@ -61,10 +65,17 @@ Simulator::Simulator(const SimulatorOptions& options)
       start_(Monotonic()) {
     prctl(PR_SET_TIMERSLACK, 1UL);
     if (options.keep) tree_.KeepState();
+    if (options.script) script_.emplace(*options.script);
     PrepareFlash(options);
     MakeTree();
     start_ = Monotonic();
     machine_ = std::make_unique<Machine>(*flash_, options.machine);
+    for (const auto& [sensor, path] : options.signals) {
+        machine_->signals.Play(sensor->id, LoadSignal(path, *sensor));
+    }
+    if (options.trace) observers_.push_back(std::make_unique<Trace>(*options.trace));
+    if (options.record) observers_.push_back(std::make_unique<Recorder>(*options.record));
+    for (const auto& observer : observers_) machine_->AddObserver(*observer, TimePoint(0));
 
     const std::string socket = "dev/socket/mcusim";
     std::filesystem::remove(tree_.Path(socket));  // of a simulator that was killed
@@ -148,6 +159,25 @@ void Simulator::ServeOutput(TimePoint now) {
     machine_->transmitter.set_stalled_bytes(pty_.pending());
 }
 
+void Simulator::RunScript(TimePoint now) {
+    const auto report = [](const std::string& where, const std::string& answer, bool ok) {
+        fmt::print(ok ? stdout : stderr, "{}: {}{}\n", where, ok ? "" : "error: ", answer);
+        std::fflush(stdout);
+    };
+    while (script_ && script_->NextDue().value_or(TimePoint::max()) <= now && !quit_) {
+        CommandContext context{*machine_, *script_->NextDue(), quit_, state_directory_};
+        machine_->Advance(context.now);
+        script_->RunNext(context, report);
+    }
+}
+
+std::optional<TimePoint> Simulator::NextDue() const {
+    const std::optional<TimePoint> of_machine = machine_->NextDue();
+    const std::optional<TimePoint> of_script = script_ ? script_->NextDue() : std::nullopt;
+    if (of_machine && of_script) return std::min(*of_machine, *of_script);
+    return of_machine ? of_machine : of_script;
+}
+
 void Simulator::Wait() {
     std::vector<pollfd> fds = {{signals_.get(), POLLIN, 0}, {pty_.fd(), POLLIN, 0}};
     if (pty_.pending() > 0) fds.back().events |= POLLOUT;
@@ -158,7 +188,7 @@ void Simulator::Wait() {
     channel_->AddPollFds(fds);
 
     timespec timeout{};
-    const std::optional<TimePoint> due = machine_->NextDue();
+    const std::optional<TimePoint> due = NextDue();
     if (due) {
         const TimePoint left = std::max(*due - Now(), TimePoint(0));
         timeout.tv_sec = static_cast<time_t>(left / std::chrono::seconds(1));
@@ -172,6 +202,7 @@ void Simulator::Wait() {
 void Simulator::Run() {
     while (!quit_) {
         const TimePoint now = Now();
+        RunScript(now);
         machine_->Advance(now);
         ServeControlFiles(now);
         ServeInput(now);

@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/unique_fd.h"
@@ -14,7 +15,10 @@
 #include "tools/mcusim/device_tree.h"
 #include "tools/mcusim/flash.h"
 #include "tools/mcusim/machine.h"
+#include "tools/mcusim/observer.h"
 #include "tools/mcusim/pty.h"
+#include "tools/mcusim/script.h"
+#include "tools/mcusim/sensors.h"
 
 namespace mcusim {
 
@@ -23,6 +27,10 @@ struct SimulatorOptions {
     std::optional<std::string> firmware_version;  // nothing: the one in flash, else the default
     bool blank = false;
     bool keep = false;
+    std::optional<std::string> script;
+    std::optional<std::string> trace;  // a file's name, "-" for standard error
+    std::optional<std::string> record;
+    std::vector<std::pair<const SensorSpec*, std::string>> signals;  // sensor, file's name
     MachineOptions machine;
 };
 
@@ -45,6 +53,8 @@ class Simulator {
     void ServeControlFiles(TimePoint now);
     void ServeInput(TimePoint now);
     void ServeOutput(TimePoint now);
+    void RunScript(TimePoint now);
+    [[nodiscard]] std::optional<TimePoint> NextDue() const;
     void Wait();
 
     DeviceTree tree_;
@@ -52,10 +62,12 @@ class Simulator {
     UniqueFd signals_;
     Pty pty_;
     std::optional<Flash> flash_;
+    std::vector<std::unique_ptr<Observer>> observers_;
     ControlFiles files_;
     TimePoint start_;
     std::unique_ptr<Machine> machine_;
     std::unique_ptr<CommandChannel> channel_;
+    std::optional<Script> script_;
     TimePoint lateness_{0};  // by which the last bytes reached the host after they were due
     bool quit_ = false;
 };

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <span>
+#include <string_view>
 
 #include "tools/mcusim/faults.h"
 #include "tools/mcusim/serial_line.h"
@@ -22,7 +23,8 @@ class Transmitter {
     static constexpr size_t kReportBacklogBytes = 8 * 1024;
     static constexpr size_t kReplyBacklogBytes = 16 * 1024;
 
-    using FrameWatcher = std::function<void(TimePoint, std::span<const uint8_t> packet)>;
+    using PacketWatcher =
+        std::function<void(TimePoint, std::span<const uint8_t> packet, std::string_view note)>;
 
     // Both must outlive the transmitter.
     Transmitter(SerialLine& line, Faults& faults) : line_(line), faults_(faults) {}
@@ -33,16 +35,18 @@ class Transmitter {
 
     // Bytes that have left the line but that the host's driver has no room for.
     void set_stalled_bytes(size_t bytes) { stalled_bytes_ = bytes; }
-    // Called for each packet that goes onto the line.
-    void set_watcher(FrameWatcher watcher) { watcher_ = std::move(watcher); }
+    // Called for each packet, with what became of it when it did not go out whole.
+    void set_watcher(PacketWatcher watcher) { watcher_ = std::move(watcher); }
 
     [[nodiscard]] uint64_t frames_out() const { return frames_out_; }
     [[nodiscard]] uint64_t frames_refused() const { return frames_refused_; }
 
   private:
+    void Watch(TimePoint at, std::span<const uint8_t> packet, std::string_view note) const;
+
     SerialLine& line_;
     Faults& faults_;
-    FrameWatcher watcher_;
+    PacketWatcher watcher_;
     size_t stalled_bytes_ = 0;
     uint64_t frames_out_ = 0;
     uint64_t frames_refused_ = 0;

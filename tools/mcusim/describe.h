@@ -1,0 +1,15 @@
+// Packets in words, for the trace.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+
+namespace mcusim {
+
+// "request accelerometer batch every 20 ms, 10 to a report", "reply clock set status 0",
+// "report pressure 5 samples ...", "log boot, firmware SIM.900.0001". Never empty; whatever the
+// packet does not have room for is left out.
+[[nodiscard]] std::string DescribePacket(std::span<const uint8_t> packet);
+
+}  // namespace mcusim

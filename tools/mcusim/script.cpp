@@ -1,0 +1,100 @@
+// Commands at given times.
+#include "tools/mcusim/script.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <charconv>
+#include <fstream>
+#include <stdexcept>
+#include <utility>
+
+#include "tools/mcusim/command_args.h"
+
+namespace mcusim {
+namespace {
+
+constexpr double kMaxTimeSec = 7 * 24 * 3600;
+
+std::string_view WithoutComment(std::string_view line) {
+    for (size_t i = 0; i < line.size(); ++i) {
+        const bool starts = i == 0 || line[i - 1] == ' ' || line[i - 1] == '\t';
+        if (line[i] == '#' && starts) return line.substr(0, i);
+    }
+    return line;
+}
+
+TimePoint ParseTime(std::string_view text) {
+    struct Unit {
+        std::string_view name;
+        double seconds;
+    };
+    static constexpr Unit kUnits[] = {{"ms", 0.001}, {"s", 1}, {"m", 60}};
+
+    double value = 0;
+    const char* end = text.data() + text.size();
+    const auto parsed = std::from_chars(text.data(), end, value);
+    const std::string_view unit(parsed.ptr, static_cast<size_t>(end - parsed.ptr));
+    const auto* found = std::ranges::find(kUnits, unit, &Unit::name);
+    if (parsed.ec != std::errc() || found == std::end(kUnits) || value < 0 ||
+        value * found->seconds > kMaxTimeSec) {
+        throw CommandError(fmt::format("\"{}\" is no time; write it as 500ms, 2.5s or 3m", text));
+    }
+    return FromSeconds(value * found->seconds);
+}
+
+}  // namespace
+
+Script::Step Script::ParseStep(std::string_view line, std::string where) {
+    CommandArgs args(line);
+    const std::string_view when = args.Word();
+    if (when != "at" && when != "every") {
+        throw CommandError(fmt::format("a step begins with at or every, not \"{}\"", when));
+    }
+    const TimePoint time = ParseTime(args.Word());
+    const bool repeats = when == "every";
+    if (repeats && time < std::chrono::milliseconds(1)) {
+        throw CommandError("every needs 1ms or more");
+    }
+    return {std::move(where), time, repeats ? time : TimePoint(0), ParseCommand(args.Rest())};
+}
+
+Script::Script(const std::string& path) {
+    std::ifstream file(path);
+    if (!file) throw std::runtime_error(path + ": cannot be opened");
+    std::string line;
+    for (int number = 1; std::getline(file, line); ++number) {
+        if (line.ends_with('\r')) line.pop_back();
+        const std::string_view text = WithoutComment(line);
+        if (text.find_first_not_of(" \t") == std::string_view::npos) continue;
+        std::string where = fmt::format("{}:{}", path, number);
+        try {
+            steps_.push_back(ParseStep(text, where));
+        } catch (const CommandError& error) {
+            throw std::runtime_error(fmt::format("{}: {}", where, error.what()));
+        }
+    }
+}
+
+std::optional<TimePoint> Script::NextDue() const {
+    std::optional<TimePoint> next;
+    for (const Step& step : steps_) {
+        if (step.due) next = std::min(next.value_or(*step.due), *step.due);
+    }
+    return next;
+}
+
+void Script::RunNext(CommandContext& context, const Reporter& report) {
+    const std::optional<TimePoint> due = NextDue();
+    const auto step = std::ranges::find(steps_, due, &Step::due);
+    step->due.reset();
+    if (step->interval > TimePoint(0)) step->due = *due + step->interval;
+    try {
+        const std::string answer = step->action(context);
+        if (!answer.empty()) report(step->where, answer, true);
+    } catch (const std::exception& error) {
+        report(step->where, error.what(), false);
+    }
+}
+
+}  // namespace mcusim
