@@ -81,9 +81,9 @@ void Note(std::string_view tag, std::string_view text) {
     AddEntry(tag, std::string(tag) + " " + std::string(text));
 }
 
-std::vector<std::string> TakeJournal(std::initializer_list<std::string_view> tags) {
+Lines TakeJournal(std::initializer_list<std::string_view> tags) {
     const std::lock_guard lock(g_mutex);
-    std::vector<std::string> lines;
+    Lines lines;
     for (const Entry& entry : g_journal) {
         const bool wanted = std::find(tags.begin(), tags.end(), entry.tag) != tags.end();
         if (wanted || tags.size() == 0) lines.push_back(entry.text);

@@ -44,7 +44,8 @@ void Note(std::string_view tag, std::string_view text);
 
 // Empties the journal and returns its entries; with tags only those entries ("delay" and
 // "property" are the tags of theirs).
-std::vector<std::string> TakeJournal(std::initializer_list<std::string_view> tags = {});
+using Lines = std::vector<std::string>;
+Lines TakeJournal(std::initializer_list<std::string_view> tags = {});
 
 void SetProperty(const std::string& name, const std::string& value);
 [[nodiscard]] std::string Property(const std::string& name);  // empty when not set

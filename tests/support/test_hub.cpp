@@ -67,6 +67,25 @@ std::string Hex(const std::string& bytes) {
     return Hex({reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()});
 }
 
+std::vector<uint8_t> Frame(std::string_view packet) {
+    std::vector<uint8_t> bytes = Bytes(packet);
+    unsigned fcs = 0xFFFF;  // bit by bit: CRC-16/X-25
+    for (const unsigned byte : bytes) {
+        fcs ^= byte;
+        for (int bit = 0; bit < 8; ++bit) fcs = (fcs & 1) != 0 ? (fcs >> 1) ^ 0x8408 : fcs >> 1;
+    }
+    bytes.push_back(static_cast<uint8_t>(~fcs & 0xFF));
+    bytes.push_back(static_cast<uint8_t>((~fcs >> 8) & 0xFF));
+    std::vector<uint8_t> frame;
+    for (const uint8_t byte : bytes) {
+        const bool escaped = byte == 0x7D || byte == 0x7E;
+        if (escaped) frame.push_back(0x7D);
+        frame.push_back(escaped ? static_cast<uint8_t>(byte ^ 0x20) : byte);
+    }
+    frame.push_back(0x7E);
+    return frame;
+}
+
 McuMessagePtr Message(std::string_view hex) {
     McuMessagePtr message;
     if (ParseMcuMessage(Bytes(hex), &message) != 0) std::abort();

@@ -24,6 +24,9 @@ namespace shdtest {
 [[nodiscard]] std::string Hex(std::span<const uint8_t> bytes);
 [[nodiscard]] std::string Hex(const std::string& bytes);
 
+// The whole frame around a packet, built independently of the daemon's codec.
+[[nodiscard]] std::vector<uint8_t> Frame(std::string_view packet);
+
 // The message that the payload of one frame makes.
 [[nodiscard]] McuMessagePtr Message(std::string_view hex);
 

@@ -1,0 +1,46 @@
+// The firmware updater's other end; used by the tests of the update and of the recovery.
+#include "tests/support/fake_uart.h"
+
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstring>
+
+#include "tests/support/test_hub.h"
+
+namespace shdtest {
+
+FakeUart::FakeUart() {
+    WriteFile("/dev/ttyHSL1", "");
+    hooks().on_readable = [this](int fd) { return Answer(fd); };
+}
+
+int FakeUart::Answer(int fd) {
+    const off_t end = lseek(fd, 0, SEEK_CUR);
+    if (end <= answered_) answered_ = 0;  // opened afresh
+    const auto begin = static_cast<size_t>(answered_);
+    const auto written = ReadFile("/dev/ttyHSL1").substr(begin, static_cast<size_t>(end) - begin);
+    Note("uart", Hex(written));
+    std::string reply = unscripted;
+    if (!script.empty()) {
+        reply = script.front();
+        script.pop_front();
+    }
+    answered_ = end;
+    if (reply == kSilence) return 0;
+    const auto bytes = Bytes(reply);
+    if (ftruncate(fd, end) != 0) return -1;
+    if (pwrite(fd, bytes.data(), bytes.size(), end) < 0) return -1;
+    answered_ += static_cast<off_t>(bytes.size());
+    return 1;
+}
+
+std::string FirmwareImage(const std::string& version, const std::string& payload) {
+    std::string image(224, '\0');
+    const uint32_t words[] = {0xFFAAAAFF, 224, static_cast<uint32_t>(payload.size())};
+    std::memcpy(image.data(), words, sizeof(words));
+    version.copy(image.data() + 32, 64);
+    return image + payload;
+}
+
+}  // namespace shdtest

@@ -1,0 +1,275 @@
+// The link to the MCU: assembly of messages, the serial port, ownership of the line, the exchange.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sched.h>
+#include <stdlib.h>
+#include <sys/ioctl.h>
+#include <termios.h>
+
+#include <atomic>
+#include <filesystem>
+
+#include "mcu_link/exchange.h"
+#include "mcu_link/line.h"
+#include "mcu_link/uart_reader.h"
+#include "mcu_link/wake.h"
+#include "sensor_commands/sensor_commands.h"
+#include "tests/support/in_child.h"
+#include "tests/support/test_hub.h"
+#include "update_mcu/bootloader_link.h"
+
+namespace {
+
+using namespace shdtest;
+
+class RecordingSink final : public McuEventSink {
+  public:
+    int OnEvent(McuMessage* raw_message) override {
+        const McuMessagePtr message(raw_message);
+        texts += "[" + std::string(message->text()) + "]";
+        ++count;
+        return 0;
+    }
+    std::string texts;
+    std::atomic<int> count{0};
+};
+
+TEST(MessageAssembler, DamagedFramesCostOnlyThemselves) {
+    std::vector<uint8_t> stream = Bytes("7E 7E");  // line noise before the first frame
+    const auto append = [&stream](std::vector<uint8_t> bytes) {
+        stream.insert(stream.end(), bytes.begin(), bytes.end());
+    };
+    append(Frame("04 61"));
+    append(Frame("04 62 7D 7E"));
+    append(Bytes("04 78 00 00 7E"));  // wrong check sequence
+    append(Frame("06 78"));           // unknown channel
+    append(Frame("01 02 78"));        // short header
+    append(Frame(""));
+    append(std::vector<uint8_t>(1600, 0x04));  // longer than the buffer, its rest no frame either
+    append(Bytes("7E"));
+    append(Frame("04 63"));
+    for (const size_t piece : {size_t{1}, size_t{7}, stream.size()}) {
+        RecordingSink sink;
+        MessageAssembler assembler(&sink);
+        for (size_t i = 0; i < stream.size(); i += piece) {
+            assembler.Feed(std::span(stream).subspan(i, std::min(piece, stream.size() - i)));
+        }
+        EXPECT_EQ(sink.texts, "[a][b}~][c]") << piece;
+    }
+}
+
+struct SerialPortTest : testing::Test, CleanProcess {
+    ~SerialPortTest() override { port.Close(); }
+    ssize_t Write(std::string_view hex) {
+        const auto bytes = Bytes(hex);
+        return port.Write(bytes.data(), static_cast<ssize_t>(bytes.size()));
+    }
+    BoardSerial port;
+};
+
+TEST_F(SerialPortTest, MissingDeviceShowsInEveryCall) {
+    uint8_t byte = 0;
+    EXPECT_EQ(port.Read(&byte, 1), -1);
+    EXPECT_EQ(port.Open(), -1);
+    EXPECT_LT(port.fd(), 0);
+    EXPECT_EQ(Write("00"), -1);
+    EXPECT_EQ(port.Read(&byte, 1), -1);
+}
+
+TEST_F(SerialPortTest, EveryWriteWakesTheMcuFirst) {
+    WriteFile("/dev/ttyHSL1", "");
+    ASSERT_EQ(port.Open(), 0);
+    EXPECT_EQ(Write("01 02"), 2);  // without the control file there is nothing to wake
+    WriteFile("/proc/mcusleep/sleep", "");
+    EXPECT_EQ(Write("03"), 1);
+    EXPECT_EQ(ReadFile("/proc/mcusleep/sleep"), "0");
+    EXPECT_EQ(port.Write(nullptr, -1), -1);
+    EXPECT_EQ(TakeJournal(), Lines{});
+    std::filesystem::remove(HostPath("/proc/mcusleep/sleep"));
+    std::filesystem::create_symlink("/dev/full", HostPath("/proc/mcusleep/sleep"));
+    EXPECT_EQ(Write("04"), -1);
+    EXPECT_EQ(TakeJournal(), Lines{"E/shd_serial BoardSerial wakeup mcu failure err:-1"});
+    EXPECT_EQ(Hex(ReadFile("/dev/ttyHSL1")), "01 02 03");
+}
+
+TEST_F(SerialPortTest, LineSettingsOfBothLinks) {
+    const UniqueFd master(posix_openpt(O_RDWR | O_NOCTTY));
+    ASSERT_EQ(grantpt(master.get()) + unlockpt(master.get()), 0);
+    MakeDirectory("/dev");
+    std::filesystem::create_symlink(ptsname(master.get()), HostPath("/dev/ttyHSL1"));
+    ASSERT_EQ(port.Open(), 0);
+    termios settings{};
+    ASSERT_EQ(tcgetattr(port.fd(), &settings), 0);
+    EXPECT_EQ(settings.c_cflag & (CLOCAL | CS8 | PARENB), static_cast<tcflag_t>(CLOCAL | CS8));
+    EXPECT_EQ(settings.c_lflag & (ICANON | ECHO | ISIG | IEXTEN), 0U);
+    EXPECT_EQ(settings.c_iflag & (ISTRIP | INPCK | ICRNL | IXON), 0U);
+    EXPECT_EQ(cfgetospeed(&settings), static_cast<speed_t>(B115200));
+    EXPECT_EQ(cfgetispeed(&settings), static_cast<speed_t>(B115200));
+    const int update_port = open_mcu_tty();
+    ASSERT_EQ(tcgetattr(update_port, &settings), 0);
+    EXPECT_EQ(settings.c_iflag & (ISTRIP | INPCK), static_cast<tcflag_t>(ISTRIP | INPCK));
+    EXPECT_EQ(settings.c_cflag & (PARODD | CSTOPB), 0U);
+    EXPECT_NE(fcntl(update_port, F_GETFL) & O_SYNC, 0);
+    EXPECT_NE(fcntl(update_port, F_GETFD) & FD_CLOEXEC, 0);
+    close_mcu_tty();
+}
+
+TEST_F(SerialPortTest, WakeLockIsWrittenAndLogged) {
+    SensorWakeLockAcquiredLocked(1);
+    WriteFile("/proc/mcusleep/lpm", "");
+    SensorWakeLockAcquiredLocked(0);
+    EXPECT_EQ(ReadFile("/proc/mcusleep/lpm"), "1");
+    SensorWakeLockAcquiredLocked(7);
+    EXPECT_EQ(ReadFile("/proc/mcusleep/lpm"), "0");
+    std::filesystem::remove(HostPath("/proc/mcusleep/lpm"));
+    std::filesystem::create_symlink("/dev/full", HostPath("/proc/mcusleep/lpm"));
+    EXPECT_LT(sensorhub_write_proc_file("1"), 0);
+    const std::string path = "/proc/mcusleep/lpm";
+    EXPECT_EQ(
+        TakeJournal(),
+        (Lines{"E/shd sensorhub_write_proc_file open " + path + ":No such file or directory!\n",
+               "D/shd SensorWakeLockAcquiredLocked :1",
+               "D/shd sensorhub_write_proc_file filename:" + path + " 1 ret:1 !\n",
+               "D/shd SensorWakeLockAcquiredLocked :0",
+               "D/shd sensorhub_write_proc_file filename:" + path + " 0 ret:1 !\n",
+               "D/shd SensorWakeLockAcquiredLocked :7",
+               "E/shd sensorhub_write_proc_file err:No space left on device!\n"}));
+}
+
+// The reader thread's port: a pipe, so that its read blocks like that of a silent line.
+class PipePort final : public SerialPort {
+  public:
+    PipePort() {
+        if (pipe2(ends_, O_CLOEXEC) != 0) std::abort();
+        fcntl(ends_[1], F_SETFL, O_NONBLOCK);
+    }
+    ssize_t Read(uint8_t* buffer, size_t length) override { return read(ends_[0], buffer, length); }
+    ssize_t Write(const uint8_t* buffer, ssize_t length) override {
+        return write(ends_[1], buffer, static_cast<size_t>(length));
+    }
+    void Send(const std::vector<uint8_t>& bytes) {
+        EXPECT_EQ(Write(bytes.data(), static_cast<ssize_t>(bytes.size())),
+                  static_cast<ssize_t>(bytes.size()));
+    }
+    [[nodiscard]] int Pending() const {
+        int count = 0;
+        ioctl(ends_[0], FIONREAD, &count);
+        return count;
+    }
+
+  private:
+    int ends_[2];
+};
+
+TEST(LinkHold, KeepsABlockedReaderOffTheLineAndMakesItForget) {
+    InChild([] {
+        ResetPlatform();
+        hooks().on_delay = [](auto) { sched_yield(); };
+        PipePort port;
+        RecordingSink sink;
+        ListenArgs args{&sink, &port};
+        pthread_t thread{};
+        ASSERT_EQ(pthread_create(&thread, nullptr, ListsenThread, &args), 0);
+        port.Send(Frame("04 61"));
+        while (sink.count < 1) sched_yield();
+
+        const auto frame = Frame("04 62");
+        port.Send({frame.begin(), frame.begin() + 2});  // a frame that a reset cuts off
+        { const LinkHold hold; }
+        port.Send({frame.begin() + 2, frame.end()});
+        while (port.Pending() > 0) sched_yield();
+        // What is sent during a hold is there for the holder alone, however fast holds follow.
+        for (int round = 0; round < 3000; ++round) {
+            const LinkHold hold;
+            uint8_t byte = 0;
+            port.Send({0x7E});
+            sched_yield();
+            ASSERT_EQ(port.Read(&byte, 1), 1);
+        }
+        port.Send(Frame("04 63"));
+        while (sink.count < 2) sched_yield();
+        EXPECT_EQ(sink.texts, "[a][c]");
+    });
+}
+
+struct ExchangeTest : testing::Test, TestHub {
+    // The exchange's log in short: T timeout, R and W reboot asked for after a timeout or a failed
+    // write, d the reboot's refusal, c a control reply.
+    static std::string ShortLog() {
+        std::string text;
+        for (const std::string& line : TakeJournal({"shd"})) {
+            if (line.starts_with("D/shd DequeueMessageTimeout Wait timeout, errno = ")) text += 'T';
+            if (line == "D/shd SendSensorMsgAndWait to many error, reboot mcu") text += 'R';
+            if (line == "D/shd SendSensorMsgAndWait wakeup to many error, reboot mcu") text += 'W';
+            if (line == "E/shd SensorMcuReboot disable") text += 'd';
+            if (line == "D/shd OnEvent Receive Mcu Control response") text += 'c';
+        }
+        return text;
+    }
+};
+
+TEST_F(ExchangeTest, RunsOfFailuresAskForAReboot) {
+    const struct {
+        std::string steps, log;  // t timeout, w failed write, s success
+        int error_count;
+    } cases[] = {
+        {"tt", "T,TRd,", 0},         {"www", ",,Wd,", 0},    {"wt", ",TRd,", 0},
+        {"tww", "T,,Wd,", 0},        {"tw", "T,,", 2},       {"tst", "T,c,T,", 1},
+        {"wwsww", ",,c,,,", 2},      {"ttt", "T,TRd,T,", 1}, {"wwt", ",,TRd,", 0},
+        {"wwwwww", ",,Wd,,,Wd,", 0},
+    };
+    for (const auto& c : cases) {
+        hub.error_count = 0;
+        std::string log;
+        for (const char step : c.steps) {
+            mcu.script = {std::string(step == 't'   ? FakeMcu::kSilence
+                                      : step == 'w' ? FakeMcu::kWriteFails
+                                                    : "")};
+            EXPECT_EQ(SensorHandshake(&hub, 2), step == 's' ? 0 : -1);
+            log += ShortLog() + ",";
+        }
+        EXPECT_EQ(log, c.log) << c.steps;
+        EXPECT_EQ(hub.error_count, c.error_count) << c.steps;
+    }
+}
+
+TEST_F(ExchangeTest, PacketThatDidNotFitCountsAsAFailedWrite) {
+    McuPacket packet{};
+    packet.frame_len = -1;
+    McuMessagePtr reply;
+    EXPECT_EQ(SendSensorMsgAndWait(&hub, packet, &reply, 2), -1);
+    EXPECT_EQ(hub.error_count, 1);
+    EXPECT_EQ(SendSensorMsgAndWait(&hub, packet, nullptr, 2), -1);
+    EXPECT_EQ(hub.error_count, 1);
+}
+
+TEST_F(ExchangeTest, RepliesAreTakenInTheOrderOfTheirArrivalWhoeverAsked) {
+    McuPacket packet{};
+    BuildSensorPacket(&packet, 16, 0);
+    McuMessagePtr reply;
+    const auto exchange = [&] {
+        EXPECT_EQ(SendSensorMsgAndWait(&hub, packet, &reply, 2), 0);
+        return Hex(reply->payload());
+    };
+    mcu.script = {std::string(FakeMcu::kSilence)};
+    EXPECT_EQ(SendSensorMsgAndWait(&hub, packet, &reply, 2), -1);
+    hub.OnEvent(Message("01 01 10 00 07").release());  // the late reply, and an unexpected one
+    hub.OnEvent(Message("01 00 21 05 08").release());
+    EXPECT_EQ(exchange(), "07");
+    EXPECT_EQ(exchange(), "08");
+    mcu.script = {"09"};
+    EXPECT_EQ(exchange(), "09");
+}
+
+TEST_F(ExchangeTest, WakeUpWithoutAReplyGoesOnWaiting) {
+    int waits = 0;
+    hooks().on_wait = [&] {
+        if (++waits == 3) hub.OnEvent(Message("00 01 00").release());
+        return true;
+    };
+    EXPECT_EQ(SensorHandshake(&hub, 2), 0);
+    EXPECT_EQ(waits, 3);
+}
+
+}  // namespace
