@@ -150,9 +150,9 @@ Result<Reply> HubClient::RunForData(const ClientRequest& request, ReplyForm form
     const Status outcome = Outcome(request, *reply);
     if (!outcome) return outcome.error();
     if (reply->form != form) {
-        return Error{ErrorCode::kRefused, CommandName(request.command) +
-                                              ": the daemon provides this sensor itself, the MCU "
-                                              "was not asked"};
+        return Error{ErrorCode::kRefused, RequestName(request) +
+                                              ": the sensor is virtual, the daemon answers for it "
+                                              "and has nothing to tell"};
     }
     return reply;
 }
@@ -192,8 +192,9 @@ Status HubClient::SetParameter(int32_t handle, std::span<const uint8_t> bytes) {
     const size_t expected = sensor != nullptr ? sensor->block_bytes : 0;
     if (expected == 0) {
         return Error{ErrorCode::kInvalidArgument,
-                     "this sensor takes no parameter; only accelerometer, gyroscope, pressure and "
-                     "raw-25 do"};
+                     SensorName(handle) +
+                         " takes no parameter; only accelerometer, gyroscope, pressure and "
+                         "raw-25 do"};
     }
     if (bytes.size() != expected) {
         return Error{ErrorCode::kInvalidArgument,
@@ -209,8 +210,9 @@ Result<Calibration> HubClient::Calibrate(int32_t handle) {
     const SensorInfo* sensor = FindSensor(handle);
     if (sensor == nullptr || sensor->block_bytes == 0) {
         return Error{ErrorCode::kInvalidArgument,
-                     "this sensor has no calibration; only accelerometer, gyroscope, pressure and "
-                     "raw-25 have one"};
+                     SensorName(handle) +
+                         " has no calibration; only accelerometer, gyroscope, pressure and "
+                         "raw-25 have one"};
     }
     const Result<Reply> reply =
         RunForData(MakeRequest(handle, SHB_SENSOR_CALIBRATION), ReplyForm::kResult);

@@ -58,19 +58,6 @@ std::string TextOf(const ControlReply& record) {
     return text;
 }
 
-std::string SensorName(int32_t handle) {
-    const SensorInfo* sensor = FindSensor(handle);
-    return sensor != nullptr ? std::string(sensor->name) : "handle " + std::to_string(handle);
-}
-
-// "batch of accelerometer", or the command alone when it concerns no sensor.
-std::string Subject(const ClientRequest& request) {
-    const CommandInfo* command = FindCommand(request.command);
-    std::string subject = CommandName(request.command);
-    if (command == nullptr || !command->mcu_wide) subject += " of " + SensorName(request.handle);
-    return subject;
-}
-
 std::string RefusalReason(const ClientRequest& request) {
     if (FindSensor(request.handle) == nullptr) {
         return "the hub knows no sensor handle " + std::to_string(request.handle);
@@ -89,6 +76,13 @@ std::string CommandName(int32_t command) {
     return info != nullptr ? std::string(info->name) : "command " + std::to_string(command);
 }
 
+std::string RequestName(const ClientRequest& request) {
+    const CommandInfo* command = FindCommand(request.command);
+    std::string subject = CommandName(request.command);
+    if (command == nullptr || !command->mcu_wide) subject += " of " + SensorName(request.handle);
+    return subject;
+}
+
 bool HasReply(int32_t command) {
     return command != SHB_MCU_SLEEP && command != SHB_MCU_WAKEUP;
 }
@@ -103,7 +97,7 @@ ClientRequest MakeRequest(int32_t handle, ControlCommand command) {
 Result<Reply> InterpretReply(const ClientRequest& request, const ControlReply& record) {
     const CommandInfo* command = FindCommand(request.command);
     const Error misfit{ErrorCode::kProtocol,
-                       "the reply to " + Subject(request) + " does not fit: length " +
+                       "the reply to " + RequestName(request) + " does not fit: length " +
                            std::to_string(record.length) + ", handle " +
                            std::to_string(record.handle) + ", kind " + std::to_string(record.kind) +
                            ", command " + std::to_string(record.command)};
@@ -138,7 +132,7 @@ Result<Reply> InterpretReply(const ClientRequest& request, const ControlReply& r
 
 Status Outcome(const ClientRequest& request, const Reply& reply) {
     if (reply.form == ReplyForm::kError) {
-        return Error{ErrorCode::kRefused, Subject(request) + ": " + RefusalReason(request), -1};
+        return Error{ErrorCode::kRefused, RequestName(request) + ": " + RefusalReason(request), -1};
     }
     if (reply.result == 0) return Success();
     std::string reason = ": the MCU refused with status " + std::to_string(reply.result);
@@ -148,7 +142,7 @@ Status Outcome(const ClientRequest& request, const Reply& reply) {
                      : ": no usable answer from the MCU (silent or not reachable; see the log of "
                        "shd)";
     }
-    return Error{ErrorCode::kRefused, Subject(request) + reason, reply.result};
+    return Error{ErrorCode::kRefused, RequestName(request) + reason, reply.result};
 }
 
 }  // namespace shdclient

@@ -31,6 +31,10 @@ struct Reply {
 // The name of a command in words, for instance "set delay"; "command 15" for an unknown id.
 [[nodiscard]] std::string CommandName(int32_t command);
 
+// The request in words, for instance "batch of accelerometer"; the command alone when it concerns
+// the MCU or the daemon as a whole.
+[[nodiscard]] std::string RequestName(const ClientRequest& request);
+
 // False for the two commands that the daemon never answers.
 [[nodiscard]] bool HasReply(int32_t command);
 

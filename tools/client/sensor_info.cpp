@@ -85,6 +85,11 @@ const SensorInfo* FindSensor(int32_t handle) {
     return found == kSensors.end() ? nullptr : found;
 }
 
+std::string SensorName(int32_t handle) {
+    const SensorInfo* sensor = FindSensor(handle);
+    return sensor != nullptr ? std::string(sensor->name) : "handle " + std::to_string(handle);
+}
+
 Result<const SensorInfo*> LookupSensor(std::string_view text) {
     int32_t handle = -1;
     const char* end = text.data() + text.size();

@@ -46,6 +46,9 @@ struct SensorInfo {
 // The sensor of a handle, or nullptr when the hub has none there.
 [[nodiscard]] const SensorInfo* FindSensor(int32_t handle);
 
+// The name of the sensor of a handle, or "handle N" when the hub has none there.
+[[nodiscard]] std::string SensorName(int32_t handle);
+
 // Finds a sensor as a person writes it: its handle in decimal, its name in any case (underscores
 // and blanks count as hyphens), or the beginning of a name when only one sensor's name begins so.
 // Fails with kInvalidArgument and names the candidates, or all sensors.

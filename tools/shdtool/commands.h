@@ -10,6 +10,13 @@ namespace shdtool {
 
 void AddListCommand(CLI::App& app, Context& context);
 void AddSensorCommands(CLI::App& app, Context& context);
+void AddFlushCommand(CLI::App& app, Context& context);
+void AddServiceCommands(CLI::App& app, Context& context);
+void AddMcuCommands(CLI::App& app, Context& context);
+void AddRawCommand(CLI::App& app, Context& context);
 void AddWatchCommand(CLI::App& app, Context& context);
+
+// Needs no context; completes what has been added before it is run.
+void AddCompletionCommand(CLI::App& app);
 
 }  // namespace shdtool

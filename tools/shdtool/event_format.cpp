@@ -6,6 +6,8 @@
 #include <cmath>
 #include <iterator>
 
+#include "tools/shdtool/hex.h"
+
 namespace shdtool {
 namespace {
 
@@ -37,8 +39,7 @@ std::string FormatValues(const shdclient::DecodedEvent& event) {
         if (!shared && !axis.unit.empty()) fmt::format_to(out, " {}", axis.unit);
     }
     if (event.value_count == 0 && event.byte_count > 0) {
-        text += "bytes";
-        for (const uint8_t byte : event.bytes()) fmt::format_to(out, " {:02x}", byte);
+        text = "bytes " + FormatHex(event.bytes());
     }
     return text;
 }

@@ -10,6 +10,7 @@
 
 #include "tools/client/local_socket.h"
 #include "tools/shdtool/commands.h"
+#include "tools/shdtool/image_command.h"
 
 namespace {
 
@@ -54,10 +55,18 @@ int Main(int argc, char** argv) {
 
     shdtool::AddListCommand(app, context);
     shdtool::AddSensorCommands(app, context);
+    shdtool::AddFlushCommand(app, context);
+    shdtool::AddServiceCommands(app, context);
+    shdtool::AddMcuCommands(app, context);
+    shdtool::AddRawCommand(app, context);
     shdtool::AddWatchCommand(app, context);
+    shdtool::AddImageCommands(app);
+    shdtool::AddCompletionCommand(app);
 
     try {
         app.parse(argc, argv);
+    } catch (const CLI::RuntimeError& error) {
+        return error.get_exit_code();  // a command has said what was wrong
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? shdtool::kExitSuccess : shdtool::kExitUsage;
     }
