@@ -61,8 +61,9 @@ int EncodeFrame(std::span<uint8_t> destination, std::span<const uint8_t> payload
                                                      static_cast<uint8_t>(fcs >> 8)};
     const int fcs_size = EscapeBytes(body.subspan(static_cast<size_t>(payload_size)), fcs_bytes);
     if (fcs_size < 0) return -1;
-    destination[static_cast<size_t>(payload_size + fcs_size)] = kFrameFlag;
-    return payload_size + fcs_size + 1;
+    const int body_size = payload_size + fcs_size;
+    destination[static_cast<size_t>(body_size)] = kFrameFlag;
+    return body_size + 1;
 }
 
 void FrameDecoder::Reset(std::span<uint8_t> buffer) {

@@ -12,6 +12,7 @@ extern "C" {
 
 // Writes one message to standard error, one output line for each of its text lines, as
 // "logcat -v threadtime" prints them; one write per message. Returns the number of bytes written.
+// NOLINTNEXTLINE(bugprone-reserved-identifier): Android's own name
 int __android_log_print(int prio, const char* tag, const char* fmt, ...)
     __attribute__((format(printf, 3, 4)));
 }
