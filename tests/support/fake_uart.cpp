@@ -12,7 +12,7 @@ namespace shdtest {
 
 FakeUart::FakeUart() {
     WriteFile("/dev/ttyHSL1", "");
-    hooks().on_readable = [this](int fd) { return Answer(fd); };
+    g_hooks.on_readable = [this](int fd) { return Answer(fd); };
 }
 
 int FakeUart::Answer(int fd) {

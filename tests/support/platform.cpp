@@ -55,19 +55,10 @@ void AddEntry(std::string_view tag, std::string text) {
 
 namespace shdtest {
 
-Hooks& hooks() {
-    static Hooks instance;
-    return instance;
-}
-
-Clock& clock() {
-    static Clock instance;
-    return instance;
-}
-
 void ResetPlatform() {
-    hooks() = {};
-    clock() = {};
+    g_hooks = {};
+    g_elapsed_ns = kInitialElapsedNs;
+    g_wall_sec = kInitialWallSec;
     g_root.Remove();
     std::string path = (std::filesystem::temp_directory_path() / "shd_test.XXXXXX").string();
     if (mkdtemp(path.data()) == nullptr) std::abort();
@@ -155,30 +146,30 @@ int property_set(const char* key, const char* value) {
 int socket_local_server(const char* name, int namespace_id, int type) {
     const std::string arguments = std::to_string(namespace_id) + " " + std::to_string(type);
     shdtest::Note("socket", std::string(name) + " " + arguments);
-    const auto& hook = shdtest::hooks().on_local_server;
+    const auto& hook = shdtest::g_hooks.on_local_server;
     return hook ? hook(name) : -1;
 }
 
 int64_t android::elapsedRealtimeNano() {
-    return shdtest::clock().elapsed_ns;
+    return shdtest::g_elapsed_ns;
 }
 
 std::time_t WallClockSec() {
-    return shdtest::clock().wall_sec;
+    return shdtest::g_wall_sec;
 }
 
 void Delay(std::chrono::microseconds duration) {
     shdtest::Note("delay", std::to_string(duration.count()));
-    if (shdtest::hooks().on_delay) shdtest::hooks().on_delay(duration);
+    if (shdtest::g_hooks.on_delay) shdtest::g_hooks.on_delay(duration);
 }
 
 int WaitReadable(int fd, std::chrono::microseconds /*timeout*/) {
-    return shdtest::hooks().on_readable ? shdtest::hooks().on_readable(fd) : 0;
+    return shdtest::g_hooks.on_readable ? shdtest::g_hooks.on_readable(fd) : 0;
 }
 
 int CondVar::WaitUntil(Mutex& mutex, std::time_t /*deadline_sec*/) {
     mutex.Unlock();
-    const bool go_on = shdtest::hooks().on_wait && shdtest::hooks().on_wait();
+    const bool go_on = shdtest::g_hooks.on_wait && shdtest::g_hooks.on_wait();
     mutex.Lock();
     return go_on ? 0 : ETIMEDOUT;
 }

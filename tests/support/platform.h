@@ -26,13 +26,12 @@ struct Hooks {
     std::function<int(const std::string& name)> on_local_server;
 };
 
-struct Clock {
-    int64_t elapsed_ns = 1'000'000'000'000;  // android::elapsedRealtimeNano, 1,000 s after boot
-    std::time_t wall_sec = 1'500'000'000;
-};
+inline constexpr int64_t kInitialElapsedNs = 1'000'000'000'000;
+inline constexpr std::time_t kInitialWallSec = 1'500'000'000;
 
-Hooks& hooks();
-Clock& clock();
+inline Hooks g_hooks;
+inline int64_t g_elapsed_ns = kInitialElapsedNs;  // android::elapsedRealtimeNano
+inline std::time_t g_wall_sec = kInitialWallSec;
 
 // Everything back to its defaults, with an empty root directory. Removes the previous one.
 void ResetPlatform();

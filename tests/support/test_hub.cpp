@@ -123,7 +123,7 @@ std::string ReadAvailable(int fd) {
 }
 
 FakeMcu::FakeMcu(SensorHub* hub) : hub_(hub) {
-    hooks().on_wait = [this] { return Deliver(); };
+    g_hooks.on_wait = [this] { return Deliver(); };
 }
 
 ssize_t FakeMcu::Read(uint8_t* /*buffer*/, size_t /*length*/) {

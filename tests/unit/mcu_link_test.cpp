@@ -165,7 +165,7 @@ class PipePort final : public SerialPort {
 TEST(LinkHold, KeepsABlockedReaderOffTheLineAndMakesItForget) {
     InChild([] {
         ResetPlatform();
-        hooks().on_delay = [](auto) { sched_yield(); };
+        g_hooks.on_delay = [](auto) { sched_yield(); };
         PipePort port;
         RecordingSink sink;
         ListenArgs args{&sink, &port};
@@ -180,11 +180,14 @@ TEST(LinkHold, KeepsABlockedReaderOffTheLineAndMakesItForget) {
         port.Send({frame.begin() + 2, frame.end()});
         while (port.Pending() > 0) sched_yield();
         // What is sent during a hold is there for the holder alone, however fast holds follow.
-        for (int round = 0; round < 3000; ++round) {
+        for (int round = 0; round < 20000; ++round) {
+            for (std::atomic<int> pause = round % 997; pause > 0; --pause) {
+            }
             const LinkHold hold;
             uint8_t byte = 0;
             port.Send({0x7E});
             sched_yield();
+            ASSERT_EQ(port.Pending(), 1);
             ASSERT_EQ(port.Read(&byte, 1), 1);
         }
         port.Send(Frame("04 63"));
@@ -264,7 +267,7 @@ TEST_F(ExchangeTest, RepliesAreTakenInTheOrderOfTheirArrivalWhoeverAsked) {
 
 TEST_F(ExchangeTest, WakeUpWithoutAReplyGoesOnWaiting) {
     int waits = 0;
-    hooks().on_wait = [&] {
+    g_hooks.on_wait = [&] {
         if (++waits == 3) hub.OnEvent(Message("00 01 00").release());
         return true;
     };
