@@ -4,8 +4,10 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -23,20 +25,13 @@ namespace {
 namespace fs = std::filesystem;
 using std::chrono::milliseconds;
 
+constexpr std::chrono::seconds kPatience{60};
+constexpr milliseconds kGlance{3};  // between two looks at what is awaited
 constexpr size_t kLogTailBytes = 3000;
-
-void Pause() {
-    std::this_thread::sleep_for(milliseconds(3));
-}
 
 std::string ReadAll(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};
-}
-
-bool Readable(int fd, milliseconds timeout) {
-    pollfd entry{fd, POLLIN, 0};
-    return poll(&entry, 1, static_cast<int>(timeout.count())) > 0;
 }
 
 // Removes the directory as soon as the returned descriptor is closed, by whatever ends this
@@ -46,66 +41,84 @@ UniqueFd Guard(const std::string& directory) {
     if (pipe2(ends.data(), O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
     const UniqueFd far(ends[0]);
     UniqueFd near(ends[1]);
-    const std::string script = "exec 3<&0; setsid -f sh -c 'cat <&3; rm -rf -- \"$0\"' \"$1\"";
-    Process shell({.arguments = {"/bin/sh", "-c", script, "sh", directory}, .input = far.get()});
-    if (shell.Wait(kPatience) != 0) throw std::runtime_error("no guard for " + directory);
+    const std::string script = "exec 3<&0; setsid -f sh -c 'cat <&3; rm -rf -- \"$0\"' \"$0\"";
+    Process shell({"sh", "-c", script, directory}, "/dev/null", far.get());
+    Eventually("a guard watches the directory", [&] { return shell.Status().has_value(); });
     return near;
 }
 
 }  // namespace
 
-void Eventually(std::string_view what, const std::function<bool()>& condition,
-                std::chrono::seconds patience) {
-    const auto deadline = std::chrono::steady_clock::now() + patience;
+void Eventually(std::string_view what, const std::function<bool()>& condition) {
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
     while (!condition()) {
         if (std::chrono::steady_clock::now() > deadline) {
             throw std::runtime_error("never happened: " + std::string(what));
         }
-        Pause();
+        std::this_thread::sleep_for(kGlance);
     }
 }
 
+Process::Process(std::vector<std::string> command, const std::string& errors, int input,
+                 int inherited) {
+    const std::array prefix = {"/usr/bin/setpriv", "--pdeathsig", "KILL", "/usr/bin/env"};
+    command.insert(command.begin(), prefix.begin(), prefix.end());
+    std::vector<char*> arguments;
+    for (std::string& argument : command) arguments.push_back(argument.data());
+    arguments.push_back(nullptr);
+
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
+    posix_spawn_file_actions_t files;
+    posix_spawn_file_actions_init(&files);
+    posix_spawn_file_actions_addopen(&files, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    if (input >= 0) posix_spawn_file_actions_adddup2(&files, input, STDIN_FILENO);
+    posix_spawn_file_actions_addopen(&files, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addopen(&files, STDERR_FILENO, errors.c_str(),
+                                     O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0666);
+    if (inherited >= 0) posix_spawn_file_actions_adddup2(&files, inherited, inherited);
+    const int error =
+        posix_spawn(&pid_, arguments[0], &files, &attributes, arguments.data(), environ);
+    posix_spawn_file_actions_destroy(&files);
+    posix_spawnattr_destroy(&attributes);
+    if (error != 0) throw std::runtime_error("cannot start " + command.back());
+}
+
+Process::~Process() {
+    kill(-pid_, SIGKILL);
+    if (!status_) waitpid(pid_, nullptr, 0);
+}
+
+std::optional<int> Process::Status() {
+    int status = 0;
+    if (!status_ && waitpid(pid_, &status, WNOHANG) == pid_) status_ = status;
+    return status_;
+}
+
 Hub::Hub() {
-    std::string name = testing::TempDir() + "shd-XXXXXX";
-    if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("no directory " + name);
-    directory_ = name;
-    root_ = name + "/root";
-    guard_ = Guard(name);
-    fs::create_directory(root_);
+    directory_ = testing::TempDir() + "shd-XXXXXX";
+    if (mkdtemp(directory_.data()) == nullptr) throw std::runtime_error("no " + directory_);
+    root_ = directory_ + "/root";
+    guard_ = Guard(directory_);
 }
 
 Hub::~Hub() {
     StopDaemon();
     simulator_.reset();
-    // A directory that a test has made read-only can still be emptied.
     std::error_code ignored;
-    for (const auto& entry : fs::recursive_directory_iterator(directory_, ignored)) {
-        if (entry.is_directory()) fs::permissions(entry, fs::perms::owner_all, ignored);
-    }
     fs::remove_all(directory_, ignored);
 }
 
-std::string Hub::Path(std::string_view device_path) const {
-    return root_ + std::string(device_path);
-}
-
 std::string Hub::ReadFile(std::string_view device_path) const {
-    return ReadAll(Path(device_path));
+    return ReadAll(root_ + std::string(device_path));
 }
 
 void Hub::WriteFile(std::string_view device_path, std::string_view content) const {
-    const std::string path = Path(device_path);
+    const std::string path = root_ + std::string(device_path);
     fs::create_directories(fs::path(path).parent_path());
     std::ofstream(path + ".new", std::ios::binary) << content;
     fs::rename(path + ".new", path);
-}
-
-void Hub::SetProperty(std::string_view name, std::string_view value) const {
-    WriteFile("/data/property/" + std::string(name), value);
-}
-
-std::string Hub::Property(std::string_view name) const {
-    return ReadFile("/data/property/" + std::string(name));
 }
 
 void Hub::InstallImage(const std::string& version, size_t size, bool runnable) const {
@@ -116,34 +129,32 @@ void Hub::InstallImage(const std::string& version, size_t size, bool runnable) c
 }
 
 void Hub::StartSimulator(const std::vector<std::string>& options) {
-    const std::string output = directory_ + "/mcusim.log";
-    ProcessSpec spec{
-        .arguments = {MCUSIM_BINARY, "--root", root_, "--trace", directory_ + "/trace"}};
+    std::vector<std::string> command = {MCUSIM_BINARY, "--root", root_, "--trace",
+                                        directory_ + "/trace"};
     const std::array defaults = {"--baud", "0", "--boot-delay", "0", "--flash-time-scale", "0"};
     for (size_t i = 0; i < defaults.size(); i += 2) {
         if (std::ranges::count(options, defaults[i]) > 0) continue;
-        spec.arguments.insert(spec.arguments.end(), {defaults[i], defaults[i + 1]});
+        command.insert(command.end(), {defaults[i], defaults[i + 1]});
     }
-    spec.arguments.insert(spec.arguments.end(), options.begin(), options.end());
-    spec.output = spec.errors = output;
-    fs::remove(output);
-    simulator_ = std::make_unique<Process>(spec);
-    Eventually("mcusim is ready", [&] {
-        if (simulator_->Wait(milliseconds(0))) throw std::runtime_error(ReadAll(output));
-        return ReadAll(output).find("mcusim: ready") != std::string::npos;
+    command.insert(command.end(), options.begin(), options.end());
+    const std::string errors = directory_ + "/mcusim.log";
+    simulator_ = std::make_unique<Process>(command, errors);
+    Eventually("mcusim serves", [&] {
+        if (simulator_->Status()) throw std::runtime_error(ReadAll(errors));
+        const auto fd = shdclient::ConnectLocal(shdclient::SocketPath(root_, "mcusim"));
+        return fd.ok();
     });
 }
 
 void Hub::KillSimulator() {
     simulator_.reset();
-    // Its pty's number may soon be that of another test.
-    fs::remove(Path("/dev/ttyHSL1"));
+    fs::remove(root_ + "/dev/ttyHSL1");  // the pty's number may soon be another test's
 }
 
 std::string Hub::Simulate(const std::string& command) const {
     const UniqueFd fd = Must(shdclient::ConnectLocal(shdclient::SocketPath(root_, "mcusim")));
     const std::string line = command + "\n";
-    (void)send(fd.get(), line.data(), line.size(), MSG_NOSIGNAL);
+    SendRaw(fd.get(), line.data(), line.size());
     std::string answer;
     std::array<char, 4096> buffer{};
     while (!answer.ends_with('\n') && Readable(fd.get(), kPatience)) {
@@ -155,15 +166,11 @@ std::string Hub::Simulate(const std::string& command) const {
     return answer.substr(std::min<size_t>(3, answer.size()));
 }
 
-nlohmann::json Hub::Stats() const {
-    return nlohmann::json::parse(Simulate("stats"));
-}
-
 std::vector<std::string> Hub::Requests() const {
+    constexpr std::string_view kRequest = "host request ";
     std::vector<std::string> requests;
     std::ifstream trace(directory_ + "/trace");
     for (std::string line; std::getline(trace, line);) {
-        constexpr std::string_view kRequest = "host request ";
         const size_t found = line.find(kRequest);
         if (line.ends_with("---- app")) requests.clear();
         if (found != std::string::npos) requests.push_back(line.substr(found + kRequest.size()));
@@ -171,20 +178,13 @@ std::vector<std::string> Hub::Requests() const {
     return requests;
 }
 
-int64_t Hub::Stat(const std::string& sensor, const std::string& counter) const {
-    return Stats().at("sensors").at(sensor).at(counter).get<int64_t>();
-}
-
 void Hub::StartDaemon(const std::vector<std::string>& environment, int inherited) {
-    log_path_ = directory_ + "/shd." + std::to_string(++starts_) + ".log";
     log_.clear();
     log_seen_ = 0;
-    ProcessSpec spec{.arguments = {SHD_BINARY},
-                     .environment = {"SHD_ROOT=" + root_},
-                     .errors = log_path_,
-                     .inherited = inherited};
-    spec.environment.insert(spec.environment.end(), environment.begin(), environment.end());
-    daemon_ = std::make_unique<Process>(spec);
+    std::vector<std::string> command = {"SHD_ROOT=" + root_};
+    command.insert(command.end(), environment.begin(), environment.end());
+    command.emplace_back(SHD_BINARY);
+    daemon_ = std::make_unique<Process>(command, directory_ + "/shd.log", -1, inherited);
 }
 
 void Hub::StartUp(const std::vector<std::string>& simulator_options) {
@@ -194,67 +194,57 @@ void Hub::StartUp(const std::vector<std::string>& simulator_options) {
 }
 
 int Hub::DaemonExitStatus() {
-    const std::optional<int> status = daemon_->Wait(kPatience);
-    if (!status || !WIFEXITED(*status)) Fail("the daemon did not exit");
+    Eventually("the daemon exits", [this] { return daemon_->Status().has_value(); });
+    const int status = *daemon_->Status();
     daemon_.reset();
-    ReadLog();
-    return WEXITSTATUS(*status);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 void Hub::StopDaemon() {
     if (daemon_ != nullptr) {
-        daemon_->Signal(SIGTERM);
-        const std::optional<int> status = daemon_->Wait(kPatience);
-        EXPECT_TRUE(status && WIFSIGNALED(*status) && WTERMSIG(*status) == SIGTERM)
-            << "the daemon had ended before; status " << status.value_or(-1);
+        EXPECT_FALSE(daemon_->Status()) << "the daemon had ended before";
+        kill(daemon_->pid(), SIGTERM);
+        Eventually("the daemon ends", [this] { return daemon_->Status().has_value(); });
         daemon_.reset();
     }
     ReadLog();
-    const size_t tail = log_.size() - std::min(log_.size(), kLogTailBytes);
+    const std::string all = log_ + ReadAll(directory_ + "/mcusim.log");
     for (const char* report : {"WARNING: ThreadSanitizer", "ERROR: AddressSanitizer",
                                "ERROR: LeakSanitizer", "runtime error:"}) {
-        const size_t found = log_.find(report);
-        EXPECT_EQ(found, std::string::npos) << log_.substr(std::min(found, tail));
+        const size_t found = all.find(report);
+        if (found != std::string::npos) ADD_FAILURE() << all.substr(found, kLogTailBytes);
     }
-    if (testing::Test::HasFailure()) std::fputs(log_.substr(tail).c_str(), stderr);
-}
-
-size_t Hub::DaemonDescriptors() const {
-    const fs::path directory = "/proc/" + std::to_string(daemon_pid()) + "/fd";
-    return static_cast<size_t>(std::distance(fs::directory_iterator(directory), {}));
+    const bool failed = testing::Test::HasFailure() || std::uncaught_exceptions() > 0;
+    const size_t tail = log_.size() - std::min(log_.size(), kLogTailBytes);
+    if (failed) std::fputs(log_.c_str() + tail, stderr);
+    log_.clear();
 }
 
 void Hub::ReadLog() {
-    std::ifstream file(log_path_, std::ios::binary);
+    std::ifstream file(directory_ + "/shd.log", std::ios::binary);
     file.seekg(static_cast<std::streamoff>(log_.size()));
     log_.append(std::istreambuf_iterator<char>(file), {});
 }
 
-void Hub::Fail(const std::string& why) {
-    ReadLog();
-    throw std::runtime_error(why + "; waited for from here on:\n" + log_.substr(log_seen_));
-}
-
 void Hub::WaitForLine(std::string_view text) {
-    const auto deadline = std::chrono::steady_clock::now() + kPatience;
-    size_t end = std::string::npos;
-    while (end == std::string::npos) {
-        const bool last = std::chrono::steady_clock::now() > deadline || daemon_ == nullptr ||
-                          daemon_->Wait(milliseconds(0));
+    Eventually("\"" + std::string(text) + "\" is logged", [&] {
+        const bool last = daemon_ == nullptr || daemon_->Status();
         ReadLog();
         const size_t found = log_.find(text, log_seen_);
-        if (found != std::string::npos) end = log_.find('\n', found);
-        if (end != std::string::npos) break;
-        if (last) Fail("not in the log: " + std::string(text));
-        Pause();
-    }
-    log_seen_ = end + 1;
+        const size_t end = log_.find('\n', found);
+        if (end != std::string::npos) {
+            log_seen_ = end + 1;
+            return true;
+        }
+        if (last) throw std::runtime_error("never logged: " + std::string(text));
+        return false;
+    });
 }
 
 int Hub::CountInLog(std::string_view text) {
     ReadLog();
     int count = 0;
-    for (size_t at = 0; (at = log_.find(text, at)) != std::string::npos; at += text.size()) ++count;
+    for (size_t at = 0; (at = log_.find(text, at)) != std::string::npos; ++at) ++count;
     return count;
 }
 
@@ -274,40 +264,21 @@ void EventTap::Run(const std::stop_token& stop) {
         std::vector<SensorEvent> events;
         const shdclient::Result<size_t> count = stream_.Read(events);
         const std::scoped_lock lock(mutex_);
-        events_.insert(events_.end(), events.begin(), events.end());
         intact_ = count.ok() && stream_.assembler().discarded_bytes() == 0;
         if (!count.ok()) return;
+        for (const SensorEvent& event : events) {
+            int32_t flushed = 0;
+            std::memcpy(&flushed, event.data + sizeof(flushed), sizeof(flushed));
+            const bool is_flush = event.version == kFlushCompleteVersion;
+            events_[is_flush ? kFlushOf + flushed : event.sensor].push_back(event);
+        }
     }
 }
 
 std::vector<SensorEvent> EventTap::Of(int32_t handle) const {
     const std::scoped_lock lock(mutex_);
-    std::vector<SensorEvent> found;
-    std::ranges::copy_if(events_, std::back_inserter(found), [handle](const SensorEvent& event) {
-        return event.version == kSampleEventVersion && event.sensor == handle;
-    });
-    return found;
-}
-
-int64_t EventTap::Count(int32_t handle) const {
-    return std::ssize(Of(handle));
-}
-
-int64_t EventTap::FlushCompletes(int32_t handle) const {
-    const std::scoped_lock lock(mutex_);
-    return std::ranges::count_if(events_, [handle](const SensorEvent& event) {
-        int32_t flushed = 0;
-        std::memcpy(&flushed, event.data + sizeof(flushed), sizeof(flushed));
-        return event.version == kFlushCompleteVersion && flushed == handle;
-    });
-}
-
-int64_t EventTap::Steps() const {
-    const std::vector<SensorEvent> events = Of(19);
-    if (events.empty()) return -1;
-    int64_t steps = 0;
-    std::memcpy(&steps, events.back().data, sizeof(steps));
-    return steps;
+    const auto found = events_.find(handle);
+    return found == events_.end() ? std::vector<SensorEvent>{} : found->second;
 }
 
 bool EventTap::intact() const {
@@ -315,33 +286,31 @@ bool EventTap::intact() const {
     return intact_;
 }
 
-RawClient::RawClient(const Hub& hub)
-    : fd_(Must(shdclient::ConnectLocal(shdclient::SocketPath(hub.root(), "shdctl")))) {}
-
-void RawClient::Send(const void* bytes, size_t size) const {
-    if (send(fd_.get(), bytes, size, MSG_NOSIGNAL) != static_cast<ssize_t>(size)) {
-        throw std::runtime_error("the daemon takes no request");
-    }
+UniqueFd ConnectRaw(const Hub& hub) {
+    return Must(shdclient::ConnectLocal(shdclient::SocketPath(hub.root(), "shdctl")));
 }
 
-ControlReply RawClient::Receive() const {
+void SendRaw(int fd, const void* bytes, size_t size) {
+    const ssize_t sent = send(fd, bytes, size, MSG_NOSIGNAL);
+    if (sent != static_cast<ssize_t>(size)) throw std::runtime_error("cannot send");
+}
+
+void SendRaw(int fd, const ClientRequest& request) {
+    SendRaw(fd, &request, sizeof(request));
+}
+
+ControlReply ReceiveRaw(int fd) {
     ControlReply reply{};
-    if (!Readable(fd_.get(), kPatience)) throw std::runtime_error("no reply");
-    if (recv(fd_.get(), &reply, sizeof(reply), MSG_WAITALL) != sizeof(reply)) {
+    if (!Readable(fd, kPatience)) throw std::runtime_error("no reply");
+    if (recv(fd, &reply, sizeof(reply), MSG_WAITALL) != sizeof(reply)) {
         throw std::runtime_error("the daemon closed the connection");
     }
     return reply;
 }
 
-bool RawClient::HasReply() const {
-    return Readable(fd_.get(), milliseconds(0));
-}
-
-void RawClient::FinishSending() const {
-    shutdown(fd_.get(), SHUT_WR);
-    char byte = 0;
-    while (Readable(fd_.get(), kPatience) && recv(fd_.get(), &byte, 1, 0) > 0) {
-    }
+bool Readable(int fd, milliseconds timeout) {
+    pollfd entry{fd, POLLIN, 0};
+    return poll(&entry, 1, static_cast<int>(timeout.count())) > 0;
 }
 
 ClientRequest Request(int32_t handle, int32_t command, std::initializer_list<uint8_t> args) {

@@ -14,10 +14,10 @@ TEST(StartUp, AppliesCalibrationAndPropertiesBeforeTheMainLoop) {
     Hub hub;
     hub.WriteFile("/nvdata/accclibration", {"\x38\x01\xC8\xFE\x00\x00\x00", 7});
     hub.WriteFile("/nvdata/BARO", "-499\n");
-    hub.SetProperty("persist.velmar.shd.mculog", "5");
-    hub.SetProperty("persist.velmar.shd.debug", "1");
-    hub.SetProperty("persist.velmar.shd.mcureboot", "0");
-    hub.SetProperty("persist.velmar.shd.rawdatatype", "3");
+    hub.WriteFile("/data/property/persist.velmar.shd.mculog", "5");
+    hub.WriteFile("/data/property/persist.velmar.shd.debug", "1");
+    hub.WriteFile("/data/property/persist.velmar.shd.mcureboot", "0");
+    hub.WriteFile("/data/property/persist.velmar.shd.rawdatatype", "3");
     hub.StartSimulator();
     hub.StartDaemon();
     hub.WaitForLog("InitParameter read clibration info :312 -312 0 res:313",
@@ -48,7 +48,7 @@ TEST(StartUp, RequestsOnAnInheritedSocketWaitForTheHandshake) {
     Hub hub;
     hub.StartSimulator();
     hub.Simulate("noreply 0 0 1");
-    const std::string path = hub.Path("/dev/socket/shdctl");
+    const std::string path = hub.root() + "/dev/socket/shdctl";
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
@@ -58,11 +58,12 @@ TEST(StartUp, RequestsOnAnInheritedSocketWaitForTheHandshake) {
     socket_fd.Reset();
 
     hub.WaitForLog("Failed to get shddata from environment", "Send Handshake to sensorhub");
-    const RawClient client(hub);
-    client.Send(Request(0, SHB_MCU_VERSION));
+    const UniqueFd client = ConnectRaw(hub);
+    SendRaw(client.get(), Request(0, SHB_MCU_VERSION));
     hub.WaitForLog("shd     : Handshake timeout");
-    EXPECT_FALSE(client.HasReply());
-    EXPECT_EQ(client.Receive().command, SHB_MCU_RAWDATA_CONFIG);  // what a version reply carries
+    EXPECT_FALSE(Readable(client.get(), std::chrono::milliseconds(0)));
+    EXPECT_EQ(ReceiveRaw(client.get()).command,
+              SHB_MCU_RAWDATA_CONFIG);  // what a version reply carries
     hub.WaitForLog("Handshake OK", "Set parameter OK, start loop", "ProcessMcuVersion type:0");
     EXPECT_EQ(hub.CountInLog("Failed to get shdctl"), 0);
 }
