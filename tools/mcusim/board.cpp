@@ -8,6 +8,13 @@
 #include "tools/mcusim/firmware_image.h"
 
 namespace mcusim {
+namespace {
+
+// By Board::Mode.
+constexpr std::array<std::string_view, 7> kModeNames = {"off",        "reset", "boot", "app",
+                                                        "bootloader", "blank", "hung"};
+
+}  // namespace
 
 Board::Board(const Flash& flash, SerialLine& line, Application& application, Bootloader& bootloader,
              TimePoint boot_delay)
@@ -18,9 +25,7 @@ Board::Board(const Flash& flash, SerialLine& line, Application& application, Boo
       boot_delay_(boot_delay) {}
 
 std::string_view Board::ModeName() const {
-    static constexpr std::array<std::string_view, 7> kNames = {"off",        "reset", "boot", "app",
-                                                               "bootloader", "blank", "hung"};
-    return kNames[static_cast<size_t>(mode_)];
+    return kModeNames[static_cast<size_t>(mode_)];
 }
 
 void Board::Enter(Mode mode, TimePoint now) {

@@ -10,7 +10,7 @@ namespace mcusim {
 
 inline constexpr int kMaxDumpPieces = 255;
 inline constexpr int kDefaultDumpPieces = 6;
-inline constexpr size_t kDumpBytes = 6 * 1024;
+inline constexpr size_t kDumpBytes = 6144;
 inline constexpr size_t kMaxDumpPieceBytes = 1200;
 
 // A dump as a Cortex-M firmware writes it, little-endian: header, the registers at the fault, the

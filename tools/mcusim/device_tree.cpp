@@ -10,7 +10,6 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
-#include <ranges>
 #include <stdexcept>
 #include <system_error>
 
@@ -51,7 +50,7 @@ DeviceTree::DeviceTree(const fs::path& root) : root_(fs::absolute(root).lexicall
 }
 
 DeviceTree::~DeviceTree() {
-    for (const Entry& entry : std::views::reverse(made_)) Remove(entry);
+    for (auto entry = made_.rbegin(); entry != made_.rend(); ++entry) Remove(*entry);
 }
 
 void DeviceTree::Remove(const Entry& entry) const {

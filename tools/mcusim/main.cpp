@@ -49,12 +49,7 @@ int RunSimulator(const mcusim::SimulatorOptions& options) {
     return 0;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-    FillStandardDescriptors();
-    for (const int number : {SIGPIPE, SIGTTIN, SIGTTOU}) std::signal(number, SIG_IGN);
-
+int ParseAndRun(int argc, char** argv) {
     CLI::App app("The simulated sensor-hub MCU and its board, below a directory of its own.");
     mcusim::SimulatorOptions options;
     double boot_delay_sec = 0.3;
@@ -93,11 +88,19 @@ int main(int argc, char** argv) {
     if (trace->count() > 0) options.trace = trace_path;
     options.machine.boot_delay = mcusim::FromSeconds(boot_delay_sec);
 
+    for (const std::string& signal : signals) options.signals.push_back(ParseSignal(signal));
+    return RunSimulator(options);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    FillStandardDescriptors();
+    for (const int number : {SIGPIPE, SIGTTIN, SIGTTOU}) std::signal(number, SIG_IGN);
     try {
-        for (const std::string& signal : signals) options.signals.push_back(ParseSignal(signal));
-        return RunSimulator(options);
+        return ParseAndRun(argc, argv);
     } catch (const std::exception& error) {
-        fmt::print(stderr, "mcusim: {}\n", error.what());
+        std::fputs((std::string("mcusim: ") + error.what() + "\n").c_str(), stderr);
         return 1;
     }
 }

@@ -11,6 +11,10 @@ namespace {
 constexpr double kTurn = 2 * std::numbers::pi;
 constexpr double kGravity = 9.80665;
 
+constexpr double kAccelerometerNoise = 0.02;  // m/s^2
+constexpr double kGyroscopeNoise = 0.004;     // rad/s
+constexpr double kHalfDifferenceSec = 0.001;
+
 constexpr double kWalkCycleSec = 60.0;
 constexpr double kWalkSec = 40.0;
 constexpr double kStepsPerSec = 1.8;
@@ -155,25 +159,23 @@ Vector3 WristModel::LinearAcceleration(TimePoint time) const {
 }
 
 Vector3 WristModel::Acceleration(TimePoint time) const {
-    constexpr double kNoise = 0.02;  // m/s^2
     const Vector3 gravity = Gravity(time);
     const Vector3 linear = LinearAcceleration(time);
-    return {gravity.x + linear.x + kNoise * Noise(0, time),
-            gravity.y + linear.y + kNoise * Noise(1, time),
-            gravity.z + linear.z + kNoise * Noise(2, time)};
+    return {gravity.x + linear.x + kAccelerometerNoise * Noise(0, time),
+            gravity.y + linear.y + kAccelerometerNoise * Noise(1, time),
+            gravity.z + linear.z + kAccelerometerNoise * Noise(2, time)};
 }
 
 Vector3 WristModel::AngularVelocity(TimePoint time) const {
-    constexpr double kHalfStepSec = 0.001;
-    constexpr double kNoise = 0.004;  // rad/s
     const double t = Seconds(time);
-    const Quaternion before = OrientationAt(t - kHalfStepSec);
-    const Quaternion after = OrientationAt(t + kHalfStepSec);
+    const Quaternion before = OrientationAt(t - kHalfDifferenceSec);
+    const Quaternion after = OrientationAt(t + kHalfDifferenceSec);
     // The small turn from one to the other, in the watch's own axes.
     const Quaternion turn = Multiply(Conjugate(before), after);
-    const double scale = (turn.w < 0 ? -2 : 2) / (2 * kHalfStepSec);
-    return {turn.x * scale + kNoise * Noise(3, time), turn.y * scale + kNoise * Noise(4, time),
-            turn.z * scale + kNoise * Noise(5, time)};
+    const double scale = (turn.w < 0 ? -2 : 2) / (2 * kHalfDifferenceSec);
+    return {turn.x * scale + kGyroscopeNoise * Noise(3, time),
+            turn.y * scale + kGyroscopeNoise * Noise(4, time),
+            turn.z * scale + kGyroscopeNoise * Noise(5, time)};
 }
 
 double WristModel::PressureHpa(TimePoint time) const {

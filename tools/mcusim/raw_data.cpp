@@ -19,18 +19,18 @@ constexpr size_t kTransferSizes = 4;
 struct LaneSpec {
     Stream stream;
     Kind kind;
-    uint8_t sensor;  // whose samples these are
-    milliseconds period;
-    size_t message_content;                       // most bytes of one message
+    uint8_t sensor;                               // whose samples these are
     std::array<uint8_t, kTransferSizes> samples;  // of the transfers, over and over
+    size_t message_content;                       // most bytes of one message
+    milliseconds period;
 };
 
 constexpr LaneSpec kLaneSpecs[] = {
-    {kAlgorithm, kSummary, kStepCounter, milliseconds(1000), 16, {1, 1, 1, 1}},
-    {kAlgorithm, kAccelerometerSamples, kAccelerometer, milliseconds(40), 509, {5, 100, 25, 200}},
-    {kHeart, kSummary, kHeartRate, milliseconds(1000), 16, {1, 1, 1, 1}},
-    {kHeart, kAccelerometerSamples, kAccelerometer, milliseconds(40), 509, {5, 100, 25, 200}},
-    {kHeart, kPpgSamples, kPpg, milliseconds(40), 640, {5, 60, 25, 120}},
+    {kAlgorithm, kSummary, kStepCounter, {1, 1, 1, 1}, 16, milliseconds(1000)},
+    {kAlgorithm, kAccelerometerSamples, kAccelerometer, {5, 100, 25, 200}, 509, milliseconds(40)},
+    {kHeart, kSummary, kHeartRate, {1, 1, 1, 1}, 16, milliseconds(1000)},
+    {kHeart, kAccelerometerSamples, kAccelerometer, {5, 100, 25, 200}, 509, milliseconds(40)},
+    {kHeart, kPpgSamples, kPpg, {5, 60, 25, 120}, 640, milliseconds(40)},
 };
 
 TimePoint GridAfter(TimePoint time, TimePoint period) {

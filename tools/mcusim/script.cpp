@@ -16,6 +16,12 @@ namespace {
 
 constexpr double kMaxTimeSec = 7 * 24 * 3600;
 
+struct TimeUnit {
+    std::string_view name;
+    double seconds;
+};
+constexpr TimeUnit kTimeUnits[] = {{"ms", 0.001}, {"s", 1}, {"m", 60}};
+
 std::string_view WithoutComment(std::string_view line) {
     for (size_t i = 0; i < line.size(); ++i) {
         const bool starts = i == 0 || line[i - 1] == ' ' || line[i - 1] == '\t';
@@ -25,18 +31,12 @@ std::string_view WithoutComment(std::string_view line) {
 }
 
 TimePoint ParseTime(std::string_view text) {
-    struct Unit {
-        std::string_view name;
-        double seconds;
-    };
-    static constexpr Unit kUnits[] = {{"ms", 0.001}, {"s", 1}, {"m", 60}};
-
     double value = 0;
     const char* end = text.data() + text.size();
     const auto parsed = std::from_chars(text.data(), end, value);
     const std::string_view unit(parsed.ptr, static_cast<size_t>(end - parsed.ptr));
-    const auto* found = std::ranges::find(kUnits, unit, &Unit::name);
-    if (parsed.ec != std::errc() || found == std::end(kUnits) || value < 0 ||
+    const auto* found = std::ranges::find(kTimeUnits, unit, &TimeUnit::name);
+    if (parsed.ec != std::errc() || found == std::end(kTimeUnits) || value < 0 ||
         value * found->seconds > kMaxTimeSec) {
         throw CommandError(fmt::format("\"{}\" is no time; write it as 500ms, 2.5s or 3m", text));
     }

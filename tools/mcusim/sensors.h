@@ -39,12 +39,12 @@ using SampleValues = std::array<double, kMaxSampleValues>;
 
 struct SensorSpec {
     uint8_t id;
-    std::string_view name;
-    Reporting reporting;
     uint8_t sample_bytes;
     uint8_t value_count;        // of SampleValues
     uint8_t calibration_bytes;  // of its calibration and parameter, 0: it has none
     int32_t default_period_ms;
+    Reporting reporting;
+    std::string_view name;
     std::string_view info;
 };
 

@@ -42,6 +42,7 @@ class SerialLine {
     void HostWrote(TimePoint at, std::span<const uint8_t> bytes, int bits_per_byte);
     // The next byte that has arrived by now, in order.
     [[nodiscard]] std::optional<ArrivedByte> TakeArrived(TimePoint now);
+    [[nodiscard]] size_t input_bytes() const { return input_.size(); }
     void DropInput() { input_.clear(); }
 
     // MCU to host. The bytes begin at the time given or when the previous byte has ended.

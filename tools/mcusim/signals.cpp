@@ -12,6 +12,8 @@ constexpr uint64_t kClockAfterPowerOnMs = 1'451'606'400'000;  // 2016-01-01, as 
 constexpr double kHeartStatusGood = 3;
 constexpr double kHeartStatusMoving = 2;
 
+constexpr double kFullTurn = 2 * std::numbers::pi;
+
 SampleValues ToValues(const Vector3& v) {
     return {v.x, v.y, v.z, 0, 0};
 }
@@ -59,7 +61,6 @@ double Signals::HeartRate(TimePoint time) const {
 }
 
 SampleValues Signals::Pulse(TimePoint time) const {
-    constexpr double kFullTurn = 2 * std::numbers::pi;
     const double beats = heart_rate_ ? *heart_rate_ / 60 * Seconds(time) : wrist_.PulsePhase(time);
     const double x = kFullTurn * beats;
     const double wave = std::sin(x) + 0.35 * std::sin(2 * x + 0.9);

@@ -21,7 +21,7 @@ namespace mcusim {
 namespace {
 
 constexpr const char* kDefaultVersion = "SIM.900.0001";
-constexpr size_t kFirmwareSizeBytes = 48 * 1024;
+constexpr size_t kFirmwareSizeBytes = 49'152;
 
 // A host that answers a late byte answers late; up to this much is taken back, so that waking up
 // late does not slow the line down.
@@ -43,6 +43,13 @@ UniqueFd EndingSignals() {
 
 std::vector<uint8_t> Firmware(const std::string& version, uint64_t seed) {
     return BuildFirmwarePayload(version, kFirmwareSizeBytes, static_cast<uint32_t>(seed));
+}
+
+constexpr size_t kMaxInputBytes = 4096;
+
+// A host that writes faster than the line gets no more than this ahead of it.
+bool HasRoom(const Machine& machine) {
+    return machine.line.input_bytes() < kMaxInputBytes;
 }
 
 // Everything that has been written to a control file since the last time.
@@ -143,7 +150,7 @@ void Simulator::ServeControlFiles(TimePoint now) {
 }
 
 void Simulator::ServeInput(TimePoint now) {
-    while (true) {
+    while (HasRoom(*machine_)) {
         const std::vector<uint8_t> bytes = pty_.Read();
         if (bytes.empty()) return;
         machine_->HostWrote(now - lateness_, bytes);
@@ -179,7 +186,8 @@ std::optional<TimePoint> Simulator::NextDue() const {
 }
 
 void Simulator::Wait() {
-    std::vector<pollfd> fds = {{signals_.get(), POLLIN, 0}, {pty_.fd(), POLLIN, 0}};
+    std::vector<pollfd> fds = {{signals_.get(), POLLIN, 0}, {pty_.fd(), 0, 0}};
+    if (HasRoom(*machine_)) fds.back().events |= POLLIN;
     if (pty_.pending() > 0) fds.back().events |= POLLOUT;
     for (const UniqueFd* file :
          {&files_.sleep, &files_.lpm, &files_.boot0, &files_.boot1, &files_.reset}) {

@@ -20,8 +20,8 @@ class Transmitter {
   public:
     // What the MCU's send buffer holds. Beyond it reports, log lines and raw data are discarded;
     // replies may use the rest of the buffer.
-    static constexpr size_t kReportBacklogBytes = 8 * 1024;
-    static constexpr size_t kReplyBacklogBytes = 16 * 1024;
+    static constexpr size_t kReportBacklogBytes = 8192;
+    static constexpr size_t kReplyBacklogBytes = 16'384;
 
     using PacketWatcher =
         std::function<void(TimePoint, std::span<const uint8_t> packet, std::string_view note)>;
