@@ -74,7 +74,8 @@ void SocketServer::AcceptClient() {
 // A connection that stays pending would make the listening socket readable for ever.
 void SocketServer::RefuseConnection() {
     spare_fd_.Reset();
-    const UniqueFd refused(accept4(listen_fd_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    UniqueFd refused(accept4(listen_fd_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    refused.Reset();  // its number is the one that the spare gets again
     spare_fd_.Reset(OpenSpare());
 }
 
