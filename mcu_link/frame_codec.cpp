@@ -50,8 +50,7 @@ int EscapeBytes(std::span<uint8_t> destination, std::span<const uint8_t> source)
 }
 
 int EncodeFrame(std::span<uint8_t> destination, std::span<const uint8_t> payload) {
-    if (payload.size() + 5 >= destination.size()) return -1;
-    if (destination.size() < kFrameReserve) return -1;
+    if (payload.size() + kFrameReserve > destination.size()) return -1;
     const auto body = destination.first(destination.size() - kFrameReserve);
 
     const int payload_size = EscapeBytes(body, payload);

@@ -23,23 +23,28 @@ void Line::AttachReader() {
     action.sa_handler = [](int) {};
     sigemptyset(&action.sa_mask);
     sigaction(kInterruptSignal, &action, nullptr);
+    // The signal mask is inherited from whoever started the process.
+    sigset_t interrupt;
+    sigemptyset(&interrupt);
+    sigaddset(&interrupt, kInterruptSignal);
+    pthread_sigmask(SIG_UNBLOCK, &interrupt, nullptr);
     reader_ = pthread_self();
     reader_attached_ = true;
 }
 
 void Line::ParkReader() {
-    parked_ = 1;
+    parked_ = true;
     while (hold_.load() != 0) hold_.wait(1);
     // Cleared before the reader looks at hold_ again: a holder that still sees the old value has
     // set hold_ early enough for the reader to see that before it reads.
-    parked_ = 0;
+    parked_ = false;
 }
 
 LinkHold::LinkHold() {
     g_line.mutex().Lock();
     g_line.hold_ = 1;
     if (!g_line.reader_attached_) return;
-    while (g_line.parked_.load() == 0) {
+    while (!g_line.parked_) {
         pthread_kill(g_line.reader_, kInterruptSignal);
         Delay(kInterruptInterval);
     }

@@ -32,9 +32,8 @@ class Line {
     pthread_t reader_{};
     std::atomic<bool> reader_attached_{false};
 
-    // 32-bit words, so that waiting on them is one futex.
-    std::atomic<uint32_t> hold_{0};
-    std::atomic<uint32_t> parked_{0};
+    std::atomic<uint32_t> hold_{0};  // 32 bits, so that waiting on it is one futex
+    std::atomic<bool> parked_{false};
 
     Mutex mutex_;
 };

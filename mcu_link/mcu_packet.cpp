@@ -12,7 +12,7 @@ namespace {
 constexpr int32_t kMinDataRoom = 512;
 
 void SetRaw(McuPacket* packet, std::initializer_list<int> bytes) {
-    packet->raw_len = 0;
+    ClearPacket(packet);
     for (const int byte : bytes) packet->raw[packet->raw_len++] = static_cast<uint8_t>(byte);
     (void)EncodePacket(packet);
 }

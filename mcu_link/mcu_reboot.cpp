@@ -127,8 +127,11 @@ void RestoreSensor(SensorHub* hub, int32_t handle) {
     LOGD("SensorMcuReboot SensorActive:%d", handle);
 }
 
-bool Recover(SensorHub* hub) {
-    if (!ResetAndReopen() || !Handshake(hub)) return false;
+void Recover(SensorHub* hub) {
+    if (!ResetAndReopen() || !Handshake(hub)) return;
+    // The reset MCU counts its steps from 0, and may report them as soon as its step counter is on
+    // again; that report must already be re-based.
+    g_mcu_rebooted = 1;
     if (const auto level = RestoreMcuLogLevel(hub)) {
         LOGD("SensorMcuReboot Set MCU Log Level : %d", *level);
     }
@@ -138,7 +141,6 @@ bool Recover(SensorHub* hub) {
          {kHandleStepDetector, kHandleStepCounter, kHandleWristTilt, kHandleMotionHealth}) {
         RestoreSensor(hub, handle);
     }
-    return true;
 }
 
 }  // namespace
@@ -176,7 +178,7 @@ void* SensorMcuRebootFn(void* argument) {
 void SensorMcuReboot(SensorHub* hub) {
     g_mcu_rebooting = 1;
     SensorWakeLockAcquiredLocked(1);
-    if (Recover(hub)) g_mcu_rebooted = 1;
+    Recover(hub);
     g_mcu_rebooting = 0;
     SensorWakeLockAcquiredLocked(0);
 }

@@ -9,5 +9,5 @@ void* SensorMcuRebootFn(void* argument);
 
 // Runs the recovery on the calling thread, which is the reboot thread: 3 s at least, minutes when
 // the firmware has to be written. Clears g_mcu_rebooting on every way out and sets g_mcu_rebooted
-// when the MCU is back.
+// once the MCU is back.
 void SensorMcuReboot(SensorHub* hub);

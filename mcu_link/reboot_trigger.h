@@ -13,7 +13,8 @@ inline std::atomic<int32_t> g_mcu_rebooting{0};
 // Not 0 forbids reboots; set by start-up from persist.velmar.shd.mcureboot.
 inline std::atomic<int32_t> g_mcu_reboot_disable{0};
 
-// Set to 1 when a reboot has completed; cleared by the step counter when it re-bases its count.
+// Set to 1 when a rebooted MCU has answered its handshake; cleared by the step counter when it
+// re-bases its count.
 inline std::atomic<int32_t> g_mcu_rebooted{0};
 
 // Starts the reboot procedure on a thread of its own; safe on any thread, never blocks. Returns 0

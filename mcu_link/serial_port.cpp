@@ -16,12 +16,16 @@ namespace {
 constexpr char kLogTag[] = "shd_serial";
 constexpr char kSleepPath[] = "/proc/mcusleep/sleep";
 
-// Tells the MCU to stay awake. A system without the control file has nothing to wake.
-bool WakeMcu() {
+// Tells the MCU to stay awake; negative when it cannot be told. A system without the control file
+// has nothing to wake.
+ssize_t WakeMcu() {
     const ControlFileResult result = WriteControlFile(kSleepPath, "0");
-    if (!result.opened || result.written >= 0) return true;
-    LOGE("BoardSerial wakeup mcu failure err:%d", static_cast<int>(result.written));
-    return false;
+    return result.opened ? result.written : 0;
+}
+
+ssize_t WriteOnce(int fd, const uint8_t* buffer, ssize_t length) {
+    if (fd <= 0 || length < 0) return -1;
+    return write(fd, buffer, static_cast<size_t>(length));
 }
 
 }  // namespace
@@ -65,9 +69,14 @@ ssize_t BoardSerial::Read(uint8_t* buffer, size_t length) {
 }
 
 ssize_t BoardSerial::Write(const uint8_t* buffer, ssize_t length) {
-    if (!WakeMcu()) return -1;
-    const MutexLock line(g_line.mutex());
-    const int fd = fd_.load();
-    if (fd <= 0 || length < 0) return -1;
-    return write(fd, buffer, static_cast<size_t>(length));
+    ssize_t wake_result = 0;
+    {
+        // The MCU is woken with the line in hand: after a wait for another owner it may have gone
+        // back to sleep, or been reset.
+        const MutexLock line(g_line.mutex());
+        wake_result = WakeMcu();
+        if (wake_result >= 0) return WriteOnce(fd(), buffer, length);
+    }
+    LOGE("BoardSerial wakeup mcu failure err:%d", static_cast<int>(wake_result));
+    return -1;
 }

@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <span>
 
 #include <sys/types.h>
 
@@ -19,15 +18,16 @@ class SerialPort {
 };
 
 // /dev/ttyHSL1. Read is called by the reader thread alone, Write by whichever thread sends a
-// request; Open and ReplaceDescriptor by start-up and by the reboot procedure.
+// request, Open by start-up, Close and OpenDevice by the reboot procedure, which holds the line.
 class BoardSerial final : public SerialPort {
   public:
     // Blocks until a byte arrives; -1 at once while the port is closed.
     [[nodiscard]] ssize_t Read(uint8_t* buffer, size_t length) override;
 
     // Wakes the MCU, then writes once; a short count is returned as it is. Waits while another
-    // thread holds the line (LinkHold). -1 for a failed wake-up, a closed port or a negative
-    // length, which is how a packet that did not fit its frame arrives.
+    // thread holds the line (LinkHold): seconds for a reset, minutes for a firmware update. -1 for
+    // a failed wake-up, a closed port or a negative length, which is how a packet that did not fit
+    // its frame arrives.
     [[nodiscard]] ssize_t Write(const uint8_t* buffer, ssize_t length) override;
 
     // The descriptor stays open for the life of the process.
@@ -36,7 +36,7 @@ class BoardSerial final : public SerialPort {
     // Opens and configures the device. Returns 0, or -1 with the negative descriptor kept in fd.
     [[nodiscard]] virtual int Open();
 
-    // Closes the descriptor, if there is one. The caller holds the line.
+    // Closes the descriptor, if there is one.
     void Close();
 
     // Opens the device without configuring it and returns the descriptor, negative on failure.
