@@ -25,7 +25,6 @@ constexpr char kLogTag[] = "shd";
 constexpr std::chrono::seconds kRebootPause{2};
 constexpr int kFlushTimeoutSec = 2;
 constexpr int32_t kErrorCommand = -1;
-constexpr size_t kMaxParameterSize = 6;
 
 // One request on its way through its handler.
 struct Call {
@@ -115,7 +114,7 @@ int SelfTest(const Call& call) {
 
 int SetParameter(const Call& call) {
     const size_t size = McuParameterSize(call.id);
-    static_assert(kMaxParameterSize <= sizeof(call.request.args));
+    static_assert(kMaxMcuParameterSize <= sizeof(call.request.args));
     return Answer(call, SensorSetParameter(call.hub, call.id, {call.request.args, size}));
 }
 

@@ -1,6 +1,6 @@
 // Records and command ids of the control socket "shdctl", shared by the daemon and its clients.
-// A client writes ClientRequest records and reads one ControlReply for each; both are raw
-// little-endian images with no length prefix.
+// A client writes ClientRequest records and reads one ControlReply for each, except where noted;
+// both are raw little-endian images with no length prefix.
 #pragma once
 
 #include <bit>
@@ -15,7 +15,7 @@ enum ControlCommand : int32_t {
     SHB_SENSOR_DEACTIVE = 1,
     SHB_SENSOR_DELAY = 2,  // args: int32 period in ms
     SHB_SENSOR_SELFTEST = 3,
-    SHB_SENSOR_PARAMETER = 4,     // args: 6 bytes for the accelerometer, 4 for the other sensors
+    SHB_SENSOR_PARAMETER = 4,     // args: 6 bytes for handle 0; 4 for 5, 6, 25; else none
     SHB_SENSOR_CALIBRATION = 5,   // reply data: as many bytes as the parameter has
     SHB_MCU_LOG_LEVEL = 6,        // args: uint8 1, uint8 level 0..5
     SHB_MCU_RAWDATA_CONFIG = 7,   // args: uint16, bit 0 algorithm data, bit 1 heart-rate data

@@ -44,7 +44,7 @@ int32_t GetMcuSensorId(int32_t handle) {
 size_t McuParameterSize(int32_t mcu_sensor_id) {
     switch (mcu_sensor_id) {
         case kMcuAccelerometer:
-            return 6;  // three int16
+            return kMaxMcuParameterSize;  // three int16
         case kMcuGyroscope:
         case kMcuPressure:
         case kMcuRawRecord:

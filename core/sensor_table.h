@@ -47,6 +47,8 @@ enum McuSensorId : int32_t {
 // may be passed; every handle with an id lies in 0..27.
 [[nodiscard]] int32_t GetMcuSensorId(int32_t handle);
 
+inline constexpr size_t kMaxMcuParameterSize = 6;  // bytes
+
 // Bytes of the calibration parameter of an MCU sensor: 6, 4, or 0 for sensors without one.
 [[nodiscard]] size_t McuParameterSize(int32_t mcu_sensor_id);
 

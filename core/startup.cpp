@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
 
 #include "core/debug_flag.h"
 #include "core/main_loop.h"
@@ -89,16 +90,15 @@ void InitBaroCalibration() {
 
 // The listening socket that init passed on, or one made here. May be negative.
 int TakeServerSocket(const char* name) {
-    const int fd = GetInheritedSocket(name);
+    int fd = GetInheritedSocket(name);
     if (fd <= 0) {
         LOGD("Failed to get %s from environment: %s\n", name, strerror(errno));
-        return socket_local_server(name, kReservedNamespace, SOCK_STREAM);
-    }
-    if (listen(fd, kListenBacklog) != 0) {
+        fd = socket_local_server(name, kReservedNamespace, SOCK_STREAM);
+    } else if (listen(fd, kListenBacklog) != 0) {
         LOGE("Listen on socket failed: %s\n", strerror(errno));
         std::exit(1);
     }
-    fcntl(fd, F_SETFD, FD_CLOEXEC);
+    if (fd >= 0) fcntl(fd, F_SETFD, FD_CLOEXEC);
     return fd;
 }
 
@@ -142,6 +142,13 @@ void ApplyRawDataProperty(SensorHub* hub) {
     LOGD("Set MCU Raw data Log Level : %d", type);
 }
 
+// A descriptor that an outer process left closed must not become the UART's: 0 means closed there.
+void OpenStandardDescriptors() {
+    int fd = open("/dev/null", O_RDWR);  // no O_CLOEXEC: kept only as a standard descriptor
+    while (fd >= 0 && fd <= STDERR_FILENO) fd = open("/dev/null", O_RDWR);
+    if (fd >= 0) close(fd);
+}
+
 bool StartReader(ListenArgs* args) {
     pthread_t thread{};
     if (pthread_create(&thread, nullptr, ListsenThread, args) == 0) return true;
@@ -172,10 +179,11 @@ int GetInheritedSocket(const char* name) {
     if (value == nullptr) return -1;
     errno = 0;
     const long number = std::strtol(value, nullptr, 10);
-    return errno != 0 ? -1 : static_cast<int>(number);
+    return errno != 0 || !std::in_range<int>(number) ? -1 : static_cast<int>(number);
 }
 
 int RunDaemon() {
+    OpenStandardDescriptors();
     // A client or a control file whose other end has gone must show as a failed write.
     std::signal(SIGPIPE, SIG_IGN);
     {

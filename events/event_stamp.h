@@ -16,8 +16,8 @@ class SensorHub;
     REQUIRES(g_sensor_state_mutex);
 
 // Stamps the event of a sample that lies index sample intervals before now (ns). While a flush is
-// pending its countdown takes the index's place. An index that would date the sample before boot
-// leaves the time stamp as it is.
+// pending its countdown takes the index's place. The time stamp stays as it is when
+// period_ms * index / 1000, computed in 32 bits and wrapping, reaches now.
 void StampEvent(SensorState& state, SensorEvent* event, int64_t now, int32_t index)
     REQUIRES(g_sensor_state_mutex);
 

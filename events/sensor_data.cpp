@@ -119,7 +119,7 @@ void SendSample(SensorHub* hub, const SensorEvent& event, bool game_enabled, boo
     if (enabled) SendEvent(hub, event);
 }
 
-// What a report that does not come in batches amounted to.
+// What a report amounted to.
 struct ReportResult {
     int32_t handle;
     int32_t consumed;  // samples
@@ -183,7 +183,7 @@ ReportResult ProcessMotionHealth(SensorHub* hub, std::span<const uint8_t> data, 
     return {kHandleMotionHealth, count};
 }
 
-ReportResult ProcessSingleReport(SensorHub* hub, const McuMessage& message, int64_t now) {
+ReportResult ProcessOtherReport(SensorHub* hub, const McuMessage& message, int64_t now) {
     switch (message.service) {
         case kMcuRawRecord:
             return ProcessRawRecords(hub, message.payload(), now);
@@ -213,17 +213,15 @@ void AccountForFlush(SensorHub* hub, const ReportResult& result) {
 int ProcessSensorData(SensorHub* hub, const McuMessage* message) {
     if (message == nullptr) return -1;
     const int64_t now = android::elapsedRealtimeNano();
-    if (FindBatchedSensor(message->service) != nullptr) {
-        ProcessBatchedData(hub, *message, now);
-    } else {
-        AccountForFlush(hub, ProcessSingleReport(hub, *message, now));
+    if (!ProcessBatchedData(hub, *message, now)) {
+        AccountForFlush(hub, ProcessOtherReport(hub, *message, now));
     }
     return 0;
 }
 
-void ProcessBatchedData(SensorHub* hub, const McuMessage& message, int64_t now) {
+bool ProcessBatchedData(SensorHub* hub, const McuMessage& message, int64_t now) {
     const BatchedSensor* sensor = FindBatchedSensor(message.service);
-    if (sensor == nullptr) return;
+    if (sensor == nullptr) return false;
     SensorEvent event = MakeEvent(sensor->handle, sensor->type);
     const auto data = message.payload();
     const auto count = static_cast<int32_t>(data.size() / sensor->sample_size);
@@ -257,4 +255,5 @@ void ProcessBatchedData(SensorHub* hub, const McuMessage& message, int64_t now) 
         SendSample(hub, event, game_enabled, enabled);
     }
     AccountForFlush(hub, {sensor->handle, samples});
+    return true;
 }

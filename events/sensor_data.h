@@ -11,5 +11,5 @@ class SensorHub;
 int ProcessSensorData(SensorHub* hub, const McuMessage* message);
 
 // The part of ProcessSensorData for the sensors that report in batches; now is the arrival time in
-// ns of android::elapsedRealtimeNano.
-void ProcessBatchedData(SensorHub* hub, const McuMessage& message, int64_t now);
+// ns of android::elapsedRealtimeNano. False, with nothing done, for any other sensor.
+bool ProcessBatchedData(SensorHub* hub, const McuMessage& message, int64_t now);

@@ -8,7 +8,8 @@
 // Blocks the calling thread for at least the given time; a signal does not shorten it.
 void Delay(std::chrono::microseconds duration);
 
-// Waits until fd can be read without blocking, or its other end has gone, for at most timeout.
+// Waits until fd can be read without blocking, or its other end has gone, for at most timeout; a
+// signal does not shorten it.
 // Returns a positive value when it is readable, 0 when the time is over, a negative value with
 // errno set on an error.
 [[nodiscard]] int WaitReadable(int fd, std::chrono::microseconds timeout);

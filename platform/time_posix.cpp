@@ -1,7 +1,9 @@
 // The daemon's waits and its wall clock on any POSIX system.
 #include <poll.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <ctime>
 
 #include "platform/delay.h"
@@ -18,10 +20,15 @@ void Delay(std::chrono::microseconds duration) {
 }
 
 int WaitReadable(int fd, std::chrono::microseconds timeout) {
-    // poll rather than select: a descriptor may be numbered above select's range.
-    pollfd entry{fd, POLLIN, 0};
-    const auto limit = std::chrono::ceil<std::chrono::milliseconds>(timeout);
-    return poll(&entry, 1, static_cast<int>(limit.count()));
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (true) {
+        const auto rest = std::chrono::ceil<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        // poll rather than select: a descriptor may be numbered above select's range.
+        pollfd entry{fd, POLLIN, 0};
+        const int ready = poll(&entry, 1, static_cast<int>(std::max<int64_t>(rest.count(), 0)));
+        if (ready >= 0 || errno != EINTR) return ready;
+    }
 }
 
 std::time_t WallClockSec() {

@@ -1,4 +1,5 @@
-// Exchange of one command and the test of its reply; used by every MCU command.
+// Exchange of one command and the test of its reply; used by the commands whose reply must hold
+// data.
 #include "sensor_commands/command_reply.h"
 
 #include "mcu_link/exchange.h"

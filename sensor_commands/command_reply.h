@@ -1,4 +1,4 @@
-// The step that every MCU command shares: exchange a packet and insist on a reply with data.
+// The step shared by the MCU commands whose reply must hold data: exchange a packet, look at it.
 #pragma once
 
 #include "mcu_link/mcu_packet.h"
@@ -19,6 +19,6 @@ struct CommandReply {
     [[nodiscard]] int status() const { return fault == ReplyFault::kNone ? message->data[0] : -1; }
 };
 
-// Blocks for up to timeout_sec seconds. Main thread or reboot thread.
+// Blocks as SendSensorMsgAndWait does. Main thread or reboot thread.
 [[nodiscard]] CommandReply ExchangeCommand(SensorHub* hub, const McuPacket& packet,
                                            int timeout_sec);

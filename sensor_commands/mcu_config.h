@@ -1,6 +1,6 @@
 // The MCU-wide configurations: motion-health settings, the MCU's clock and the raw-data stream.
 // Called by the control commands, start-up and recovery, on the main or the reboot thread; each
-// blocks for up to its time limit.
+// blocks as SendSensorMsgAndWait does, with the limit given.
 //
 // Every operation returns the MCU's status byte, 0 to 255, or -1 when no usable reply came or the
 // request was refused.

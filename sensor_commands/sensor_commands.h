@@ -1,6 +1,6 @@
 // One operation for each thing that the daemon asks of an MCU sensor or of the MCU's basic
-// services. Called by the control commands, start-up and the reboot procedure; each blocks for up
-// to its time limit and runs on the main thread or the reboot thread.
+// services. Called by the control commands, start-up and the reboot procedure, on the main thread
+// or the reboot thread; each blocks as SendSensorMsgAndWait does, with a limit of 2 or 10 s.
 //
 // Every operation returns 0 for success, -1 for a failed exchange, an empty reply or a bad
 // argument, and otherwise the MCU's status byte, 1 to 255. mcu_sensor_id is the MCU's name of a

@@ -9,7 +9,8 @@ class DataServer final : public SocketServer {
   public:
     using SocketServer::SocketServer;
 
-    // Discards what the client sent, in units of 1,024 bytes, and so notices its end.
+    // Discards what the client sent, in units of 1,024 bytes, and so notices its end; blocks this
+    // server until a unit is complete or the client has gone.
     int OnData(int client) override;
 
     // Sends the record to every client in the order of acceptance. Never blocks: a client whose

@@ -13,7 +13,8 @@
 inline constexpr uint8_t kBootloaderInit = 0x7F;
 inline constexpr uint8_t kBootloaderAck = 0x79;
 
-// AN3155's command codes. The daemon sends Write Memory and Extended Erase.
+// Identifiers of AN3155's commands; BootloaderCommandBytes has the bytes that are sent. The daemon
+// sends Write Memory and Extended Erase.
 enum class BootloaderCommandId : uint32_t {
     kGet = 0,
     kGetVersion = 1,
@@ -44,7 +45,7 @@ inline constexpr std::chrono::seconds kMassEraseTimeout{40};
 // Opens the UART as the update port: raw, 8 data bits, even parity, 1 stop bit, 115200 bit/s, and
 // keeps the descriptor until close_mcu_tty. Returns it, negative on failure. One update port may
 // be open at a time; mcu_update sees to that.
-int open_mcu_tty();
+[[nodiscard]] int open_mcu_tty();
 void close_mcu_tty();
 
 // Sends one command or block to the update port in one write and waits for its acknowledgement.
@@ -54,4 +55,4 @@ void close_mcu_tty();
 
 // Reads once, waiting for at most 200 ms. Returns the bytes read, 0 when nothing came, a negative
 // value on an error.
-ssize_t mcu_serial_read(int fd, std::span<uint8_t> buffer);
+[[nodiscard]] ssize_t mcu_serial_read(int fd, std::span<uint8_t> buffer);

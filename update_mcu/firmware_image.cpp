@@ -10,6 +10,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <utility>
 
 #include "platform/device_path.h"
 #include "platform/log.h"
@@ -43,7 +44,7 @@ int32_t ImageFileSize() {
         LOGE("stat file settings error!\n");
         return -1;
     }
-    return static_cast<int32_t>(status.st_size);
+    return std::in_range<int32_t>(status.st_size) ? static_cast<int32_t>(status.st_size) : -1;
 }
 
 int SendAddress(uint32_t address) {

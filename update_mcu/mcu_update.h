@@ -16,6 +16,7 @@
 // Writes the image file into the MCU's flash and restarts it: seconds for the erase, and the time
 // that the line takes for the image. Owns the line while it runs and leaves the daemon's port,
 // when that is open, with its normal settings. A call made while another thread's update runs
-// waits for that one and returns its result. Returns 0 when the image was written, otherwise -1,
-// and from the first reset on the MCU is then left in its bootloader.
+// waits for that one and returns its result. Returns 0 when the image was written, otherwise -1.
+// From the first reset on a failure leaves the MCU in its bootloader, and so does an image file
+// that has become unreadable by the end, which still counts as success.
 [[nodiscard]] int mcu_update();
