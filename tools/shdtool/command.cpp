@@ -15,10 +15,6 @@ using std::chrono::milliseconds;
 
 constexpr milliseconds kSlowReply{2'000};
 
-std::string Dump(const Json& object) {
-    return object.dump(-1, ' ', false, Json::error_handler_t::replace);
-}
-
 void TellAboutWait(milliseconds left) {
     fmt::print(stderr, "shdtool: no reply yet; waiting up to {} s more\n", left.count() / 1000);
 }
@@ -42,9 +38,9 @@ ExitStatus ExitStatusOf(ErrorCode code) {
 }
 
 CLI::App* AddCommand(CLI::App& app, const std::string& name, const std::string& description,
-                     const std::string& examples) {
+                     const std::string& examples, const std::string& details) {
     CLI::App* command = app.add_subcommand(name, description);
-    command->footer("Example:\n" + examples +
+    command->footer(details + (details.empty() ? "" : "\n") + "Example:\n" + examples +
                     "\nGlobal options (see 'shdtool --help'): --root DIR, --json, --timeout SEC");
     return command;
 }
@@ -61,10 +57,8 @@ CLI::Validator Between(double min, double max) {
         "");
 }
 
-std::string JsonLine(std::string_view command, const Json& fields) {
-    Json object{{"ok", true}, {"command", command}};
-    object.update(fields);
-    return Dump(object);
+void PrintJson(const Json& object) {
+    fmt::print("{}\n", object.dump(-1, ' ', false, Json::error_handler_t::replace));
 }
 
 void Fail(Context& context, std::string_view command, const shdclient::Error& error) {
@@ -76,7 +70,7 @@ void Fail(Context& context, std::string_view command, const shdclient::Error& er
     Json object{{"ok", false}, {"command", command}, {"error", error.message}};
     if (error.code == ErrorCode::kRefused) object["status"] = error.status;
     object["exit_status"] = context.exit_status;
-    fmt::print("{}\n", Dump(object));
+    PrintJson(object);
 }
 
 void Run(Context& context, std::string_view command,
@@ -85,19 +79,27 @@ void Run(Context& context, std::string_view command,
     if (!report) {
         Fail(context, command, report.error());
     } else if (context.json) {
-        fmt::print("{}\n", JsonLine(command, report->fields));
+        Json object{{"ok", true}, {"command", command}};
+        object.update(report->fields);
+        PrintJson(object);
     } else {
         fmt::print("{}\n", report->line);
     }
 }
 
+shdclient::Result<shdclient::HubClient> ConnectHub(const Context& context) {
+    shdclient::Result<shdclient::HubClient> hub = shdclient::HubClient::Connect(context.root);
+    if (!hub) return hub;
+    hub->set_timeout(milliseconds(static_cast<int64_t>(context.timeout_sec * 1000)));
+    if (isatty(STDERR_FILENO) == 1) hub->set_slow_notice(kSlowReply, TellAboutWait);
+    return hub;
+}
+
 void RunWithHub(Context& context, std::string_view command,
                 const std::function<shdclient::Result<Report>(shdclient::HubClient&)>& action) {
     Run(context, command, [&]() -> shdclient::Result<Report> {
-        shdclient::Result<shdclient::HubClient> hub = shdclient::HubClient::Connect(context.root);
+        shdclient::Result<shdclient::HubClient> hub = ConnectHub(context);
         if (!hub) return hub.error();
-        hub->set_timeout(milliseconds(static_cast<int64_t>(context.timeout_sec * 1000)));
-        if (isatty(STDERR_FILENO) == 1) hub->set_slow_notice(kSlowReply, TellAboutWait);
         return action(*hub);
     });
 }

@@ -39,10 +39,11 @@ struct Report {
 
 [[nodiscard]] ExitStatus ExitStatusOf(shdclient::ErrorCode code);
 
-// Adds a subcommand whose help ends with the examples (command lines, one per line, two blanks in
-// front) and the names of the global options.
+// Adds a subcommand. Its help shows the description, which also stands in the list of commands, and
+// ends with the details (lines of their own, may be empty), the examples (command lines with two
+// blanks in front) and the names of the global options.
 CLI::App* AddCommand(CLI::App& app, const std::string& name, const std::string& description,
-                     const std::string& examples);
+                     const std::string& examples, const std::string& details = "");
 
 // A check for numbers from min to max, both included, with an error that says so.
 [[nodiscard]] CLI::Validator Between(double min, double max);
@@ -55,12 +56,15 @@ void Fail(Context& context, std::string_view command, const shdclient::Error& er
 void Run(Context& context, std::string_view command,
          const std::function<shdclient::Result<Report>()>& action);
 
-// Connects to the hub first; then as Run. While a reply takes longer than 2 s, a person at a
-// terminal is told how long the wait can last.
+// Connects to the hub with the context's time limit. When a reply takes longer than 2 s, a person
+// at a terminal is told how long the wait can last.
+[[nodiscard]] shdclient::Result<shdclient::HubClient> ConnectHub(const Context& context);
+
+// Connects to the hub first; then as Run.
 void RunWithHub(Context& context, std::string_view command,
                 const std::function<shdclient::Result<Report>(shdclient::HubClient&)>& action);
 
-// The --json form: {"ok": true, "command": ..., fields...}. Bytes that are no UTF-8 are replaced.
-[[nodiscard]] std::string JsonLine(std::string_view command, const Json& fields);
+// Prints an object on one line of standard output. Bytes that are no UTF-8 are replaced.
+void PrintJson(const Json& object);
 
 }  // namespace shdtool

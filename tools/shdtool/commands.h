@@ -15,6 +15,9 @@ void AddServiceCommands(CLI::App& app, Context& context);
 void AddMcuCommands(CLI::App& app, Context& context);
 void AddRawCommand(CLI::App& app, Context& context);
 void AddWatchCommand(CLI::App& app, Context& context);
+void AddStatusCommand(CLI::App& app, Context& context);
+void AddDumpCommands(CLI::App& app, Context& context);
+void AddRawLogCommand(CLI::App& app, Context& context);
 
 // Needs no context; completes what has been added before it is run.
 void AddCompletionCommand(CLI::App& app);

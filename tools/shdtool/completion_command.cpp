@@ -2,6 +2,7 @@
 // main, which adds it last.
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <set>
 #include <string>
 #include <vector>
@@ -41,14 +42,11 @@ std::string SensorNames() {
     return fmt::format("{}", fmt::join(names, " "));
 }
 
-// The words that a check for membership lists in the help: {off,on}.
+// The words to choose from, which stand in the place of the type: on|off.
 std::string Choices(const CLI::Option& option) {
     std::string type = option.get_type_name();
-    const size_t open = type.find('{');
-    const size_t close = type.find('}');
-    if (open == std::string::npos || close == std::string::npos) return "";
-    type = type.substr(open + 1, close - open - 1);
-    for (char& c : type) c = c == ',' ? ' ' : c;
+    if (type.find('|') == std::string::npos) return "";
+    std::replace(type.begin(), type.end(), '|', ' ');
     return type;
 }
 

@@ -69,7 +69,9 @@ Result<Report> Flush(const Context& context, HubClient& hub, const SensorInfo& s
     if (!samples) return samples.error();
     Json fields = SensorFields(sensor);
     fields["samples"] = *samples;
-    return Report{fmt::format("{} flushed, {} samples on the way", sensor.name, *samples), fields};
+    return Report{fmt::format("{} flushed, {} sample{} on the way", sensor.name, *samples,
+                              *samples == 1 ? "" : "s"),
+                  fields};
 }
 
 }  // namespace

@@ -53,6 +53,7 @@ int Main(int argc, char** argv) {
     AddGlobalOptions(app, context);
     app.failure_message(UsageError);
 
+    shdtool::AddStatusCommand(app, context);
     shdtool::AddListCommand(app, context);
     shdtool::AddSensorCommands(app, context);
     shdtool::AddFlushCommand(app, context);
@@ -60,6 +61,8 @@ int Main(int argc, char** argv) {
     shdtool::AddMcuCommands(app, context);
     shdtool::AddRawCommand(app, context);
     shdtool::AddWatchCommand(app, context);
+    shdtool::AddDumpCommands(app, context);
+    shdtool::AddRawLogCommand(app, context);
     shdtool::AddImageCommands(app);
     shdtool::AddCompletionCommand(app);
 

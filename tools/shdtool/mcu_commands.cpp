@@ -49,9 +49,9 @@ void AddVersion(CLI::App& app, Context& context) {
 
 void AddLogLevel(CLI::App& app, Context& context) {
     constexpr int kMaxLevel = 5;
-    CLI::App* command = AddCommand(
-        app, "loglevel", "Set the MCU's log level; it is kept for later starts of the daemon",
-        "  shdtool loglevel 3");
+    CLI::App* command =
+        AddCommand(app, "loglevel", "Set the MCU's log level", "  shdtool loglevel 3",
+                   "The level is kept for later starts of the daemon.");
     auto level = std::make_shared<int>(0);
     command->add_option("LEVEL", *level, "0 to 5")
         ->required()
@@ -68,16 +68,18 @@ void AddLogLevel(CLI::App& app, Context& context) {
 void AddRawData(CLI::App& app, Context& context) {
     static const std::map<std::string, uint16_t> kTypes{
         {"off", 0}, {"steps", 1}, {"heart", 2}, {"both", 3}};
-    CLI::App* command = AddCommand(
-        app, "rawdata",
-        "Let the MCU stream raw data into /data/logdata/sensor/alg.txt (steps) and hrm.txt "
-        "(heart) while the sensor is enabled; off deletes both files",
-        "  shdtool rawdata both && shdtool enable heart-rate");
+    CLI::App* command =
+        AddCommand(app, "rawdata", "Let the MCU stream raw data into log files",
+                   "  shdtool rawdata both && shdtool enable heart-rate",
+                   "The logs are /data/logdata/sensor/alg.txt (steps) and hrm.txt (heart). Data "
+                   "comes while the step\n"
+                   "counter or the heart-rate sensor is enabled; off deletes both files.");
     auto type = std::make_shared<std::string>();
-    command->add_option("STREAM", *type, "off, steps, heart or both")
+    command->add_option("STREAM", *type, "which data")
         ->required()
-        ->check(CLI::IsMember(std::vector<std::string>{"off", "steps", "heart", "both"}))
-        ->type_name("");
+        ->check(CLI::IsMember(std::vector<std::string>{"off", "steps", "heart", "both"})
+                    .description(""))
+        ->type_name("off|steps|heart|both");
     command->callback([&context, type] {
         RunWithHub(context, "rawdata", [&](HubClient& hub) {
             return Finish(hub.SetRawData(kTypes.at(*type)), "raw data: " + *type,
@@ -87,11 +89,11 @@ void AddRawData(CLI::App& app, Context& context) {
 }
 
 void AddHealth(CLI::App& app, Context& context) {
-    CLI::App* command = AddCommand(
-        app, "health",
-        "Send the user settings of the motion-health algorithm: four numbers whose meaning only "
-        "the MCU knows; it receives the low 8, 8, 16 and 16 bits",
-        "  shdtool health 1 30 175 70");
+    CLI::App* command =
+        AddCommand(app, "health", "Send the settings of the motion-health algorithm",
+                   "  shdtool health 1 30 175 70",
+                   "Only the MCU knows what the four numbers mean; it receives their low 8, 8, 16 "
+                   "and 16 bits.");
     auto words = std::make_shared<std::array<uint32_t, 4>>();
     for (size_t i = 0; i < words->size(); ++i) {
         command->add_option(fmt::format("W{}", i), (*words)[i], "32-bit number")
@@ -141,14 +143,14 @@ void AddDateTime(CLI::App& app, Context& context) {
 }
 
 void AddDebug(CLI::App& app, Context& context) {
-    CLI::App* command = AddCommand(
-        app, "debug", "Switch the daemon's verbose event log on or off, also for later starts",
-        "  shdtool debug on");
+    CLI::App* command =
+        AddCommand(app, "debug", "Switch the daemon's verbose event log", "  shdtool debug on",
+                   "The choice is kept for later starts of the daemon.");
     auto state = std::make_shared<std::string>();
-    command->add_option("STATE", *state, "on or off")
+    command->add_option("STATE", *state, "of the log")
         ->required()
-        ->check(CLI::IsMember(std::vector<std::string>{"on", "off"}))
-        ->type_name("");
+        ->check(CLI::IsMember(std::vector<std::string>{"on", "off"}).description(""))
+        ->type_name("on|off");
     command->callback([&context, state] {
         RunWithHub(context, "debug", [&](HubClient& hub) {
             const bool on = *state == "on";
@@ -161,8 +163,8 @@ using Notification = Status (HubClient::*)();
 
 void AddNotification(CLI::App& app, Context& context, const std::string& name,
                      const std::string& description, Notification notify) {
-    CLI::App* command = AddCommand(app, name, description + "; it only logs it and never replies",
-                                   "  shdtool " + name);
+    CLI::App* command = AddCommand(app, name, description, "  shdtool " + name,
+                                   "The daemon only logs it and never replies.");
     command->callback([&context, name, notify] {
         RunWithHub(context, name, [&](HubClient& hub) {
             return Finish((hub.*notify)(), name + " sent; no reply is expected",

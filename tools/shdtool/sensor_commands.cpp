@@ -112,9 +112,9 @@ void AddBatchOption(CLI::App& command, const std::shared_ptr<Sampling>& sampling
 
 void AddEnable(CLI::App& app, Context& context) {
     CLI::App* command = AddCommand(
-        app, "enable",
-        "Switch a sensor on; without --period or --rate with the sampling it was last given",
-        "  shdtool enable accelerometer --rate 50 --batch 10\n  shdtool enable step-counter");
+        app, "enable", "Switch a sensor on",
+        "  shdtool enable accelerometer --rate 50 --batch 10\n  shdtool enable step-counter",
+        "Without --period or --rate the sensor keeps the sampling that it was last given.");
     const SensorArgument sensor = AddSensorArgument(*command);
     auto sampling = std::make_shared<Sampling>();
     AddPeriodOptions(*command, sampling);

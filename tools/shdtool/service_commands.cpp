@@ -75,9 +75,10 @@ Result<Report> Information(HubClient& hub, const SensorInfo& sensor) {
 using SensorAction = Result<Report> (*)(HubClient&, const SensorInfo&);
 
 void AddPlainCommand(CLI::App& app, Context& context, const std::string& name,
-                     const std::string& description, SensorAction action) {
-    CLI::App* command =
-        AddCommand(app, name, description, fmt::format("  shdtool {} accelerometer", name));
+                     const std::string& description, SensorAction action,
+                     const std::string& details = "") {
+    CLI::App* command = AddCommand(app, name, description,
+                                   fmt::format("  shdtool {} accelerometer", name), details);
     const SensorArgument sensor = AddSensorArgument(*command);
     command->callback([&context, name, sensor, action] {
         RunWithHub(context, name, [&](HubClient& hub) { return action(hub, **sensor); });
@@ -86,10 +87,11 @@ void AddPlainCommand(CLI::App& app, Context& context, const std::string& name,
 
 void AddParam(CLI::App& app, Context& context) {
     CLI::App* command = AddCommand(
-        app, "param",
-        "Send a calibration parameter: 6 bytes for accelerometer (x, y, z as 16-bit values, low "
-        "byte first), 4 for gyroscope, pressure and raw-25",
-        "  shdtool param accelerometer 38 01 c8 fe 00 00\n  shdtool param pressure 0xd6ffffff");
+        app, "param", "Send a calibration parameter",
+        "  shdtool param accelerometer 38 01 c8 fe 00 00\n  shdtool param pressure 0xd6ffffff",
+        "The accelerometer takes 6 bytes (x, y, z as 16-bit values, low byte first); gyroscope, "
+        "pressure\n"
+        "and raw-25 take 4.");
     const SensorArgument sensor = AddSensorArgument(*command);
     auto words = std::make_shared<std::vector<std::string>>();
     command->add_option("HEX", *words, "the bytes, two hexadecimal digits each")
@@ -107,11 +109,9 @@ void AddParam(CLI::App& app, Context& context) {
 
 void AddServiceCommands(CLI::App& app, Context& context) {
     AddPlainCommand(app, context, "selftest", "Run the self test of a sensor", SelfTest);
-    AddPlainCommand(
-        app, context, "calibrate",
-        "Calibrate a sensor and show the values; the daemon keeps the values of the last "
-        "calibration as the accelerometer's",
-        Calibrate);
+    AddPlainCommand(app, context, "calibrate", "Calibrate a sensor and show the values", Calibrate,
+                    "The daemon keeps the values of the last calibration, whatever the sensor, and "
+                    "takes\nthem as the accelerometer's at its next start.");
     AddParam(app, context);
     AddPlainCommand(app, context, "info", "Show the MCU's information text of a sensor",
                     Information);

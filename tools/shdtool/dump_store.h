@@ -1,0 +1,40 @@
+// The core dumps that the daemon keeps below /data/mcudumplog. Used by the dump and status
+// commands.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace shdtool {
+
+inline constexpr int kDumpSlots = 6;
+inline constexpr std::string_view kDumpDirectory = "/data/mcudumplog";
+
+struct DumpFile {
+    int64_t size;      // bytes
+    int64_t modified;  // seconds since the epoch
+};
+
+struct DumpSlot {
+    std::string raw_path;
+    std::string text_path;        // base64
+    std::optional<DumpFile> raw;  // empty: not there, or no regular file
+    std::optional<DumpFile> text;
+
+    [[nodiscard]] bool empty() const { return !raw && !text; }
+};
+
+// The slots of the tree below root, in their order; nothing fails, missing files leave gaps.
+[[nodiscard]] std::array<DumpSlot, kDumpSlots> ReadDumpSlots(std::string_view root);
+
+// One line on whether the two files of a slot hold the same bytes, and where they do not.
+struct DumpVerdict {
+    bool intact;
+    std::string text;
+};
+[[nodiscard]] DumpVerdict CompareDumpFiles(const DumpSlot& slot);
+
+}  // namespace shdtool
