@@ -96,8 +96,13 @@ void Application::Advance(TimePoint now) {
 }
 
 void Application::RunSensors(TimePoint now) {
+    // Side by side in time, so that each finds the send buffer as it was at that moment.
+    while (const std::optional<TimePoint> raw_due = raw_data_.NextDue()) {
+        if (*raw_due > now) break;
+        sensors_.Advance(*raw_due);
+        raw_data_.Advance(*raw_due);
+    }
     sensors_.Advance(now);
-    raw_data_.Advance(now);
 }
 
 std::optional<TimePoint> Application::NextDue() const {
