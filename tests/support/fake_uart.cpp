@@ -1,4 +1,4 @@
-// The firmware updater's other end; used by the tests of the update and of the recovery.
+// The firmware updater's other end; used by the tests of the update, the recovery and the start.
 #include "tests/support/fake_uart.h"
 
 #include <unistd.h>
@@ -19,8 +19,7 @@ int FakeUart::Answer(int fd) {
     const off_t end = lseek(fd, 0, SEEK_CUR);
     if (end <= answered_) answered_ = 0;  // opened afresh
     const auto begin = static_cast<size_t>(answered_);
-    const auto written = ReadFile("/dev/ttyHSL1").substr(begin, static_cast<size_t>(end) - begin);
-    Note("uart", Hex(written));
+    Note("uart", Hex(ReadFile("/dev/ttyHSL1").substr(begin, static_cast<size_t>(end) - begin)));
     std::string reply = unscripted;
     if (!script.empty()) {
         reply = script.front();
@@ -29,18 +28,17 @@ int FakeUart::Answer(int fd) {
     answered_ = end;
     if (reply == kSilence) return 0;
     const auto bytes = Bytes(reply);
-    if (ftruncate(fd, end) != 0) return -1;
-    if (pwrite(fd, bytes.data(), bytes.size(), end) < 0) return -1;
     answered_ += static_cast<off_t>(bytes.size());
-    return 1;
+    const bool stored = ftruncate(fd, end) == 0 && pwrite(fd, bytes.data(), bytes.size(), end) >= 0;
+    return stored ? 1 : -1;
 }
 
-std::string FirmwareImage(const std::string& version, const std::string& payload) {
-    std::string image(224, '\0');
+void WriteFirmwareImage(const std::string& version, const std::string& payload) {
+    std::string header(224, '\0');
     const uint32_t words[] = {0xFFAAAAFF, 224, static_cast<uint32_t>(payload.size())};
-    std::memcpy(image.data(), words, sizeof(words));
-    version.copy(image.data() + 32, 64);
-    return image + payload;
+    std::memcpy(header.data(), words, sizeof(words));
+    version.copy(header.data() + 32, 64);
+    WriteFile("/system/bin/mcu.bin", header + payload);
 }
 
 }  // namespace shdtest

@@ -3,9 +3,10 @@
 // next read finds it.
 #pragma once
 
+#include <sys/types.h>
+
 #include <deque>
 #include <string>
-#include <vector>
 
 namespace shdtest {
 
@@ -14,10 +15,9 @@ class FakeUart {
     // Makes the device and answers every wait for it (Hooks::on_readable).
     FakeUart();
 
-    // A reply is a byte string like "79", kSilence, or kNoBytes: readable, but with nothing to
-    // read. Each wait takes the next one; what was written before it is noted as "uart BYTES".
+    // Each wait notes what was written before it as "uart BYTES" and takes the next reply: bytes
+    // like "79", kSilence, or none, which is readable but has nothing to read.
     static constexpr char kSilence[] = "silence";
-    static constexpr char kNoBytes[] = "";
     std::deque<std::string> script;
     std::string unscripted = "79";
 
@@ -27,7 +27,7 @@ class FakeUart {
     off_t answered_ = 0;  // file position behind the last reply
 };
 
-// The image file of a payload, its header 224 bytes long.
-[[nodiscard]] std::string FirmwareImage(const std::string& version, const std::string& payload);
+// Writes the image file of a payload, its header 224 bytes long.
+void WriteFirmwareImage(const std::string& version, const std::string& payload);
 
 }  // namespace shdtest

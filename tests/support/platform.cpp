@@ -4,7 +4,6 @@
 #include <android/log.h>
 #include <cutils/properties.h>
 #include <cutils/sockets.h>
-#include <sys/stat.h>
 #include <unistd.h>
 #include <utils/SystemClock.h>
 
@@ -20,35 +19,35 @@
 #include <iterator>
 #include <map>
 #include <mutex>
+#include <sstream>
 
 #include "platform/delay.h"
 #include "platform/device_path.h"
 #include "platform/mutex.h"
 
-namespace {
+namespace fs = std::filesystem;
 
-struct Entry {
-    std::string tag;
-    std::string text;
-};
+namespace {
 
 struct RootDirectory {
     std::string path;
     ~RootDirectory() { Remove(); }
-    void Remove() {
+    void Remove() const {
         std::error_code ignored;
-        if (!path.empty()) std::filesystem::remove_all(path, ignored);
+        if (!path.empty()) fs::remove_all(path, ignored);
     }
 };
 
-std::mutex g_mutex;  // guards the journal and the properties
-std::vector<Entry> g_journal;
+std::mutex g_mutex;                                          // guards the next two
+std::vector<std::pair<std::string, std::string>> g_journal;  // tag, entry
 std::map<std::string, std::string> g_properties;
 RootDirectory g_root;
 
-void AddEntry(std::string_view tag, std::string text) {
+void AddEntry(std::string_view tag, std::string entry) {
+    for (size_t at = 0; (at = entry.find('\n', at)) != std::string::npos;)
+        entry.replace(at, 1, "\\n");
     const std::lock_guard lock(g_mutex);
-    g_journal.push_back({std::string(tag), std::move(text)});
+    g_journal.emplace_back(tag, std::move(entry));
 }
 
 }  // namespace
@@ -57,30 +56,52 @@ namespace shdtest {
 
 void ResetPlatform() {
     g_hooks = {};
-    g_elapsed_ns = kInitialElapsedNs;
-    g_wall_sec = kInitialWallSec;
+    g_elapsed_ns = 1'000'000'000'000;
+    g_wall_sec = 1'500'000'000;
     g_root.Remove();
-    std::string path = (std::filesystem::temp_directory_path() / "shd_test.XXXXXX").string();
-    if (mkdtemp(path.data()) == nullptr) std::abort();
-    g_root.path = path;
+    g_root.path = (fs::temp_directory_path() / "shd_test.XXXXXX").string();
+    if (mkdtemp(g_root.path.data()) == nullptr) std::abort();
     const std::lock_guard lock(g_mutex);
     g_journal.clear();
     g_properties.clear();
 }
 
-void Note(std::string_view tag, std::string_view text) {
-    AddEntry(tag, std::string(tag) + " " + std::string(text));
+void Note(std::string_view tag, const std::string& text) {
+    AddEntry(tag, std::string(tag) + " " + text);
 }
 
 Lines TakeJournal(std::initializer_list<std::string_view> tags) {
     const std::lock_guard lock(g_mutex);
     Lines lines;
-    for (const Entry& entry : g_journal) {
-        const bool wanted = std::find(tags.begin(), tags.end(), entry.tag) != tags.end();
-        if (wanted || tags.size() == 0) lines.push_back(entry.text);
+    for (const auto& [tag, entry] : g_journal) {
+        const bool wanted = std::find(tags.begin(), tags.end(), tag) != tags.end();
+        if (wanted || tags.size() == 0) lines.push_back(entry);
     }
     g_journal.clear();
     return lines;
+}
+
+std::vector<Lines> Table(std::string_view text) {
+    std::vector<Lines> rows;
+    std::istringstream stream{std::string(text)};
+    for (std::string row; std::getline(stream, row);) {
+        if (row.find_first_not_of(' ') == std::string::npos) continue;
+        std::istringstream cells(row + "|");
+        rows.emplace_back();
+        for (std::string cell; std::getline(cells, cell, '|');) {
+            cell.erase(0, std::min(cell.find_first_not_of(' '), cell.size()));
+            cell.erase(cell.find_last_not_of(' ') + 1);
+            rows.back().push_back(cell);
+        }
+    }
+    return rows;
+}
+
+Lines List(std::string_view text) {
+    Lines entries;
+    for (const Lines& row : Table(text)) entries.insert(entries.end(), row.begin(), row.end());
+    std::erase(entries, "");
+    return entries;
 }
 
 void SetProperty(const std::string& name, const std::string& value) {
@@ -99,11 +120,11 @@ std::string HostPath(std::string_view path) {
 }
 
 void MakeDirectory(const std::string& path) {
-    std::filesystem::create_directories(HostPath(path));
+    fs::create_directories(HostPath(path));
 }
 
 void WriteFile(const std::string& path, std::string_view content) {
-    std::filesystem::create_directories(std::filesystem::path(HostPath(path)).parent_path());
+    fs::create_directories(fs::path(HostPath(path)).parent_path());
     std::ofstream(HostPath(path), std::ios::binary) << content;
 }
 
@@ -113,9 +134,17 @@ std::string ReadFile(const std::string& path) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
+void LinkFile(const std::string& path, const std::string& target) {
+    fs::create_directories(fs::path(HostPath(path)).parent_path());
+    fs::remove(HostPath(path));
+    fs::create_symlink(target, HostPath(path));
+}
+
 }  // namespace shdtest
 
-DevicePath::DevicePath(std::string_view path) : path_(shdtest::HostPath(path)) {}
+using namespace shdtest;
+
+DevicePath::DevicePath(std::string_view path) : path_(HostPath(path)) {}
 
 int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
     constexpr std::string_view kLevels = "??VDIWEF";
@@ -124,52 +153,49 @@ int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
     va_start(args, fmt);
     const int length = std::vsnprintf(text.data(), text.size(), fmt, args);
     va_end(args);
-    const std::string level(1, kLevels[static_cast<size_t>(prio)]);
-    AddEntry(tag, level + "/" + tag + " " + text.data());
+    AddEntry(tag,
+             kLevels[static_cast<size_t>(prio)] + ("/" + std::string(tag)) + " " + text.data());
     return length;
 }
 
-int property_get(const char* key, char* value, const char* default_value) {
-    std::string text = shdtest::Property(key);
-    if (text.empty() && default_value != nullptr) text = default_value;
-    std::strcpy(value, text.substr(0, PROPERTY_VALUE_MAX - 1).c_str());
-    return static_cast<int>(std::strlen(value));
+int property_get(const char* key, char* value, const char* /*default_value*/) {
+    const std::string text = Property(key).substr(0, PROPERTY_VALUE_MAX - 1);
+    std::strcpy(value, text.c_str());
+    return static_cast<int>(text.size());
 }
 
 int property_set(const char* key, const char* value) {
     if (std::strlen(value) >= PROPERTY_VALUE_MAX) return -1;
-    shdtest::SetProperty(key, value);
-    shdtest::Note("property", std::string(key) + "=" + value);
+    SetProperty(key, value);
+    Note("property", std::string(key) + "=" + value);
     return 0;
 }
 
 int socket_local_server(const char* name, int namespace_id, int type) {
-    const std::string arguments = std::to_string(namespace_id) + " " + std::to_string(type);
-    shdtest::Note("socket", std::string(name) + " " + arguments);
-    const auto& hook = shdtest::g_hooks.on_local_server;
-    return hook ? hook(name) : -1;
+    Note("socket", name + (" " + std::to_string(namespace_id)) + " " + std::to_string(type));
+    return g_hooks.on_local_server ? g_hooks.on_local_server(name) : -1;
 }
 
 int64_t android::elapsedRealtimeNano() {
-    return shdtest::g_elapsed_ns;
+    return g_elapsed_ns;
 }
 
 std::time_t WallClockSec() {
-    return shdtest::g_wall_sec;
+    return g_wall_sec;
 }
 
 void Delay(std::chrono::microseconds duration) {
-    shdtest::Note("delay", std::to_string(duration.count()));
-    if (shdtest::g_hooks.on_delay) shdtest::g_hooks.on_delay(duration);
+    Note("delay", std::to_string(duration.count()));
+    if (g_hooks.on_delay) g_hooks.on_delay(duration);
 }
 
 int WaitReadable(int fd, std::chrono::microseconds /*timeout*/) {
-    return shdtest::g_hooks.on_readable ? shdtest::g_hooks.on_readable(fd) : 0;
+    return g_hooks.on_readable ? g_hooks.on_readable(fd) : 0;
 }
 
 int CondVar::WaitUntil(Mutex& mutex, std::time_t /*deadline_sec*/) {
     mutex.Unlock();
-    const bool go_on = shdtest::g_hooks.on_wait && shdtest::g_hooks.on_wait();
+    const bool go_on = g_hooks.on_wait && g_hooks.on_wait();
     mutex.Lock();
     return go_on ? 0 : ETIMEDOUT;
 }

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <cstdlib>
 #include <ctime>
 #include <functional>
 #include <initializer_list>
@@ -13,38 +14,39 @@
 
 namespace shdtest {
 
-// What the daemon calls when it lets time pass. Set them before other threads run. A delay and a
-// wait without a hook return at once.
+using Lines = std::vector<std::string>;
+
+// What the daemon calls when it lets time pass; set before other threads run. Without a hook a
+// delay returns at once and a wait ends by its deadline.
 struct Hooks {
-    // Called by Delay after the journal entry.
     std::function<void(std::chrono::microseconds)> on_delay;
-    // Called by CondVar::WaitUntil, the mutex released. False ends the wait by its deadline.
-    std::function<bool()> on_wait;
-    // Called by WaitReadable; its result is that of the wait.
-    std::function<int(int fd)> on_readable;
-    // Called by socket_local_server; its result is the descriptor.
-    std::function<int(const std::string& name)> on_local_server;
+    std::function<bool()> on_wait;           // CondVar::WaitUntil, mutex released; false: deadline
+    std::function<int(int fd)> on_readable;  // WaitReadable
+    std::function<int(const std::string& name)> on_local_server;  // returns the descriptor
 };
 
-inline constexpr int64_t kInitialElapsedNs = 1'000'000'000'000;
-inline constexpr std::time_t kInitialWallSec = 1'500'000'000;
-
 inline Hooks g_hooks;
-inline int64_t g_elapsed_ns = kInitialElapsedNs;  // android::elapsedRealtimeNano
-inline std::time_t g_wall_sec = kInitialWallSec;
+inline int64_t g_elapsed_ns = 0;    // 1,000 s at the start of a test
+inline std::time_t g_wall_sec = 0;  // 1,500,000,000 at the start of a test
 
 // Everything back to its defaults, with an empty root directory. Removes the previous one.
 void ResetPlatform();
 
-// The journal holds in one order what the daemon did: log messages as "E/tag text" (a message's
-// own line end kept), delays as "delay MICROSECONDS", stored properties as "property NAME=VALUE"
-// and what fakes add with Note, as "tag text". Thread-safe.
-void Note(std::string_view tag, std::string_view text);
+// The journal holds in one order what the daemon did: log messages as "E/tag text", delays as
+// "delay MICROSECONDS", stored properties as "property NAME=VALUE" and what fakes note, as "tag
+// text"; a line end within it as "\n". Thread-safe.
+void Note(std::string_view tag, const std::string& text);
 
-// Empties the journal and returns its entries; with tags only those entries ("delay" and
-// "property" are the tags of theirs).
-using Lines = std::vector<std::string>;
+// Empties the journal and returns its entries, or those with the given tags.
 Lines TakeJournal(std::initializer_list<std::string_view> tags = {});
+
+// The entries of a list and the cells of a table's rows, written as text: one a line, or separated
+// by '|', without the blanks around them. A list has no empty entries.
+[[nodiscard]] Lines List(std::string_view text);
+[[nodiscard]] std::vector<Lines> Table(std::string_view text);
+[[nodiscard]] inline int Int(const std::string& cell) {
+    return std::atoi(cell.c_str());
+}
 
 void SetProperty(const std::string& name, const std::string& value);
 [[nodiscard]] std::string Property(const std::string& name);  // empty when not set
@@ -54,5 +56,6 @@ void SetProperty(const std::string& name, const std::string& value);
 void MakeDirectory(const std::string& path);
 void WriteFile(const std::string& path, std::string_view content);
 [[nodiscard]] std::string ReadFile(const std::string& path);  // "(missing)" when it is not there
+void LinkFile(const std::string& path, const std::string& target);  // in place of what is there
 
 }  // namespace shdtest

@@ -16,38 +16,27 @@ namespace shdtest {
 
 namespace {
 
-sockaddr_un SocketAddress(const std::string& path) {
+void Check(bool condition) {
+    if (!condition) std::abort();
+}
+
+// A socket that bind or connect has tied to a path.
+UniqueFd TiedSocket(int (*tie)(int, const sockaddr*, socklen_t), const std::string& path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     HostPath(path).copy(address.sun_path, sizeof(address.sun_path) - 1);
-    return address;
-}
-
-const sockaddr* Generic(const sockaddr_un& address) {
-    return reinterpret_cast<const sockaddr*>(&address);
-}
-
-// The packet in a frame, taken apart independently of the daemon's codec.
-std::vector<uint8_t> PacketOf(std::span<const uint8_t> frame) {
-    std::vector<uint8_t> bytes;
-    for (size_t i = 0; i < frame.size() && frame[i] != 0x7E; ++i) {
-        const bool escaped = frame[i] == 0x7D && i + 1 < frame.size();
-        bytes.push_back(escaped ? static_cast<uint8_t>(frame[++i] ^ 0x20) : frame[i]);
-    }
-    bytes.resize(bytes.size() < 2 ? 0 : bytes.size() - 2);
-    return bytes;
+    UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    Check(tie(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0);
+    return fd;
 }
 
 }  // namespace
 
 std::vector<uint8_t> Bytes(std::string_view hex) {
-    std::vector<uint8_t> bytes;
-    for (size_t i = 0; i + 1 < hex.size(); i += 3) {
-        uint8_t byte = 0;
-        if (std::from_chars(hex.data() + i, hex.data() + i + 2, byte, 16).ec != std::errc()) {
-            std::abort();
-        }
-        bytes.push_back(byte);
+    std::vector<uint8_t> bytes((hex.size() + 1) / 3);
+    for (size_t i = 0; i < bytes.size(); ++i) {
+        const char* digits = hex.data() + 3 * i;
+        Check(std::from_chars(digits, digits + 2, bytes[i], 16).ptr == digits + 2);
     }
     return bytes;
 }
@@ -59,12 +48,16 @@ std::string Hex(std::span<const uint8_t> bytes) {
         std::snprintf(digits, sizeof(digits), "%02X ", byte);
         text += digits;
     }
-    if (!text.empty()) text.pop_back();
-    return text;
+    return text.substr(0, text.empty() ? 0 : text.size() - 1);
 }
 
 std::string Hex(const std::string& bytes) {
     return Hex({reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()});
+}
+
+std::string WithoutTrailingZeros(std::string hex) {
+    while (hex.ends_with("00")) hex.resize(hex.size() - std::min<size_t>(hex.size(), 3));
+    return hex;
 }
 
 std::vector<uint8_t> Frame(std::string_view packet) {
@@ -86,9 +79,19 @@ std::vector<uint8_t> Frame(std::string_view packet) {
     return frame;
 }
 
-McuMessagePtr Message(std::string_view hex) {
+std::string PacketOf(std::span<const uint8_t> frame) {
+    std::vector<uint8_t> bytes;
+    for (size_t i = 0; i < frame.size() && frame[i] != 0x7E; ++i) {
+        const bool escaped = frame[i] == 0x7D && i + 1 < frame.size();
+        bytes.push_back(escaped ? static_cast<uint8_t>(frame[++i] ^ 0x20) : frame[i]);
+    }
+    bytes.resize(bytes.size() < 2 ? 0 : bytes.size() - 2);
+    return Hex(bytes);
+}
+
+McuMessagePtr Message(std::string_view packet) {
     McuMessagePtr message;
-    if (ParseMcuMessage(Bytes(hex), &message) != 0) std::abort();
+    Check(ParseMcuMessage(Bytes(packet), &message) == 0);
     return message;
 }
 
@@ -98,18 +101,13 @@ SensorState& State(int32_t handle) {
 }
 
 UniqueFd Listen(const std::string& path) {
-    const sockaddr_un address = SocketAddress(path);
-    UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (bind(fd.get(), Generic(address), sizeof(address)) != 0) std::abort();
-    if (listen(fd.get(), 8) != 0) std::abort();
+    UniqueFd fd = TiedSocket(bind, path);
+    Check(listen(fd.get(), 8) == 0);
     return fd;
 }
 
 UniqueFd Connect(const std::string& path) {
-    const sockaddr_un address = SocketAddress(path);
-    UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (connect(fd.get(), Generic(address), sizeof(address)) != 0) std::abort();
-    return fd;
+    return TiedSocket(connect, path);
 }
 
 std::string ReadAvailable(int fd) {
@@ -132,30 +130,25 @@ ssize_t FakeMcu::Read(uint8_t* /*buffer*/, size_t /*length*/) {
 
 ssize_t FakeMcu::Write(const uint8_t* buffer, ssize_t length) {
     if (length < 0) return -1;
-    const auto packet = PacketOf({buffer, static_cast<size_t>(length)});
-    Note("mcu", Hex(packet));
+    const std::string request = PacketOf({buffer, static_cast<size_t>(length)});
+    Note("mcu", request);
     std::string data = unscripted;
     if (!script.empty()) {
         data = script.front();
         script.pop_front();
     }
     if (data == kWriteFails) return -1;
-    reply_.reset();
-    if (data == kSilence || packet.empty()) return length;
-    const size_t header_size = packet[0] == MCU_CHANNEL_CTRL ? 3 : 4;
-    reply_.emplace(packet.begin(), packet.begin() + static_cast<ptrdiff_t>(header_size));
-    (*reply_)[1] = MCU_TYPE_RESPONSE;
-    const auto bytes = Bytes(data);
-    reply_->insert(reply_->end(), bytes.begin(), bytes.end());
+    if (data == kSilence) return length;
+    const size_t header_size = request.starts_with("00") ? 3 : 4;
+    std::string reply = request.substr(0, 3 * header_size - 1);
+    reply.replace(3, 2, "01");
+    reply_ = Message(data.empty() ? reply : reply + " " + data);
     return length;
 }
 
 bool FakeMcu::Deliver() {
-    if (!reply_) return false;
-    McuMessagePtr message;
-    if (ParseMcuMessage(*reply_, &message) != 0) std::abort();
-    reply_.reset();
-    (void)hub_->OnEvent(message.release());
+    if (reply_ == nullptr) return false;
+    (void)hub_->OnEvent(reply_.release());
     return true;
 }
 
@@ -176,20 +169,17 @@ TestHub::TestHub() : data_server(Listen("/data.sock").Release()) {
     hub.data_server = &data_server;
 }
 
-std::vector<SensorEvent> TestHub::TakeEvents() {
+std::vector<SensorEvent> TestHub::TakeEvents() const {
     const std::string received = ReadAvailable(data_client.get());
     std::vector<SensorEvent> events(received.size() / sizeof(SensorEvent));
-    if (!events.empty()) {
+    if (!events.empty())
         std::memcpy(events.data(), received.data(), events.size() * sizeof(SensorEvent));
-    }
     return events;
 }
 
-void TestHub::Report(int mcu_sensor_id, std::string_view data) {
+void TestHub::Report(int mcu_sensor_id, const std::string& data) {
     const auto service = static_cast<uint8_t>(mcu_sensor_id);
-    std::string packet = "01 02 " + Hex({&service, 1}) + " 00";
-    if (!data.empty()) packet += " " + std::string(data);
-    (void)hub.OnEvent(Message(packet).release());
+    Receive("01 02 " + Hex({&service, 1}) + " 00" + (data.empty() ? "" : " " + data));
 }
 
 }  // namespace shdtest

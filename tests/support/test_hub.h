@@ -1,9 +1,8 @@
 // A SensorHub wired up for tests: a scripted MCU behind its serial port and one client connected to
-// its data server. Used by the unit tests through HubTest and by the fuzz targets.
+// its data server. Used by the unit tests and by the fuzz targets.
 #pragma once
 
 #include <deque>
-#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -23,12 +22,14 @@ namespace shdtest {
 [[nodiscard]] std::vector<uint8_t> Bytes(std::string_view hex);
 [[nodiscard]] std::string Hex(std::span<const uint8_t> bytes);
 [[nodiscard]] std::string Hex(const std::string& bytes);
+[[nodiscard]] std::string WithoutTrailingZeros(std::string hex);
 
-// The whole frame around a packet, built independently of the daemon's codec.
+// The whole frame around a packet, and the packet in one, independent of the daemon's codec.
 [[nodiscard]] std::vector<uint8_t> Frame(std::string_view packet);
+[[nodiscard]] std::string PacketOf(std::span<const uint8_t> frame);
 
-// The message that the payload of one frame makes.
-[[nodiscard]] McuMessagePtr Message(std::string_view hex);
+// The message that a packet makes.
+[[nodiscard]] McuMessagePtr Message(std::string_view packet);
 
 // The state of a handle; the caller is the only thread that uses it.
 [[nodiscard]] SensorState& State(int32_t handle);
@@ -40,13 +41,13 @@ namespace shdtest {
 // Everything that can be read from a socket without waiting.
 [[nodiscard]] std::string ReadAvailable(int fd);
 
-// The MCU's end of the exchange. Notes every request in the journal as "mcu BYTES", unescaped and
-// without check sequence, and replies while the requester waits. A script entry holds the data of
-// one reply, whose header is made from the request; without a script every request succeeds.
+// The MCU's end of the exchange. Notes every request as "mcu PACKET" and replies while the
+// requester waits. A script entry holds the data of one reply, whose header is made from the
+// request, or kSilence, or kWriteFails; without a script each reply is unscripted.
 class FakeMcu final : public SerialPort {
   public:
-    static constexpr std::string_view kSilence = "silence";
-    static constexpr std::string_view kWriteFails = "write fails";
+    static constexpr char kSilence[] = "silence";
+    static constexpr char kWriteFails[] = "write fails";
 
     explicit FakeMcu(SensorHub* hub);
 
@@ -60,7 +61,7 @@ class FakeMcu final : public SerialPort {
     bool Deliver();
 
     SensorHub* hub_;
-    std::optional<std::vector<uint8_t>> reply_;
+    McuMessagePtr reply_;
 };
 
 // Everything back to how it is when the process starts, except that reboots are disabled, so that
@@ -78,10 +79,13 @@ struct TestHub : CleanProcess {
     UniqueFd data_client;
 
     // The records that the data client has received since the last call.
-    [[nodiscard]] std::vector<SensorEvent> TakeEvents();
+    [[nodiscard]] std::vector<SensorEvent> TakeEvents() const;
+
+    // Hands over a message as the reader thread does.
+    void Receive(const std::string& packet) { (void)hub.OnEvent(Message(packet).release()); }
 
     // Delivers an unsolicited sensor report.
-    void Report(int mcu_sensor_id, std::string_view data);
+    void Report(int mcu_sensor_id, const std::string& data);
 };
 
 }  // namespace shdtest

@@ -1,0 +1,184 @@
+// Control commands byte for byte, the sensor table and the state that commands leave.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include "core/control_commands.h"
+#include "core/debug_flag.h"
+#include "mcu_link/reboot_trigger.h"
+#include "tests/support/test_hub.h"
+
+namespace {
+
+using namespace shdtest;
+
+struct ControlTest : testing::Test, TestHub {
+    ControlTest() {
+        int ends[2];
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+        client.Reset(ends[0]);
+        server_end.Reset(ends[1]);
+    }
+
+    // Executes a request and returns what the client has received.
+    std::string Ask(int32_t handle, int32_t command, const std::string& args = "") {
+        QueuedRequest queued{server_end.get(), {0xAAAAAAAA, handle, 0xBBBBBBBB, command, {}}};
+        const auto bytes = Bytes(args);
+        std::copy(bytes.begin(), bytes.end(), queued.request.args);
+        last_result = ProcessMessage(&hub, queued);
+        return Hex(ReadAvailable(client.get()));
+    }
+
+    UniqueFd client, server_end;
+    int last_result = 0;
+};
+
+// The whole reply: HANDLE COMMAND, then what stands from the result on.
+std::string Reply(const std::string& handle, const std::string& command, const std::string& rest) {
+    const auto word = [](const std::string& byte) {
+        return byte == "FF" ? " FF FF FF FF" : " " + byte + " 00 00 00";
+    };
+    std::string reply = "10 01 00 00" + word(handle) + " 01 00 00 00" + word(command);
+    if (!rest.empty()) reply += " " + rest;
+    while (reply.size() < 272 * 3 - 1) reply += " 00";
+    return reply;
+}
+
+TEST_F(ControlTest, EveryCommandSendsItsRequestAndRepliesByteForByte) {
+    const std::string words = "01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F 10";
+    // Handle, command, arguments; data of the MCU's reply; request to the MCU; the reply's handle
+    // and command and what follows.
+    for (const auto& row : Table(R"(
+         0 |  0 | | 00 | 01 00 10 00 | 00 | 00 |
+        21 |  0 | | 05 | 01 00 32 00 | 15 | 00 | 05
+         5 |  1 | | FF | 01 00 11 01 | 05 | 01 | FF
+         9 |  2 | words | 00 | 01 00 21 02 01 02 03 04 | 09 | 02 |
+        21 |  3 | | 00 | 01 00 17 11 | 15 | 03 |
+        19 |  3 | | 00 | 01 00 30 11 | 13 | 03 |
+         0 |  4 | words | 00 | 01 00 10 13 01 02 03 04 05 06 | 00 | 04 |
+         6 |  4 | words | 00 | 01 00 16 13 01 02 03 04 | 06 | 04 |
+        19 |  4 | words | 00 | 01 00 30 13 | 13 | 04 |
+         0 |  5 | | 11 12 13 14 15 16 07 | 01 00 10 12 | 00 | 05 | 07 00 00 00 11 12 13 14 15 16
+        25 |  5 | | 11 12 13 14 00 | 01 00 17 12 | 19 | 05 | 00 00 00 00 11 12 13 14
+        19 |  5 | | 09 12 | 01 00 30 12 | 13 | 05 | 09
+        19 |  6 | 09 FF | 00 | 01 00 0D 00 09 FF | 00 | 06 |
+        19 |  7 | 00 00 | 03 | 01 00 0D 01 00 00 | 00 | 07 | 03
+        19 |  7 | 04 00 | | | 00 | 07 | FF FF FF FF
+        19 |  8 | words | 00 | 01 00 40 20 01 05 09 0A 0D 0E | 00 | 08 |
+        19 |  9 | FF FF FF FF | 00 | 01 00 0C 01 18 FC FF FF E7 03 00 00 | 00 | 09 |
+        26 | 10 | words | 00 | 01 00 33 03 01 02 03 04 05 06 07 08 09 0A 0B 0C | 1A | 0A |
+        15 | 10 | words | 00 | 01 00 23 03 01 02 03 04 00 00 00 00 09 0A 0B 0C | 0F | 0A |
+        26 | 11 | | 00 00 09 | 01 00 33 04 | 1A | 0B |
+         6 | 12 | | 41 42 00 43 | 01 00 16 22 | 06 | 0C | 41 42
+         6 | 12 | | | 01 00 16 22 | 06 | 0C |
+         0 | 13 | 02 00 | 41 42 | 01 00 0F 02 | 00 | 07 | 41 42
+         0 | 13 | 00 01 | | 01 00 0F 01 | 00 | 07 |
+         0 | 14 | 01 80 | | | 00 | 0E |
+         0 | 15 | | | | 00 | FF | FF FF FF FF
+         0 | 39 | | | | 00 | FF | FF FF FF FF
+         0 | 42 | | | | 00 | FF | FF FF FF FF
+         0 | -1 | | | | 00 | FF | FF FF FF FF
+         8 |  0 | | | | 08 | FF | FF FF FF FF
+        -1 | 13 | | | | FF | FF | FF FF FF FF
+        28 |  0 | | | | 1C | FF | FF FF FF FF
+        17 |  5 | | | | 11 | 00 |
+        18 | 13 | | | | 12 | 00 |)")) {
+        mcu.script = {row[3]};
+        const std::string& args = row[2] == "words" ? words : row[2];
+        EXPECT_EQ(Ask(Int(row[0]), Int(row[1]), args), Reply(row[5], row[6], row[7])) << row[1];
+        EXPECT_EQ(TakeJournal({"mcu"}), List(row[4].empty() ? "" : "mcu " + row[4]));
+    }
+    EXPECT_EQ(Ask(0, 40) + Ask(0, 41), "");  // never answered
+    EXPECT_EQ(g_shd_log_debug, 0x8001);
+    EXPECT_EQ(Property("persist.velmar.shd.debug"), "32769");
+}
+
+TEST_F(ControlTest, DispatchIsLogged) {
+    for (const auto& row : Table(R"(
+        17 | 5  | D/shd ProcessVirtualSensor type:17 cmd:5
+        8  | 13 | E/shd Process msg Invalid sensor   -1 ,command id =   13
+        0  | 99 |
+        0  | 7  | D/shd ProcessMcuRawDataConifg type:0
+        0  | 13 | D/shd ProcessMcuVersion type:0 ret:0
+        0  | 14 | D/shd ProcessMessage SHB_DEBUG_LOG flag:0!
+        0  | 40 | D/shd ProcessMessage SHB_MCU_SLEEP!
+        0  | 41 | D/shd ProcessMessage SHB_MCU_WAKEUP!)")) {
+        (void)Ask(Int(row[0]), Int(row[1]));
+        EXPECT_EQ(TakeJournal({"shd"}), List(row[2])) << row[1];
+    }
+    client.Reset();
+    for (const int command : {0, 8, 9}) {
+        (void)Ask(19, command);
+        EXPECT_EQ(last_result, command == 0 ? 0 : -1);
+    }
+    EXPECT_EQ(TakeJournal({"shd"}), List(R"(
+        E/shd ProcessMcuHealthConifg sensorhub_sendmsg failure\n
+        E/shd ProcessDateTimeConifg sensorhub_sendmsg failure\n)"));
+}
+
+TEST_F(ControlTest, RequestsWaitTwoSecondsDuringARebootButVirtualSensorsDoNot) {
+    g_mcu_rebooting = 1;
+    EXPECT_EQ(Ask(5, 3), Reply("05", "FF", "FF FF FF FF"));
+    EXPECT_EQ(Ask(99, 0), Reply("63", "FF", "FF FF FF FF"));
+    EXPECT_EQ(Ask(18, 0), Reply("12", "00", ""));
+    EXPECT_EQ(TakeJournal(), List(R"(
+        E/shd Process msg mcu in reboot ignore sensor   17 ,command id =    3 | delay 2000000
+        E/shd Process msg mcu in reboot ignore sensor   -1 ,command id =    0 | delay 2000000
+        D/shd ProcessVirtualSensor type:18 cmd:0)"));
+}
+
+TEST_F(ControlTest, StateFollowsTheCommands) {
+    const std::string batch = "0A 00 00 00 32 00 00 00 09 00 00 00";
+    // The fields are enable, period_ms, batchcnt, batch_left, virtual_enable, last_time,
+    // time_adjust, flush_pending, flush_count.
+    for (const auto& row : Table(R"(
+         0 |  0 | 00       | 1 7 7 7 7 -1 0 0 7 | 0
+         0 |  0 | 05       | 7 7 7 7 7 -1 0 0 7 | 0
+         0 |  1 | 05       | 0 7 7 0 7 7 7 0 7  | 0
+         0 |  2 | silence  | 7 10 7 7 7 7 7 0 7 | 0
+         0 | 10 | 05       | 7 10 50 7 7 -1 0 0 7 | 0
+         9 | 10 | 00       | 7 10 0 7 7 -1 0 0 7  | 0
+         0 | 11 | 00 00 00 | 7 7 7 7 7 7 7 0 0  | 1
+         0 | 11 | 05 00 00 | 7 7 7 7 7 7 7 1 5  | 0
+         0 | 11 | 05 00 01 | 7 7 7 7 7 7 7 1 0  | 0
+         0 | 11 | FB FF 00 | 7 7 7 7 7 7 7 0 -5 | 1
+         0 | 11 | FB FF 01 | 7 7 7 7 7 7 7 0 0  | 1
+         0 | 11 | 05       | 7 7 7 7 7 7 7 1 5  | 0
+         0 | 11 |          | 7 7 7 7 7 7 7 0 0  | 1
+         0 | 11 | silence  | 7 7 7 7 7 7 7 0 0  | 1
+        17 |  0 |          | 7 7 7 7 1 7 7 0 7  | 0
+        17 |  1 |          | 7 7 7 7 0 7 7 0 7  | 0
+        17 | 11 |          | 7 7 7 7 7 7 7 0 0  | 1
+        17 |  2 |          | 7 7 7 7 7 7 7 0 7  | 0)")) {  // last: flush-complete events
+        SensorState& s = State(Int(row[0]));
+        s = {7, 7, 7, 7, 7, 7, 7, 0, 7};
+        mcu.script = {row[2]};
+        (void)Ask(Int(row[0]), Int(row[1]), batch);
+        std::string fields = std::to_string(s.enable);
+        for (const int64_t field : std::initializer_list<int64_t>{
+                 s.period_ms, s.batchcnt, s.batch_left, s.virtual_enable, s.last_time,
+                 s.time_adjust, s.flush_pending, s.flush_count}) {
+            fields += " " + std::to_string(field);
+        }
+        EXPECT_EQ(fields, row[3]) << row[1] << " " << row[2];
+        EXPECT_EQ(TakeEvents().size(), static_cast<size_t>(Int(row[4]))) << row[1] << " " << row[2];
+    }
+    (void)TakeJournal();
+    hub.error_count = 0;
+    for (const auto* reply : {FakeMcu::kSilence, ""}) {
+        mcu.script = {reply};
+        (void)Ask(26, 11);
+        EXPECT_EQ(TakeJournal({"shd"}).back(), std::string("E/shd Sensor Flush :51 ") +
+                                                   (*reply != 0 ? "timeout" : "data len < 1"));
+    }
+}
+
+TEST(SensorTable, HandlesHaveTheirMcuSensors) {
+    const int32_t ids[] = {16, -1, -1,  -1,  -1, 17, 22, -1, -1, 33, 32, 35, -1, -1, -1,
+                           35, -1, 255, 255, 48, -1, 50, -1, -1, -1, 23, 51, 64, -1};
+    for (int32_t handle = 0; handle < 29; ++handle) {
+        EXPECT_EQ(GetMcuSensorId(handle), ids[handle]) << handle;
+    }
+    EXPECT_EQ(GetMcuSensorId(-1), -1);
+}
+
+}  // namespace
