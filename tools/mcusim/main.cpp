@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "tools/mcusim/command_client.h"
 #include "tools/mcusim/commands.h"
 #include "tools/mcusim/sensors.h"
 #include "tools/mcusim/simulator.h"
@@ -41,6 +42,18 @@ std::pair<const mcusim::SensorSpec*, std::string> ParseSignal(const std::string&
     return {sensor, text.substr(equals + 1)};
 }
 
+// 1 when a command was refused.
+int SendCommands(const std::string& root, const std::vector<std::string>& commands) {
+    int status = 0;
+    for (const std::string& command : commands) {
+        const std::string answer =
+            mcusim::SendCommand(root + "/" + mcusim::kCommandSocket, command);
+        fmt::print("{}\n", answer);
+        if (!answer.starts_with("ok")) status = 1;
+    }
+    return status;
+}
+
 int RunSimulator(const mcusim::SimulatorOptions& options) {
     mcusim::Simulator simulator(options);
     fmt::print("mcusim: ready {}\n", options.root);
@@ -53,7 +66,9 @@ int ParseAndRun(int argc, char** argv) {
     CLI::App app("The simulated sensor-hub MCU and its board, below a directory of its own.");
     mcusim::SimulatorOptions options;
     double boot_delay_sec = 0.3;
-    app.add_option("--root", options.root, "directory to serve; made when missing")->required();
+    app.add_option("--root", options.root, "directory to serve; made when missing")
+        ->envname("SHD_ROOT")
+        ->required();
     app.add_option("--baud", options.machine.baud, "line speed in bit/s; 0: bytes take no time")
         ->capture_default_str();
     app.add_option("--seed", options.machine.seed, "of every signal and of every random fault")
@@ -82,9 +97,15 @@ int ParseAndRun(int argc, char** argv) {
     app.add_option("--signal", signals, "play a recorded signal: SENSOR=FILE.csv; repeatable")
         ->type_name("SENSOR=FILE")
         ->allow_extra_args(false);
+    std::vector<std::string> commands;
+    app.add_option("--send", commands,
+                   "send a command to the simulator that runs on the directory; repeatable")
+        ->type_name("COMMAND")
+        ->allow_extra_args(false);
     app.footer("Commands, on standard input and on DIR/dev/socket/mcusim:\n" +
                mcusim::CommandHelp());
     CLI11_PARSE(app, argc, argv);
+    if (!commands.empty()) return SendCommands(options.root, commands);
     if (trace->count() > 0) options.trace = trace_path;
     options.machine.boot_delay = mcusim::FromSeconds(boot_delay_sec);
 

@@ -84,7 +84,7 @@ Simulator::Simulator(const SimulatorOptions& options)
     if (options.record) observers_.push_back(std::make_unique<Recorder>(*options.record));
     for (const auto& observer : observers_) machine_->AddObserver(*observer, TimePoint(0));
 
-    const std::string socket = "dev/socket/mcusim";
+    const std::string socket = kCommandSocket;
     std::filesystem::remove(tree_.Path(socket));  // of a simulator that was killed
     tree_.Adopt(socket);
     channel_ =

@@ -22,6 +22,9 @@
 
 namespace mcusim {
 
+// Where commands are taken, below the root.
+inline constexpr const char* kCommandSocket = "dev/socket/mcusim";
+
 struct SimulatorOptions {
     std::string root;
     std::optional<std::string> firmware_version;  // nothing: the one in flash, else the default
