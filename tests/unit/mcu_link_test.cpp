@@ -141,9 +141,10 @@ struct PipePort final : SerialPort {
     int ends[2];
 };
 
-TEST(LinkHold, KeepsABlockedReaderOffTheLineAndMakesItForget) {
+struct LinkHoldTest : testing::Test, CleanProcess {};
+
+TEST_F(LinkHoldTest, KeepsABlockedReaderOffTheLineAndMakesItForget) {
     InChild([] {
-        ResetPlatform();
         g_hooks.on_delay = [](auto) { sched_yield(); };
         PipePort port;
         RecordingSink sink;
