@@ -36,7 +36,7 @@ Result<EventStream> EventStream::Connect(std::string_view root) {
 
 Error EventStream::Disconnected() const {
     return {ErrorCode::kDisconnected,
-            "the daemon closed the connection " + path_ + "; it may have ended or been restarted"};
+            "the daemon closed the connection " + name_ + "; it may have ended or been restarted"};
 }
 
 Result<size_t> EventStream::Read(std::vector<SensorEvent>& events) {
@@ -68,7 +68,7 @@ Status EventStream::WaitUntilServed(std::chrono::milliseconds timeout) {
         int unread = 0;
         if (ioctl(fd_.get(), SIOCOUTQ, &unread) != 0 || unread == 0) return Success();
         if (std::chrono::steady_clock::now() >= deadline) {
-            return Error{ErrorCode::kTimeout, "the daemon does not serve " + path_};
+            return Error{ErrorCode::kTimeout, "the daemon does not serve " + name_};
         }
         (void)poll(nullptr, 0, kStepMs);
     }

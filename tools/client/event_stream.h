@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "events/sensor_event.h"
@@ -22,6 +23,10 @@ class EventStream {
   public:
     // Connects to root/dev/socket/shddata. Errors as ConnectLocal (local_socket.h).
     [[nodiscard]] static Result<EventStream> Connect(std::string_view root);
+
+    // Takes over a connected, non-blocking stream socket; name stands for it in error messages.
+    EventStream(UniqueFd connected, std::string name)
+        : fd_(std::move(connected)), name_(std::move(name)) {}
 
     // The non-blocking descriptor, owned by this object: poll it for POLLIN, then call Read.
     [[nodiscard]] int fd() const { return fd_.get(); }
@@ -40,11 +45,10 @@ class EventStream {
     [[nodiscard]] const RecordAssembler& assembler() const { return assembler_; }
 
   private:
-    EventStream(UniqueFd fd, std::string path) : fd_(std::move(fd)), path_(std::move(path)) {}
     [[nodiscard]] Error Disconnected() const;
 
     UniqueFd fd_;
-    std::string path_;
+    std::string name_;
     RecordAssembler assembler_;
 };
 

@@ -50,7 +50,7 @@ void HubClient::set_slow_notice(milliseconds after, SlowNotice notice) {
 
 Error HubClient::Disconnected() const {
     return {ErrorCode::kDisconnected,
-            "the daemon closed the connection " + path_ + "; it may have ended or been restarted"};
+            "the daemon closed the connection " + name_ + "; it may have ended or been restarted"};
 }
 
 Result<HubClient::Ticket> HubClient::Send(const ClientRequest& request) {
@@ -68,7 +68,7 @@ Result<HubClient::Ticket> HubClient::Send(const ClientRequest& request) {
         if (errno != EAGAIN) return Disconnected();
         pollfd ready{fd_.get(), POLLOUT, 0};
         if (poll(&ready, 1, PollTimeout(deadline)) == 0) {
-            return Error{ErrorCode::kTimeout, "the daemon behind " + path_ +
+            return Error{ErrorCode::kTimeout, "the daemon behind " + name_ +
                                                   " took no request within " + Seconds(timeout_) +
                                                   "; its queue is full or it is stopped"};
         }

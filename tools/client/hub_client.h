@@ -11,6 +11,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "core/control_protocol.h"
 #include "platform/unique_fd.h"
@@ -43,6 +44,10 @@ class HubClient {
   public:
     // Connects to root/dev/socket/shdctl. Errors as ConnectLocal (local_socket.h).
     [[nodiscard]] static Result<HubClient> Connect(std::string_view root);
+
+    // Takes over a connected stream socket; name stands for it in error messages.
+    HubClient(UniqueFd connected, std::string name)
+        : fd_(std::move(connected)), name_(std::move(name)) {}
 
     // The limit of every call below that waits for a reply.
     void set_timeout(std::chrono::milliseconds timeout) { timeout_ = timeout; }
@@ -99,8 +104,6 @@ class HubClient {
         ClientRequest request;
     };
 
-    HubClient(UniqueFd fd, std::string path) : fd_(std::move(fd)), path_(std::move(path)) {}
-
     [[nodiscard]] Status Run(const ClientRequest& request);
     [[nodiscard]] Result<Reply> RunForData(const ClientRequest& request, ReplyForm form);
     [[nodiscard]] Status Notify(ControlCommand command);
@@ -110,7 +113,7 @@ class HubClient {
     [[nodiscard]] Error Disconnected() const;
 
     UniqueFd fd_;
-    std::string path_;
+    std::string name_;
     std::chrono::milliseconds timeout_ = kDefaultReplyTimeout;
     std::chrono::milliseconds notice_after_{0};
     SlowNotice notice_;
