@@ -80,9 +80,7 @@ TEST(EventDecoder, ReadsEachFormOfData) {
                   test.values);
     }
     EXPECT_EQ(DecodeEvent(As<SensorEvent>(kFlushOfPressure)).value().sensor->handle, 6);
-    EXPECT_FALSE(
-        DecodeEvent(As<SensorEvent>(Event("00000000", "04000000", ""))));  // another's type
-    EXPECT_FALSE(
+    EXPECT_FALSE(DecodeEvent(As<SensorEvent>(Event("00000000", "04000000", ""))));
 }
 
 TEST(RecordAssembler, TruncatedRecordCostsOnlyItself) {
