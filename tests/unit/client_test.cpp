@@ -46,9 +46,9 @@ T As(const Bytes& bytes) {
 }
 
 TEST(SensorLookup, TakesHandlesNamesAndUniqueBeginnings) {
-    const std::pair<const char*, int32_t> kFound[] = {
+    const std::pair<const char*, int32_t> found[] = {
         {"27", 27}, {"accel", 0}, {"GAME_rot", 15}, {"step c", 19}};
-    for (const auto& [text, handle] : kFound) {
+    for (const auto& [text, handle] : found) {
         const auto sensor = LookupSensor(text);
         ASSERT_TRUE(sensor.ok()) << text;
         EXPECT_EQ((*sensor)->handle, handle) << text;
@@ -63,7 +63,7 @@ TEST(EventDecoder, ReadsEachFormOfData) {
         Bytes bytes;
         int32_t handle;
         std::vector<double> values;
-    } kCases[] = {
+    } cases[] = {
         {kAccelerometer, 0, {1.0, -2.0, 0.5}},
         {kStepCounter, 19, {4294967297.0}},
         {Event("12000000", "13000000", "0000803f"), 18, {1.0}},
@@ -71,7 +71,7 @@ TEST(EventDecoder, ReadsEachFormOfData) {
         {Event("1a000000", "1a000000", ""), 26, {}},
         {Event("1b000000", "02000100", "15cd5b070104ffffffff02ffff"), 27, {123456789, 1025, 2}},
     };
-    for (const auto& test : kCases) {
+    for (const auto& test : cases) {
         const auto decoded = DecodeEvent(As<SensorEvent>(test.bytes));
         ASSERT_TRUE(decoded) << test.handle;
         EXPECT_EQ(decoded->sensor->handle, test.handle);
@@ -102,13 +102,13 @@ TEST(Replies, OddCommandFieldsAreUnderstood) {
         const char* reply;  // from offset 0
         ReplyForm form;
         int32_t result;
-    } kCases[] = {
+    } cases[] = {
         {5, 10, "1001000005000000010000000a00000007000000", ReplyForm::kResult, 7},
         {0, 13, "10010000000000000100000007000000312e32", ReplyForm::kText, 0},
         {17, 5, "1001000011000000010000000000000000000000", ReplyForm::kVirtual, 0},
         {8, 0, "100100000800000001000000ffffffffffffffff", ReplyForm::kError, -1},
     };
-    for (const auto& test : kCases) {
+    for (const auto& test : cases) {
         auto record = As<ControlReply>(Hex(test.reply, sizeof(ControlReply)));
         ClientRequest request{};
         request.handle = test.handle;

@@ -25,9 +25,9 @@ TEST(ParseHex, TakesBytesInAnyUsualForm) {
 }
 
 TEST(DumpText, PiecesPaddedOneByOneBecomeTheirBytes) {
-    const std::pair<std::string, std::string> kTexts[] = {
+    const std::pair<std::string, std::string> texts[] = {
         {"", ""}, {"TWFu", "Man"}, {"TQ==YW4=TWFu\n", "ManMan"}, {"+/+/", "\xFB\xFF\xBF"}};
-    for (const auto& [text, bytes] : kTexts) {
+    for (const auto& [text, bytes] : texts) {
         const DecodedDump dump = DecodeDumpText(text);
         EXPECT_FALSE(dump.damage) << text;
         EXPECT_EQ(std::string(dump.bytes.begin(), dump.bytes.end()), bytes) << text;
@@ -39,7 +39,7 @@ TEST(DumpText, DamageIsFoundWhereItIsAndNothingBehindItIsGuessed) {
         std::string text;
         size_t offset;
         size_t sound_bytes;
-    } kCases[] = {
+    } cases[] = {
         {"TWFuTW", 6, 3},        // cut off
         {"TWFu\nTWFu", 4, 3},    // a line end is foreign within
         {"TWFuT=FuTWFu", 5, 3},  // padding too early
@@ -47,7 +47,7 @@ TEST(DumpText, DamageIsFoundWhereItIsAndNothingBehindItIsGuessed) {
         {"TR==TWFu", 1, 0},      // bits behind the last byte
         {"\0TWF"s, 0, 0},        // a raw dump
     };
-    for (const auto& test : kCases) {
+    for (const auto& test : cases) {
         const DecodedDump dump = DecodeDumpText(test.text);
         ASSERT_TRUE(dump.damage) << test.text;
         EXPECT_EQ(dump.damage->offset, test.offset) << test.text;
@@ -56,14 +56,14 @@ TEST(DumpText, DamageIsFoundWhereItIsAndNothingBehindItIsGuessed) {
 }
 
 TEST(RawLog, LinesBecomeColumns) {
-    const std::pair<const char*, const char*> kLines[] = {
+    const std::pair<const char*, const char*> lines[] = {
         {"steps -1 time:", "7,steps,,-1,,,,,,,,,,"},
         {"bpm 72 status 1 time:11-16 10:05:09 ", "7,heart-rate,11-16 10:05:09,,72,1,,,,,,,,"},
         {"1 -32768 0 2048", "7,acc,,,,,-32768,0,2048,,,,,"},
         {"5 1 2 3 4 65535", "7,ppg,,,,,,,,1,2,3,4,65535"},
         {"heartrate begin time:11-16 10:05:09 ", "7,begin,11-16 10:05:09,,,,,,,,,,,"},
     };
-    for (const auto& [text, row] : kLines) {
+    for (const auto& [text, row] : lines) {
         const auto line = ParseRawLogLine(text);
         ASSERT_TRUE(line) << text;
         EXPECT_EQ(RawLogCsvRow(7, *line), row);
@@ -76,12 +76,12 @@ TEST(RawLog, LinesBecomeColumns) {
 }
 
 TEST(StatusChecks, StoredCalibrationIsJudgedAsTheDaemonDoes) {
-    const std::pair<std::string, Verdict> kAccelerometer[] = {
+    const std::pair<std::string, Verdict> files[] = {
         {"\x38\x01\xC8\xFE\0\0\0"s, Verdict::kGood},  // 312, -312, 0 and the status
         {"\x39\x01\0\0\0\0\0"s, Verdict::kWarning},   // 313
         {"\x01\0\0\0\0"s, Verdict::kWarning},         // another sensor's reply
     };
-    for (const auto& [content, verdict] : kAccelerometer) {
+    for (const auto& [content, verdict] : files) {
         EXPECT_EQ(CheckAccelerometerCalibration(content).verdict, verdict);
     }
 }

@@ -17,7 +17,7 @@
 namespace shdclient {
 namespace {
 
-constexpr size_t kReadBytes = 16 * 1024;
+constexpr size_t kReadBytes = size_t{16} * 1024;
 constexpr int kReadsPerCall = 4;
 constexpr size_t kDiscardedBlockBytes = 1024;
 

@@ -103,7 +103,7 @@ Result<Reply> HubClient::Receive(Ticket ticket) {
 Status HubClient::WaitForReply() {
     milliseconds left = timeout_;
     if (notice_ && notice_after_ < timeout_) {
-        const Status early = ReadRecord(steady_clock::now() + notice_after_);
+        Status early = ReadRecord(steady_clock::now() + notice_after_);
         if (early || early.error().code != ErrorCode::kTimeout) return early;
         left -= notice_after_;
         notice_(left);

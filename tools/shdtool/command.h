@@ -32,7 +32,7 @@ struct Context {
 };
 
 // What a command that succeeded has to say.
-struct Report {
+struct Report {        // NOLINT(bugprone-exception-escape): moving a Json does not throw
     std::string line;  // without a line end; may hold several lines
     Json fields;       // an object; printed behind "ok" and "command" with --json
 };

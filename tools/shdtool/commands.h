@@ -19,7 +19,7 @@ void AddStatusCommand(CLI::App& app, Context& context);
 void AddDumpCommands(CLI::App& app, Context& context);
 void AddRawLogCommand(CLI::App& app, Context& context);
 
-// Needs no context; completes what has been added before it is run.
-void AddCompletionCommand(CLI::App& app);
+// Completes all commands, also those that are added after it.
+void AddCompletionCommand(CLI::App& app, Context& context);
 
 }  // namespace shdtool

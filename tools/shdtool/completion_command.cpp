@@ -1,5 +1,5 @@
 // shdtool completion: prints a completion script made from the commands as they are. Called by
-// main, which adds it last.
+// main.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -104,7 +104,7 @@ std::string BashScript(const CLI::App& root) {
 
 }  // namespace
 
-void AddCompletionCommand(CLI::App& app) {
+void AddCompletionCommand(CLI::App& app, Context& /*context*/) {
     CLI::App* command = AddCommand(app, "completion", "Print a completion script for the shell",
                                    "  source <(shdtool completion bash)");
     command->require_subcommand(1);

@@ -132,7 +132,7 @@ void AddDecode(CLI::App& dump, Context& context) {
     CLI::App* decode =
         AddCommand(dump, "decode", "Turn the base64 text of a dump back into its bytes",
                    "  shdtool dump decode /data/mcudumplog/mcudumpbase64.1 -o crash.bin\n"
-                   "  shdtool dump decode 0 | xxd | less",
+                   "  shdtool dump decode 0 | od -Ax -tx1z | less",
                    "A damaged text is decoded up to the damage and its place is named; the exit "
                    "status is then 1.\n"
                    "The files mcudump_N hold the raw bytes already.");

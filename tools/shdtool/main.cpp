@@ -46,6 +46,36 @@ std::string UsageError(const CLI::App* app, const CLI::Error& error) {
     return fmt::format("shdtool: {}\nsee '{} --help'\n", error.what(), command);
 }
 
+// The command families in the order of the help, each under its heading.
+struct Family {
+    const char* heading;
+    void (*add)(CLI::App& app, shdtool::Context& context);
+};
+
+constexpr Family kFamilies[] = {
+    {"Overview", shdtool::AddStatusCommand},
+    {"Overview", shdtool::AddListCommand},
+    {"Overview", shdtool::AddWatchCommand},
+    {"Sensors", shdtool::AddSensorCommands},
+    {"Sensors", shdtool::AddFlushCommand},
+    {"Sensors", shdtool::AddServiceCommands},
+    {"MCU and daemon", shdtool::AddMcuCommands},
+    {"MCU and daemon", shdtool::AddRawCommand},
+    {"Files", shdtool::AddDumpCommands},
+    {"Files", shdtool::AddRawLogCommand},
+    {"Files", [](CLI::App& app, shdtool::Context& /*context*/) { shdtool::AddImageCommands(app); }},
+    {"Shell", shdtool::AddCompletionCommand},
+};
+
+void AddCommands(CLI::App& app, shdtool::Context& context) {
+    for (const Family& family : kFamilies) {
+        const size_t before = app.get_subcommands({}).size();
+        family.add(app, context);
+        const std::vector<CLI::App*> commands = app.get_subcommands({});
+        for (size_t i = before; i < commands.size(); ++i) commands[i]->group(family.heading);
+    }
+}
+
 int Main(int argc, char** argv) {
     shdtool::Context context;
     context.root = shdclient::DefaultRoot();
@@ -53,18 +83,7 @@ int Main(int argc, char** argv) {
     AddGlobalOptions(app, context);
     app.failure_message(UsageError);
 
-    shdtool::AddStatusCommand(app, context);
-    shdtool::AddListCommand(app, context);
-    shdtool::AddSensorCommands(app, context);
-    shdtool::AddFlushCommand(app, context);
-    shdtool::AddServiceCommands(app, context);
-    shdtool::AddMcuCommands(app, context);
-    shdtool::AddRawCommand(app, context);
-    shdtool::AddWatchCommand(app, context);
-    shdtool::AddDumpCommands(app, context);
-    shdtool::AddRawLogCommand(app, context);
-    shdtool::AddImageCommands(app);
-    shdtool::AddCompletionCommand(app);
+    AddCommands(app, context);
 
     try {
         app.parse(argc, argv);

@@ -65,9 +65,14 @@ void AddLogLevel(CLI::App& app, Context& context) {
     });
 }
 
-void AddRawData(CLI::App& app, Context& context) {
-    static const std::map<std::string, uint16_t> kTypes{
+// What the hub calls a choice of raw data: bit 0 steps, bit 1 heart.
+uint16_t RawDataType(const std::string& choice) {
+    const std::map<std::string, uint16_t> types{
         {"off", 0}, {"steps", 1}, {"heart", 2}, {"both", 3}};
+    return types.at(choice);
+}
+
+void AddRawData(CLI::App& app, Context& context) {
     CLI::App* command =
         AddCommand(app, "rawdata", "Let the MCU stream raw data into log files",
                    "  shdtool rawdata both && shdtool enable heart-rate",
@@ -82,7 +87,7 @@ void AddRawData(CLI::App& app, Context& context) {
         ->type_name("off|steps|heart|both");
     command->callback([&context, type] {
         RunWithHub(context, "rawdata", [&](HubClient& hub) {
-            return Finish(hub.SetRawData(kTypes.at(*type)), "raw data: " + *type,
+            return Finish(hub.SetRawData(RawDataType(*type)), "raw data: " + *type,
                           {{"stream", *type}});
         });
     });

@@ -77,9 +77,10 @@ ClientRequest BuildRequest(const RawArguments& arguments) {
 }  // namespace
 
 void AddRawCommand(CLI::App& app, Context& context) {
-    CLI::App* command = AddCommand(
-        app, "raw", "Send any request and show the reply; bytes not given are 0",
-        "  shdtool raw 0 0\n  shdtool raw 5 10 14 00 00 00 05 00 00 00\n  shdtool raw -- -1 12");
+    CLI::App* command =
+        AddCommand(app, "raw", "Send any request and show the reply; bytes not given are 0",
+                   "  shdtool raw 0 0\n  shdtool raw 5 10 14 00 00 00 05 00 00 00",
+                   "A negative number goes behind --, as in: shdtool raw -- 0 -1");
     auto arguments = std::make_shared<RawArguments>();
     command->add_option("HANDLE", arguments->handle, "sensor handle, any number")
         ->required()
