@@ -12,7 +12,7 @@ namespace shdtest {
 
 FakeUart::FakeUart() {
     WriteFile("/dev/ttyHSL1", "");
-    g_hooks.on_readable = [this](int fd) { return Answer(fd); };
+    g_hooks.on_readable = [this](int fd, auto /*timeout*/) { return Answer(fd); };
 }
 
 int FakeUart::Answer(int fd) {
@@ -33,9 +33,10 @@ int FakeUart::Answer(int fd) {
     return stored ? 1 : -1;
 }
 
-void WriteFirmwareImage(const std::string& version, const std::string& payload) {
-    std::string header(224, '\0');
-    const uint32_t words[] = {0xFFAAAAFF, 224, static_cast<uint32_t>(payload.size())};
+void WriteFirmwareImage(const std::string& version, const std::string& payload,
+                        uint32_t header_len) {
+    std::string header(header_len, '\0');
+    const uint32_t words[] = {0xFFAAAAFF, header_len, static_cast<uint32_t>(payload.size())};
     std::memcpy(header.data(), words, sizeof(words));
     version.copy(header.data() + 32, 64);
     WriteFile("/system/bin/mcu.bin", header + payload);

@@ -5,6 +5,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <deque>
 #include <string>
 
@@ -27,7 +28,8 @@ class FakeUart {
     off_t answered_ = 0;  // file position behind the last reply
 };
 
-// Writes the image file of a payload, its header 224 bytes long.
-void WriteFirmwareImage(const std::string& version, const std::string& payload);
+// Writes the image file of a payload that begins at header_len.
+void WriteFirmwareImage(const std::string& version, const std::string& payload,
+                        uint32_t header_len = 224);
 
 }  // namespace shdtest

@@ -140,6 +140,13 @@ void LinkFile(const std::string& path, const std::string& target) {
     fs::create_symlink(target, HostPath(path));
 }
 
+bool IsAsleep(pid_t thread_id) {
+    std::ifstream file("/proc/self/task/" + std::to_string(thread_id) + "/stat");
+    std::string status;
+    std::getline(file, status);
+    return status.find(") S ") != std::string::npos;
+}
+
 }  // namespace shdtest
 
 using namespace shdtest;
@@ -189,8 +196,8 @@ void Delay(std::chrono::microseconds duration) {
     if (g_hooks.on_delay) g_hooks.on_delay(duration);
 }
 
-int WaitReadable(int fd, std::chrono::microseconds /*timeout*/) {
-    return g_hooks.on_readable ? g_hooks.on_readable(fd) : 0;
+int WaitReadable(int fd, std::chrono::microseconds timeout) {
+    return g_hooks.on_readable ? g_hooks.on_readable(fd, timeout) : 0;
 }
 
 int CondVar::WaitUntil(Mutex& mutex, std::time_t /*deadline_sec*/) {

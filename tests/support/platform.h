@@ -2,6 +2,8 @@
 // log and the properties in memory, time under the test's control. Every daemon test links it.
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
@@ -20,8 +22,8 @@ using Lines = std::vector<std::string>;
 // delay returns at once and a wait ends by its deadline.
 struct Hooks {
     std::function<void(std::chrono::microseconds)> on_delay;
-    std::function<bool()> on_wait;           // CondVar::WaitUntil, mutex released; false: deadline
-    std::function<int(int fd)> on_readable;  // WaitReadable
+    std::function<bool()> on_wait;  // CondVar::WaitUntil, mutex released; false: deadline
+    std::function<int(int fd, std::chrono::microseconds timeout)> on_readable;  // WaitReadable
     std::function<int(const std::string& name)> on_local_server;  // returns the descriptor
 };
 
@@ -57,5 +59,8 @@ void MakeDirectory(const std::string& path);
 void WriteFile(const std::string& path, std::string_view content);
 [[nodiscard]] std::string ReadFile(const std::string& path);  // "(missing)" when it is not there
 void LinkFile(const std::string& path, const std::string& target);  // in place of what is there
+
+// Whether a thread of this process blocks; 0 is none.
+[[nodiscard]] bool IsAsleep(pid_t thread_id);
 
 }  // namespace shdtest

@@ -1,6 +1,11 @@
 // Control commands byte for byte, the sensor table and the state that commands leave.
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <thread>
 
 #include "core/control_commands.h"
 #include "core/debug_flag.h"
@@ -170,6 +175,22 @@ TEST_F(ControlTest, StateFollowsTheCommands) {
         EXPECT_EQ(TakeJournal({"shd"}).back(), std::string("E/shd Sensor Flush :51 ") +
                                                    (*reply != 0 ? "timeout" : "data len < 1"));
     }
+}
+
+TEST(MessageQueue, RecordWakesTheThreadThatWaitsForIt) {
+    MessageQueue<int> queue;
+    int records[] = {1, 2};
+    std::atomic<pid_t> consumer_id{0};
+    std::thread consumer([&] {
+        consumer_id = gettid();
+        EXPECT_EQ(queue.DequeueMessage(), &records[0]);
+        EXPECT_EQ(queue.DequeueMessage(), &records[1]);
+    });
+    for (int& record : records) {
+        while (!IsAsleep(consumer_id)) sched_yield();
+        queue.EnqueueMessage(&record);
+    }
+    consumer.join();
 }
 
 TEST(SensorTable, HandlesHaveTheirMcuSensors) {

@@ -73,6 +73,13 @@ TEST_F(EventTest, MeasuredIntervalSpreadsABatch) {
     State(0).last_time = g_elapsed_ns + 7;  // the division truncates towards zero
     (void)ReportAfter(0, 16, kAccSamples);
     EXPECT_EQ(State(0).time_adjust, -2 - 20 * kMilli);
+    for (const auto& row : Table("16|0|6 \n 17|5|6 \n 22|6|4")) {  // since boot, two samples
+        State(Int(row[1])).last_time = 0;
+        (void)ReportAfter(0, Int(row[0]),
+                          Hex(std::string(2 * static_cast<size_t>(Int(row[2])), '\0')));
+        EXPECT_EQ(State(Int(row[1])).time_adjust,
+                  g_elapsed_ns / 2 - State(Int(row[1])).period_ms * kMilli);
+    }
     State(9).period_ms = 10;  // the fused sensors are stamped by their period alone
     State(9).last_time = 5;
     State(9).time_adjust = 77;
@@ -81,13 +88,14 @@ TEST_F(EventTest, MeasuredIntervalSpreadsABatch) {
 }
 
 TEST_F(EventTest, OnlyTheNewestSamplesOfALargeReportAreSent) {
-    State(0) = {0, 10, 2, 0, 0, -1, 0, 0, 0};  // period 10 ms, batches of 2
+    State(0) = {0, 10, 2, 0, 0, -1, 0, 0, 7};  // period 10 ms, batches of 2, no flush pending
     Report(16, kAccSamples);
     const auto events = TakeEvents();
     ASSERT_EQ(events.size(), 2U);
     EXPECT_EQ(g_elapsed_ns - events[0].timestamp, 20 * kMilli);
     EXPECT_EQ(g_elapsed_ns - events[1].timestamp, 10 * kMilli);
     EXPECT_EQ(Hex(std::span(events[0].data).subspan(4, 4)), "E7 D0 1C BC");  // x = 2
+    EXPECT_EQ(State(0).flush_count, 5);                                      // less what was sent
     State(0) = {0, 10, 2, 0, 0, -1, 0, 1, 0};  // nothing is skipped while a flush is pending
     EXPECT_EQ(ReportAfter(0, 16, kAccSamples), List("0/1@20 | 0/1@10 | 0/1@0 | flush 0"));
 }
@@ -110,7 +118,7 @@ TEST_F(EventTest, BatchIsCountedDownAcrossReports) {
 }
 
 TEST_F(EventTest, SampleFromBeforeBootKeepsItsStamp) {
-    g_elapsed_ns = 10;
+    g_elapsed_ns = 20;
     State(0) = {0, 20'000, 0, 0, 0, -1, 0, 0, 0};
     EXPECT_EQ(ReportAfter(0, 16, kAccSamples), List("0/1@never | 0/1@never | 0/1@0"));
     EXPECT_EQ(AddTimeStamp(nullptr, 0, 0) + ProcessSensorData(&hub, nullptr), -2);

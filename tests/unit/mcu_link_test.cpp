@@ -8,6 +8,7 @@
 #include <termios.h>
 
 #include <atomic>
+#include <thread>
 
 #include "mcu_link/exchange.h"
 #include "mcu_link/line.h"
@@ -17,6 +18,7 @@
 #include "tests/support/in_child.h"
 #include "tests/support/test_hub.h"
 #include "update_mcu/bootloader_link.h"
+#include "update_mcu/mcu_update.h"
 
 namespace {
 
@@ -143,6 +145,31 @@ struct PipePort final : SerialPort {
 
 struct LinkHoldTest : testing::Test, CleanProcess {};
 
+TEST_F(LinkHoldTest, WriteOfThePortWaitsForTheEndOfAnUpdate) {
+    WriteFile("/dev/ttyHSL1", "");
+    BoardSerial port;
+    ASSERT_EQ(port.Open(), 0);
+    std::atomic<pid_t> writer_id{0};
+    std::atomic<bool> written{false};
+    std::thread writer;
+    g_hooks.on_readable = [&](int /*fd*/, auto /*timeout*/) {  // a bootloader that stays silent
+        if (!writer.joinable()) {
+            writer = std::thread([&] {
+                writer_id = gettid();
+                const uint8_t byte = 0;
+                EXPECT_EQ(port.Write(&byte, 1), 1);
+                written = true;
+            });
+        }
+        while (!IsAsleep(writer_id) && !written) sched_yield();
+        EXPECT_FALSE(written);
+        return 0;
+    };
+    EXPECT_EQ(mcu_update(), -1);
+    writer.join();
+    port.Close();
+}
+
 TEST_F(LinkHoldTest, KeepsABlockedReaderOffTheLineAndMakesItForget) {
     InChild([] {
         g_hooks.on_delay = [](auto) { sched_yield(); };
@@ -161,8 +188,8 @@ TEST_F(LinkHoldTest, KeepsABlockedReaderOffTheLineAndMakesItForget) {
         port.Send(std::span(frame).subspan(2));
         while (port.Pending() > 0) sched_yield();
         // What arrives during a hold is there for the holder alone, however fast holds follow.
-        for (int round = 0; round < 20000; ++round) {
-            for (std::atomic<int> pause = round % 997; pause > 0; --pause) {
+        for (int round = 0; round < 50000; ++round) {
+            for (std::atomic<int> pause = round % 300; pause > 0; --pause) {
             }
             const LinkHold hold;
             uint8_t byte = 0x7E;

@@ -1,8 +1,11 @@
 // The recovery of a silent MCU: order of everything it does, and its ways out.
 #include "mcu_link/mcu_reboot.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>
+#include <stdlib.h>
+#include <termios.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -11,6 +14,8 @@
 #include "sensor_commands/mcu_config.h"
 #include "tests/support/fake_uart.h"
 #include "tests/support/test_hub.h"
+#include "update_mcu/bootloader_link.h"
+#include "update_mcu/mcu_update.h"
 
 namespace {
 
@@ -115,6 +120,26 @@ TEST_F(RebootTest, PortIsOpenedAgainUntilTheTwelfthAttempt) {
     EXPECT_EQ(Count(log, "I/update_mcu mcu_update ok!\\n"), 1);
     EXPECT_EQ(Count(log, "D/shd SensorMcuReboot Handshake OK"), 1);
     EXPECT_EQ(g_mcu_rebooted, 1);
+}
+
+TEST_F(RebootTest, LineHasItsNormalSettingsAfterAnUpdateAndAfterAReboot) {
+    const UniqueFd master(posix_openpt(O_RDWR | O_NOCTTY));
+    ASSERT_EQ(grantpt(master.get()) + unlockpt(master.get()), 0);
+    LinkFile("/dev/ttyHSL1", ptsname(master.get()));
+    g_hooks.on_readable = nullptr;
+    const auto strips = [&] {
+        termios settings{};
+        tcgetattr(master.get(), &settings);
+        return (settings.c_iflag & ISTRIP) != 0;
+    };
+    EXPECT_EQ(g_board_serial.Open(), 0);
+    EXPECT_EQ(mcu_update(), -1);
+    EXPECT_FALSE(strips());
+    EXPECT_GE(open_mcu_tty(), 0);
+    close_mcu_tty();
+    EXPECT_TRUE(strips());
+    SensorMcuReboot(&hub);
+    EXPECT_FALSE(strips());
 }
 
 TEST_F(RebootTest, OneRunsAtATimeAndNoneWhenDisabled) {

@@ -78,14 +78,17 @@ TEST_F(ControlServerTest, NumberOfAGoneClientIsReservedUntilItsLastReply) {
     RunMainLoopOnce(&hub, &server);
     RunMainLoopOnce(&hub, &server);
     EXPECT_GE(fcntl(number, F_GETFD), 0);
+    const UniqueFd next = Connect("/ctl.sock");
     server.RequestDone(number);
     EXPECT_LT(fcntl(number, F_GETFD), 0);
     EXPECT_EQ(ReadAvailable(other.get()), "");
-    const UniqueFd next = Accepted();  // the number may serve again
+    server.ServeOnce();  // the next client gets the number
     Send(next, kRecord);
     server.ServeOnce();
+    EXPECT_GE(fcntl(number, F_GETFD), 0);
     RunMainLoopOnce(&hub, &server);
     EXPECT_EQ(ReadAvailable(next.get()).size(), 272U);
+    EXPECT_FALSE(IsAtEnd(next));
 }
 
 struct DataServerTest : testing::Test, TestHub {};

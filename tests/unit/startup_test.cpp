@@ -94,25 +94,31 @@ TEST_F(StartupTest, FailedFirmwareUpdateEndsTheStart) {
 // With thirteen handshakes in vain and then one request from a client.
 void ExpectStartUpLog() {
     Lines expected = List(R"(
+        delay 2000000
         D/shd Start sensorhub daemon, control server create ok
         D/shd Send Handshake to sensorhub)");
     for (int handshake = 1; handshake <= 13; ++handshake) {
-        expected.push_back("W/shd Handshake timeout");
-        if (handshake < 12) continue;
-        expected.push_back("W/shd SensorMcuReboot Handshake timeout update mcu");
-        expected.push_back("I/update_mcu mcu_update ok!\\n");
+        const std::string log = handshake < 12 ? "" : R"(
+            W/shd SensorMcuReboot Handshake timeout update mcu | I/update_mcu mcu_update enter!\n
+            delay 2000000 | I/update_mcu mcu_update ok!\n)";
+        for (const std::string& line : List("W/shd Handshake timeout | delay 2000000" + log)) {
+            expected.push_back(line);
+        }
     }
     for (const std::string& line : List(R"(
         D/shd Handshake OK | D/shd Set shd log debug : 2 | D/shd Set shd mcu reboot disable : 1
         D/shd Set parameter | D/shd Set parameter OK, start loop
+        property persist.velmar.shd.rawdatatype=3
+        D/shd Set MCU Raw data Log Level : 3
         D/shd ProcessMessage SHB_DEBUG_LOG flag:0!)")) {
         expected.push_back(line);
     }
-    Lines log = TakeJournal({"shd", "update_mcu"});
+    Lines log = TakeJournal({"shd", "update_mcu", "delay", "property"});
     std::erase_if(log, [&](const std::string& line) {
         return std::find(expected.begin(), expected.end(), line) == expected.end();
     });
     EXPECT_EQ(log, expected);
+    EXPECT_NE(Hex(ReadFile("/dev/ttyHSL1")).find("01 00 17 13 05 00 00 00"), std::string::npos);
 }
 
 // The UART is a plain file: what stands behind the port's position is what the MCU has sent.
@@ -123,7 +129,7 @@ TEST_F(StartupTest, SilentMcuIsUpdatedFromTheTwelfthHandshakeOnAndThenServed) {
         WriteFirmwareImage("1.900", "x");  // the version that runs
         SetProperty("persist.velmar.shd.debug", "2");
         SetProperty("persist.velmar.shd.mcureboot", "1");
-        SetProperty("persist.velmar.shd.rawdatatype", "4");
+        SetProperty("persist.velmar.shd.rawdatatype", "3");
         g_hooks.on_local_server = [](const std::string& name) {
             return Listen("/" + name).Release();
         };

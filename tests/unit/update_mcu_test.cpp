@@ -1,7 +1,12 @@
 // The firmware update against a scripted bootloader, and the version check against a scripted MCU.
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <filesystem>
+#include <thread>
 
 #include "tests/support/fake_uart.h"
 #include "tests/support/test_hub.h"
@@ -46,13 +51,22 @@ TEST_F(UpdateTest, WritesTheImageBlockByBlock) {
     std::string payload(513, '\0');
     for (size_t i = 0; i < 256; ++i) payload[i] = static_cast<char>(i);
     payload[512] = '\x5A';
-    WriteFirmwareImage("1.900.7", payload);
+    WriteFirmwareImage("1.900.7", payload, 230);
+    std::string limits;  // of the waits, in ms
+    g_hooks.on_readable = [&, answer = g_hooks.on_readable](int fd, auto limit) {
+        limits += std::to_string(limit.count() / 1000) + " ";
+        return answer(fd, limit);
+    };
+    const auto open_files = [] {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+    };
+    const auto open_before = open_files();
     uart.script = {"00 FF 79 79"};  // noise before the acknowledgement of the handshake
     EXPECT_EQ(mcu_update(), 0);
     EXPECT_EQ(Journal(),
               List(kStart + "D read 7F cmd response buf = 0. | D read 7F cmd response buf = ff. |" +
                    kErased + R"(
-        D file_size = 737, mcu image_size = 513, begin write mcu memory!
+        D file_size = 743, mcu image_size = 513, begin write mcu memory!
         uart 31 CE | uart 08 00 00 00 08 | uart FF )" +
                    Hex(payload.substr(0, 256)) + R"( FF
         uart 31 CE | uart 08 00 01 00 09 | uart FF )" +
@@ -60,6 +74,8 @@ TEST_F(UpdateTest, WritesTheImageBlockByBlock) {
         D write last mcu memory! | uart 31 CE | uart 08 00 02 00 0A | uart 00 5A 5A
         property persist.mcu.version=1.900.7 | delay 12000 | delay 2000000
         I mcu_end(set gpio to normal mode) ok! | I mcu_update ok!)"));
+    EXPECT_EQ(limits, "200 1000 40000 1000 1000 1000 1000 1000 1000 1000 1000 1000 ");
+    EXPECT_EQ(open_files(), open_before);
     EXPECT_EQ(ReadFile("/proc/mcu/gpio_mcu_boot0") + ReadFile("/proc/mcu/gpio_mcu_reset"), "01");
 }
 
@@ -135,8 +151,9 @@ TEST_F(UpdateTest, ImageFileIsCheckedBeforeAnythingIsWritten) {
     WriteFile(kImage, image + "y");
     sizes(-1, "E file size error, file_size = 225, header_len = 224,image_size = 0!");
     // header_len and image_size add up to 2^32 + 224.
-    WriteFile(kImage, image.substr(0, 8) + "\xFF\xFF\xFF\xFF" + image.substr(12));
-    sizes(-1, "E file size error, file_size = 224, header_len = 224,image_size = 4294967295!");
+    WriteFile(kImage, image.substr(0, 4) + "\xE1" + image.substr(5, 3) + "\xFF\xFF\xFF\xFF" +
+                          image.substr(12));
+    sizes(-1, "E file size error, file_size = 224, header_len = 225,image_size = 4294967295!");
     std::filesystem::remove(HostPath(kImage));
     sizes(-1, "E stat file settings error! | E file size error!");
     EXPECT_EQ(get_mcu_head(nullptr) + mcu_send_cmd({}) + write_memory_cmd({}, 0), -3);
@@ -201,6 +218,28 @@ TEST_F(UpdateTest, VersionIsAskedForFourTimesWithAResetBeforeTheLast) {
     EXPECT_EQ(mcu_version_check(), 0);
     EXPECT_EQ(Journal(), List(R"(E open normal tty device error! | E open_mcu_normal_tty error!
         I get mcu current version error, go to update!)"));
+}
+
+TEST_F(UpdateTest, SecondUpdateWaitsForTheFirstAndTakesItsResult) {
+    WriteFirmwareImage("1.900", "x");
+    std::thread second;
+    std::atomic<pid_t> second_id{0};
+    int result = -1;
+    g_hooks.on_readable = [&, answer = g_hooks.on_readable](int fd, auto limit) {
+        if (!second.joinable()) {
+            second = std::thread([&] {
+                second_id = gettid();
+                result = mcu_update();
+            });
+            while (!IsAsleep(second_id)) sched_yield();
+        }
+        return answer(fd, limit);
+    };
+    EXPECT_EQ(mcu_update(), 0);
+    second.join();
+    EXPECT_EQ(result, 0);
+    const Lines log = Journal();
+    EXPECT_EQ(std::count(log.begin(), log.end(), "I mcu_update enter!"), 1);
 }
 
 TEST_F(UpdateTest, ResetSequenceRunsToItsEndWhateverFails) {
