@@ -86,7 +86,7 @@ int ParseAndRun(int argc, char** argv) {
     app.add_flag("--keep", options.keep, "leave the flash contents (mcusim/) behind at the end");
     app.add_option("--script", options.script,
                    "file of steps \"at 5s hang\" or \"every 1s steps +2\"");
-    std::string trace_path = "-";
+    std::string trace_path;
     const CLI::Option* trace =
         app.add_option("--trace", trace_path,
                        "print every frame in words, to this file or to standard error")
@@ -106,7 +106,7 @@ int ParseAndRun(int argc, char** argv) {
                mcusim::CommandHelp());
     CLI11_PARSE(app, argc, argv);
     if (!commands.empty()) return SendCommands(options.root, commands);
-    if (trace->count() > 0) options.trace = trace_path;
+    if (trace->count() > 0) options.trace = trace_path.empty() ? "-" : trace_path;
     options.machine.boot_delay = mcusim::FromSeconds(boot_delay_sec);
 
     for (const std::string& signal : signals) options.signals.push_back(ParseSignal(signal));

@@ -15,6 +15,7 @@ namespace mcusim {
 namespace {
 
 constexpr double kMaxTimeSec = 7 * 24 * 3600;
+constexpr std::string_view kBlanks = " \t\r";
 
 struct TimeUnit {
     std::string_view name;
@@ -22,12 +23,15 @@ struct TimeUnit {
 };
 constexpr TimeUnit kTimeUnits[] = {{"ms", 0.001}, {"s", 1}, {"m", 60}};
 
-std::string_view WithoutComment(std::string_view line) {
-    for (size_t i = 0; i < line.size(); ++i) {
-        const bool starts = i == 0 || line[i - 1] == ' ' || line[i - 1] == '\t';
-        if (line[i] == '#' && starts) return line.substr(0, i);
+// Without the comment and the blanks at the end.
+std::string_view Content(std::string_view line) {
+    size_t end = line.find('#');
+    while (end != std::string_view::npos && end > 0 &&
+           kBlanks.find(line[end - 1]) == std::string_view::npos) {
+        end = line.find('#', end + 1);
     }
-    return line;
+    line = line.substr(0, end);
+    return line.substr(0, line.find_last_not_of(kBlanks) + 1);
 }
 
 TimePoint ParseTime(std::string_view text) {
@@ -64,9 +68,8 @@ Script::Script(const std::string& path) {
     if (!file) throw std::runtime_error(path + ": cannot be opened");
     std::string line;
     for (int number = 1; std::getline(file, line); ++number) {
-        if (line.ends_with('\r')) line.pop_back();
-        const std::string_view text = WithoutComment(line);
-        if (text.find_first_not_of(" \t") == std::string_view::npos) continue;
+        const std::string_view text = Content(line);
+        if (text.empty()) continue;
         std::string where = fmt::format("{}:{}", path, number);
         try {
             steps_.push_back(ParseStep(text, where));

@@ -216,7 +216,7 @@ void Simulator::Run() {
         ServeInput(now);
         machine_->Advance(now);
         ServeOutput(now);
-        Wait();
+        if (!quit_) Wait();
     }
 }
 
