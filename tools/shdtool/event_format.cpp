@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 
+#include <charconv>
 #include <cmath>
 #include <iterator>
 
@@ -52,6 +53,24 @@ std::string FormatTime(int64_t timestamp_ns) {
 
 std::string FormatSpacing(int64_t spacing_ns) {
     return fmt::format("{:+.3f} ms", static_cast<double>(spacing_ns) / kNsPerMs);
+}
+
+std::string FormatDuration(int64_t duration_ns) {
+    const double seconds = static_cast<double>(duration_ns) / 1e9;
+    if (seconds < 0.9995) return fmt::format("{:.0f} ms", seconds * 1e3);
+    if (seconds < 99.95) return fmt::format("{:.1f} s", seconds);
+    const int64_t minutes = std::llround(seconds) / 60;
+    if (minutes >= 60) return fmt::format("{}h {:02}m", minutes / 60, minutes % 60);
+    return fmt::format("{}m {:02}s", minutes, std::llround(seconds) % 60);
+}
+
+double PlainNumber(double value) {
+    const float narrow = static_cast<float>(value);
+    if (!std::isfinite(value) || static_cast<double>(narrow) != value) return value;
+    const std::string text = fmt::format("{}", narrow);
+    double plain = value;
+    std::from_chars(text.data(), text.data() + text.size(), plain);
+    return plain;
 }
 
 }  // namespace shdtool

@@ -18,4 +18,11 @@ namespace shdtool {
 // "+20.003 ms", the distance of two time stamps.
 [[nodiscard]] std::string FormatSpacing(int64_t spacing_ns);
 
+// "850 ms", "12.3 s", "4m 05s", "3h 12m": a length of time at a glance.
+[[nodiscard]] std::string FormatDuration(int64_t duration_ns);
+
+// An event's value as the shortest decimal that means the same float: 9.801 in place of
+// 9.800999641418457. Counts beyond a float's exact range are kept as they are.
+[[nodiscard]] double PlainNumber(double value);
+
 }  // namespace shdtool

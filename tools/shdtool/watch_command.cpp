@@ -1,61 +1,40 @@
-// shdtool watch: prints events as they come, one line each. Called by main.
-#include <fmt/core.h>
-
-#include <cstdio>
-#include <map>
+// shdtool watch: shows events as they come. Called by main.
 #include <memory>
 
 #include "tools/shdtool/commands.h"
-#include "tools/shdtool/event_format.h"
 #include "tools/shdtool/sensor_argument.h"
-#include "tools/shdtool/watch_loop.h"
+#include "tools/shdtool/watch_options.h"
 
 namespace shdtool {
 namespace {
 
-class LinePrinter : public EventSink {
-  public:
-    void OnEvent(const shdclient::WatchedEvent& event) override {
-        const shdclient::DecodedEvent& decoded = event.decoded;
-        if (decoded.flush_complete) {
-            fmt::print("{:<20}  {}\n", decoded.sensor->name, FormatValues(decoded));
-            return;
-        }
-        std::string spacing = "first";
-        const auto previous = last_ns_.find(decoded.sensor->handle);
-        if (previous != last_ns_.end()) {
-            spacing = FormatSpacing(decoded.timestamp_ns - previous->second);
-        }
-        last_ns_[decoded.sensor->handle] = decoded.timestamp_ns;
-        fmt::print("{:<20}  {:<44}  {:>18}  {:>13}\n", decoded.sensor->name, FormatValues(decoded),
-                   FormatTime(decoded.timestamp_ns), spacing);
-    }
-
-    void OnTick() override { (void)std::fflush(stdout); }
-
-  private:
-    std::map<int32_t, int64_t> last_ns_;
-};
+constexpr const char* kExamples =
+    "  shdtool watch\n"
+    "  shdtool watch accelerometer --rate 50 --batch 10 --enable\n"
+    "  shdtool watch accelerometer gyroscope --plot --window 5\n"
+    "  shdtool watch accelerometer --lines --count 100\n"
+    "  shdtool watch --csv --seconds 60 > events.csv";
 
 }  // namespace
 
 void AddWatchCommand(CLI::App& app, Context& context) {
     CLI::App* watch = AddCommand(
         app, "watch",
-        "Show events as they come, until Ctrl-C. Each line: sensor, values with unit, time stamp "
-        "since boot, spacing to the sensor's previous event",
-        "  shdtool watch\n  shdtool watch accelerometer step-counter --count 100");
+        "Show events as they come, until Ctrl-C; the daemon may come and go meanwhile", kExamples);
+    AddTableLegend(*watch);
     const SensorList sensors = AddSensorList(*watch);
-    auto limits = std::make_shared<WatchLimits>();
-    watch->add_option("--count", limits->max_samples, "End after this many events")
-        ->check(Between(1, 1e15))
-        ->type_name("N");
-    watch->callback([&context, sensors, limits] {
+    const auto view = AddViewOptions(*watch);
+    const auto limits = AddLimitOptions(*watch);
+    const auto sampling = AddPeriodOptions(*watch);
+    AddEnableOptions(*watch, sampling);
+    watch->callback([&context, sensors, view, limits, sampling] {
+        CompleteSampling(*sampling, *sensors);
         shdclient::WatchOptions options;
-        for (const auto* sensor : *sensors) options.handles.push_back(sensor->handle);
-        LinePrinter printer;
-        const auto summary = WatchEvents(context, options, *limits, printer);
-        if (!summary) Fail(context, "watch", summary.error());
+        options.handles = HandlesOf(*sensors);
+        auto sink = MakeView(context, *view, *sampling);
+        const auto end = WatchEvents(context, options, *sampling, *limits, *sink);
+        sink.reset();  // gives the terminal back before anything is said
+        if (!end) Fail(context, "watch", end.error());
     });
 }
 

@@ -1,47 +1,27 @@
-// Drives an EventWatcher and hands its events to a sink. Called by the watching commands.
+// Takes events from the reader thread and hands them to a sink. Called by the watching commands.
 #include "tools/shdtool/watch_loop.h"
 
 #include <fmt/core.h>
-#include <signal.h>
+#include <poll.h>
 
 #include <algorithm>
-#include <csignal>
-#include <cstdio>
+#include <cmath>
+#include <optional>
 #include <vector>
+
+#include "tools/shdtool/watch_reader.h"
+#include "tools/shdtool/watch_signals.h"
 
 namespace shdtool {
 namespace {
 
+using shdclient::Status;
+using shdclient::WatchChange;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-volatile std::sig_atomic_t g_stop = 0;
-
-void RequestStop(int /*signal*/) {
-    g_stop = 1;
-}
-
-// Catches SIGINT and SIGTERM for its lifetime, without restarting the interrupted wait.
-class StopSignals {
-  public:
-    StopSignals() {
-        g_stop = 0;
-        struct sigaction action {};
-        action.sa_handler = RequestStop;
-        sigaction(SIGINT, &action, &old_int_);
-        sigaction(SIGTERM, &action, &old_term_);
-    }
-    ~StopSignals() {
-        sigaction(SIGINT, &old_int_, nullptr);
-        sigaction(SIGTERM, &old_term_, nullptr);
-    }
-    StopSignals(const StopSignals&) = delete;
-    StopSignals& operator=(const StopSignals&) = delete;
-
-  private:
-    struct sigaction old_int_ {};
-    struct sigaction old_term_ {};
-};
+// Events gather this long in the reader, so that a busy hub does not wake this thread for each.
+constexpr int kPauseMs = 5;
 
 milliseconds TimeLeft(const WatchLimits& limits, steady_clock::time_point start) {
     if (limits.duration.count() == 0) return limits.tick;
@@ -50,43 +30,111 @@ milliseconds TimeLeft(const WatchLimits& limits, steady_clock::time_point start)
     return std::clamp(left, milliseconds(0), limits.tick);
 }
 
-}  // namespace
-
-void EventSink::OnChange(shdclient::WatchChange change) {
-    fmt::print(stderr, "shdtool: {}\n",
-               change == shdclient::WatchChange::kLost
-                   ? "the daemon has gone; waiting for it"
-                   : "connected again; events between are lost");
+void TellAboutLosses(const WatchState& state) {
+    if (state.discarded_bytes > 0) {
+        fmt::print(stderr,
+                   "shdtool: events were lost: they came faster than this machine read them, and "
+                   "the daemon cut or left out some ({} bytes of cut records)\n",
+                   state.discarded_bytes);
+    }
+    if (state.overrun_events > 0) {
+        fmt::print(stderr, "shdtool: {} events were lost: the output takes them too slowly\n",
+                   state.overrun_events);
+    }
 }
 
-shdclient::Result<WatchSummary> WatchEvents(const Context& context,
-                                            const shdclient::WatchOptions& options,
-                                            const WatchLimits& limits, EventSink& sink) {
-    shdclient::EventWatcher watcher(context.root, options);
-    const shdclient::Status opened = watcher.Open();
-    if (!opened) return opened.error();
-
-    const StopSignals signals;
-    const steady_clock::time_point start = steady_clock::now();
-    WatchSummary summary;
-    std::vector<shdclient::WatchedEvent> events;
-    while (g_stop == 0) {
-        const milliseconds wait = TimeLeft(limits, start);
-        if (wait.count() == 0) break;
-        events.clear();
-        const auto change = watcher.Poll(wait, events);
-        summary.discarded_bytes = watcher.discarded_bytes();
-        for (const shdclient::WatchedEvent& event : events) {
-            sink.OnEvent(event);
-            if (event.decoded.flush_complete) continue;
-            if (++summary.samples == limits.max_samples) break;
-        }
-        if (!change) return change.error();
-        if (*change != shdclient::WatchChange::kNone) sink.OnChange(*change);
-        sink.OnTick();
-        if (limits.max_samples != 0 && summary.samples >= limits.max_samples) break;
+// One run of the loop.
+class Loop {
+  public:
+    Loop(const Context& context, const shdclient::WatchOptions& options,
+         const SamplingRequest& sampling, const WatchLimits& limits, EventSink& sink)
+        : limits_(limits), sink_(sink), reader_(context.root, options) {
+        if (!sampling.enable) return;
+        enabler_.emplace(context.root, milliseconds(std::llround(context.timeout_sec * 1000)),
+                         sampling);
     }
-    return summary;
+
+    [[nodiscard]] shdclient::Result<WatchState> Run() {
+        const Status started = reader_.Start();
+        if (!started) return started.error();
+        if (enabler_) enabler_->Ask();
+        const StopSignals signals;
+        const steady_clock::time_point start = steady_clock::now();
+        while (!StopSignals::requested() && !full_) {
+            const milliseconds wait = TimeLeft(limits_, start);
+            if (wait.count() == 0) break;
+            const Status done = Round(wait);
+            if (!done) return done.error();
+        }
+        const Status ended = sink_.OnEnd(state_);
+        if (!ended) return ended.error();
+        TellAboutLosses(state_);
+        return state_;
+    }
+
+  private:
+    [[nodiscard]] Status Round(milliseconds wait) {
+        const Status taken = reader_.Take(wait, deliveries_);
+        for (const Delivery& delivery : deliveries_) {
+            Deliver(delivery);
+            if (full_) break;
+        }
+        state_.now_ns = shdclient::BootTimeNs();
+        state_.discarded_bytes = reader_.discarded_bytes();
+        state_.overrun_events = reader_.overrun_events();
+        const Status ticked = sink_.OnTick(state_);
+        if (!ticked) return ticked;
+        if (!taken) return taken;
+        const Status enabled = enabler_ ? enabler_->Check() : shdclient::Success();
+        if (!full_ && !deliveries_.empty()) (void)poll(nullptr, 0, kPauseMs);
+        return enabled;
+    }
+
+    void Deliver(const Delivery& delivery) {
+        if (delivery.change != WatchChange::kNone) {
+            state_.connected = delivery.change == WatchChange::kReconnected;
+            if (state_.connected && enabler_) enabler_->Ask();
+            sink_.OnChange(delivery.change, delivery.event.arrival_ns);
+            return;
+        }
+        sink_.OnEvent(delivery.event);
+        if (delivery.event.decoded.flush_complete) return;
+        full_ = ++state_.samples == limits_.max_samples;
+    }
+
+    const WatchLimits& limits_;
+    EventSink& sink_;
+    EventReader reader_;
+    std::optional<SensorEnabler> enabler_;
+    std::vector<Delivery> deliveries_;
+    WatchState state_;
+    bool full_ = false;
+};
+
+}  // namespace
+
+const char* ChangeText(WatchChange change) {
+    return change == WatchChange::kLost ? "connection to the daemon lost; waiting for it"
+                                        : "connected to the daemon again; events between are lost";
+}
+
+void EventSink::OnChange(WatchChange change, int64_t /*at_ns*/) {
+    fmt::print(stderr, "shdtool: {}\n", ChangeText(change));
+}
+
+Status EventSink::OnTick(const WatchState& /*state*/) {
+    return shdclient::Success();
+}
+
+Status EventSink::OnEnd(const WatchState& /*state*/) {
+    return shdclient::Success();
+}
+
+shdclient::Result<WatchState> WatchEvents(const Context& context,
+                                          const shdclient::WatchOptions& options,
+                                          const SamplingRequest& sampling,
+                                          const WatchLimits& limits, EventSink& sink) {
+    return Loop(context, options, sampling, limits, sink).Run();
 }
 
 }  // namespace shdtool

@@ -7,8 +7,18 @@
 
 #include "tools/client/event_watcher.h"
 #include "tools/shdtool/command.h"
+#include "tools/shdtool/watch_sampling.h"
 
 namespace shdtool {
+
+// Where the loop stands.
+struct WatchState {
+    int64_t now_ns = 0;    // on the clock of the arrival times; in a replay the recording's time
+    uint64_t samples = 0;  // flush-complete events do not count
+    bool connected = true;
+    uint64_t discarded_bytes = 0;  // see EventWatcher
+    uint64_t overrun_events = 0;   // see EventReader
+};
 
 class EventSink {
   public:
@@ -18,11 +28,18 @@ class EventSink {
     virtual void OnEvent(const shdclient::WatchedEvent& event) = 0;
 
     // Never with kNone. The default says it on standard error.
-    virtual void OnChange(shdclient::WatchChange change);
+    virtual void OnChange(shdclient::WatchChange change, int64_t at_ns);
 
     // Called after each round of events and otherwise about every tick, for redrawing and flushing.
-    virtual void OnTick() {}
+    // An error ends the loop.
+    [[nodiscard]] virtual shdclient::Status OnTick(const WatchState& state);
+
+    // The last call, unless the loop ended with an error.
+    [[nodiscard]] virtual shdclient::Status OnEnd(const WatchState& state);
 };
+
+// "connection to the daemon lost; waiting for it" and "connected to the daemon again; ...".
+[[nodiscard]] const char* ChangeText(shdclient::WatchChange change);
 
 struct WatchLimits {
     uint64_t max_samples = 0;               // 0: no limit; flush-complete events do not count
@@ -30,16 +47,13 @@ struct WatchLimits {
     std::chrono::milliseconds tick{200};
 };
 
-struct WatchSummary {
-    uint64_t samples = 0;
-    uint64_t discarded_bytes = 0;  // see EventWatcher
-};
-
 // Blocks until a limit is reached or SIGINT or SIGTERM comes, which both count as success. Fails
-// when there is no daemon at the beginning, or when it goes and the options forbid to reconnect.
-[[nodiscard]] shdclient::Result<WatchSummary> WatchEvents(const Context& context,
-                                                          const shdclient::WatchOptions& options,
-                                                          const WatchLimits& limits,
-                                                          EventSink& sink);
+// when there is no daemon at the beginning, when the sink or the sampling does, and when the
+// daemon goes and the options forbid to reconnect. Events lost for want of speed are told on
+// standard error at the end.
+[[nodiscard]] shdclient::Result<WatchState> WatchEvents(const Context& context,
+                                                        const shdclient::WatchOptions& options,
+                                                        const SamplingRequest& sampling,
+                                                        const WatchLimits& limits, EventSink& sink);
 
 }  // namespace shdtool
