@@ -19,11 +19,16 @@ Application::Application(Signals& signals, Faults& faults, Transmitter& transmit
       faults_(faults),
       transmitter_(transmitter),
       sensors_(signals, transmitter),
-      raw_data_(signals, transmitter) {}
+      raw_data_(signals, transmitter) {
+    PowerCut();
+}
+
+void Application::PowerCut() {
+    log_level_ = kLogLevelWarning;
+}
 
 void Application::Boot(TimePoint now, std::string version) {
     version_ = std::move(version);
-    log_level_ = kLogLevelInfo;
     signals_.PowerOn(now);
     sensors_.Reset();
     raw_data_.Reset();

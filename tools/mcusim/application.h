@@ -29,6 +29,8 @@ class Application {
 
     // Starts afresh with the version text of the firmware found in flash.
     void Boot(TimePoint now, std::string version);
+    // The log level is lost as well; it survives a mere reset.
+    void PowerCut();
     // Runs on after it hung; what arrived and fell due meanwhile is lost.
     void Resume(TimePoint now);
 

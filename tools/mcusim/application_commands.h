@@ -8,7 +8,9 @@
 
 namespace mcusim {
 
-// Levels of the MCU's own log. It starts with kLogLevelInfo.
+// Levels of the MCU's own log. After a power-on it is silent about its boot: a line that nobody
+// asked for would stand in the way of the host's first request.
+inline constexpr int kLogLevelWarning = 2;
 inline constexpr int kLogLevelInfo = 3;
 inline constexpr int kLogLevelDebug = 4;
 

@@ -83,6 +83,7 @@ void Board::PulseReset(TimePoint now) {
 void Board::Brownout(TimePoint now, TimePoint off_for) {
     ++power_cuts_;
     Stop(now, Mode::kOff);
+    application_.PowerCut();
     power_returns_ = true;
     due_ = now + off_for;
 }
