@@ -15,6 +15,7 @@ void AddServiceCommands(CLI::App& app, Context& context);
 void AddMcuCommands(CLI::App& app, Context& context);
 void AddRawCommand(CLI::App& app, Context& context);
 void AddWatchCommand(CLI::App& app, Context& context);
+void AddRecordCommands(CLI::App& app, Context& context);
 void AddStatusCommand(CLI::App& app, Context& context);
 void AddDumpCommands(CLI::App& app, Context& context);
 void AddRawLogCommand(CLI::App& app, Context& context);

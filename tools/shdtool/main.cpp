@@ -55,7 +55,8 @@ struct Family {
 constexpr Family kFamilies[] = {
     {"Overview", shdtool::AddStatusCommand},
     {"Overview", shdtool::AddListCommand},
-    {"Overview", shdtool::AddWatchCommand},
+    {"Events", shdtool::AddWatchCommand},
+    {"Events", shdtool::AddRecordCommands},
     {"Sensors", shdtool::AddSensorCommands},
     {"Sensors", shdtool::AddFlushCommand},
     {"Sensors", shdtool::AddServiceCommands},

@@ -119,7 +119,7 @@ void PlotView::OnEvent(const shdclient::WatchedEvent& event) {
 }
 
 void PlotView::OnChange(shdclient::WatchChange change, int64_t at_ns) {
-    change_ = change;
+    change_ = {change, at_ns};
     for (auto& [key, strip] : strips_) strip.Add({at_ns, kNothing});
     drawn_ = {};
 }
@@ -127,8 +127,10 @@ void PlotView::OnChange(shdclient::WatchChange change, int64_t at_ns) {
 std::string PlotView::StatusLine(const WatchState& state, size_t hidden) const {
     std::string line = fmt::format("{:g} s up to now, {} samples",
                                    static_cast<double>(window_ns_) / kNsPerSec, state.samples);
-    if (change_) line += fmt::format("; {}", ChangeText(*change_));
-    if (strips_.empty() && !change_) line += "; no values yet, is a sensor enabled?";
+    const bool changed = change_ && (change_->first == shdclient::WatchChange::kLost ||
+                                     change_->second > state.now_ns - window_ns_);
+    if (changed) line += fmt::format("; {}", ChangeText(change_->first));
+    if (strips_.empty() && !changed) line += "; no values yet, is a sensor enabled?";
     if (hidden > 0)
         line += fmt::format("; {} more axes: enlarge the window, or name sensors", hidden);
     if (state.discarded_bytes + state.overrun_events > 0) line += "; EVENTS LOST, came too fast";

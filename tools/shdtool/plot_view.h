@@ -60,8 +60,8 @@ class PlotView final : public EventSink {
 
     const int64_t window_ns_;
     Screen screen_;
-    std::map<std::pair<int32_t, size_t>, PlotStrip> strips_;  // by handle and axis
-    std::optional<shdclient::WatchChange> change_;            // the last one
+    std::map<std::pair<int32_t, size_t>, PlotStrip> strips_;            // by handle and axis
+    std::optional<std::pair<shdclient::WatchChange, int64_t>> change_;  // the last, and its time
     std::chrono::steady_clock::time_point drawn_{};
 };
 
