@@ -34,7 +34,7 @@ bool Faults::DropOutgoing() {
 bool Faults::CorruptOutgoing(std::span<uint8_t> frame) {
     if (!Happens(corrupt_)) return false;
     ++corrupted_out_;
-    const uint64_t bit = std::uniform_int_distribution<uint64_t>(0, frame.size() * 8 - 1)(random_);
+    const size_t bit = std::uniform_int_distribution<size_t>(0, frame.size() * 8 - 1)(random_);
     frame[bit / 8] = static_cast<uint8_t>(frame[bit / 8] ^ (1U << (bit % 8)));
     return true;
 }
