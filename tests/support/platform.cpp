@@ -160,8 +160,8 @@ int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
     va_start(args, fmt);
     const int length = std::vsnprintf(text.data(), text.size(), fmt, args);
     va_end(args);
-    AddEntry(tag,
-             kLevels[static_cast<size_t>(prio)] + ("/" + std::string(tag)) + " " + text.data());
+    std::string entry(1, kLevels[static_cast<size_t>(prio)]);
+    AddEntry(tag, entry.append("/").append(tag).append(" ").append(text.data()));
     return length;
 }
 
@@ -179,7 +179,8 @@ int property_set(const char* key, const char* value) {
 }
 
 int socket_local_server(const char* name, int namespace_id, int type) {
-    Note("socket", name + (" " + std::to_string(namespace_id)) + " " + std::to_string(type));
+    const std::string arguments = std::to_string(namespace_id) + " " + std::to_string(type);
+    Note("socket", std::string(name) + " " + arguments);
     return g_hooks.on_local_server ? g_hooks.on_local_server(name) : -1;
 }
 

@@ -40,10 +40,10 @@ struct ControlTest : testing::Test, TestHub {
 // The whole reply: HANDLE COMMAND, then what stands from the result on.
 std::string Reply(const std::string& handle, const std::string& command, const std::string& rest) {
     const auto word = [](const std::string& byte) {
-        return byte == "FF" ? " FF FF FF FF" : " " + byte + " 00 00 00";
+        return " " + byte + (byte == "FF" ? " FF FF FF" : " 00 00 00");
     };
     std::string reply = "10 01 00 00" + word(handle) + " 01 00 00 00" + word(command);
-    if (!rest.empty()) reply += " " + rest;
+    if (!rest.empty()) reply.append(" ").append(rest);
     while (reply.size() < 272 * 3 - 1) reply += " 00";
     return reply;
 }

@@ -201,6 +201,7 @@ TEST_F(LinkHoldTest, KeepsABlockedReaderOffTheLineAndMakesItForget) {
         port.Send(Frame("04 63"));
         while (sink.count < 2) sched_yield();
         EXPECT_EQ(sink.texts, "[a][c]");
+        EndChild();  // with the thread still at work on port and sink
     });
 }
 
