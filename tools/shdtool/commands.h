@@ -16,6 +16,7 @@ void AddMcuCommands(CLI::App& app, Context& context);
 void AddRawCommand(CLI::App& app, Context& context);
 void AddWatchCommand(CLI::App& app, Context& context);
 void AddRecordCommands(CLI::App& app, Context& context);
+void AddAuditCommand(CLI::App& app, Context& context);
 void AddStatusCommand(CLI::App& app, Context& context);
 void AddDumpCommands(CLI::App& app, Context& context);
 void AddRawLogCommand(CLI::App& app, Context& context);

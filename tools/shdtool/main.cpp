@@ -57,6 +57,7 @@ constexpr Family kFamilies[] = {
     {"Overview", shdtool::AddListCommand},
     {"Events", shdtool::AddWatchCommand},
     {"Events", shdtool::AddRecordCommands},
+    {"Events", shdtool::AddAuditCommand},
     {"Sensors", shdtool::AddSensorCommands},
     {"Sensors", shdtool::AddFlushCommand},
     {"Sensors", shdtool::AddServiceCommands},

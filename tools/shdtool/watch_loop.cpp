@@ -75,6 +75,11 @@ class Loop {
   private:
     [[nodiscard]] Status Round(milliseconds wait) {
         const Status taken = reader_.Take(wait, deliveries_);
+        if (enabler_) {
+            const auto enabled = enabler_->Check();
+            if (!enabled) return enabled.error();
+            if (*enabled) sink_.OnEnabled();
+        }
         for (const Delivery& delivery : deliveries_) {
             Deliver(delivery);
             if (full_) break;
@@ -85,9 +90,8 @@ class Loop {
         const Status ticked = sink_.OnTick(state_);
         if (!ticked) return ticked;
         if (!taken) return taken;
-        const Status enabled = enabler_ ? enabler_->Check() : shdclient::Success();
         if (!full_ && !deliveries_.empty()) (void)poll(nullptr, 0, kPauseMs);
-        return enabled;
+        return shdclient::Success();
     }
 
     void Deliver(const Delivery& delivery) {

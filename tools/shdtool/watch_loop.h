@@ -30,6 +30,9 @@ class EventSink {
     // Never with kNone. The default says it on standard error.
     virtual void OnChange(shdclient::WatchChange change, int64_t at_ns);
 
+    // The sampling that was asked for has taken effect, at the beginning or after a reconnection.
+    virtual void OnEnabled() {}
+
     // Called after each round of events and otherwise about every tick, for redrawing and flushing.
     // An error ends the loop.
     [[nodiscard]] virtual shdclient::Status OnTick(const WatchState& state);

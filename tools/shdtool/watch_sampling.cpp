@@ -31,6 +31,7 @@ SensorEnabler::SensorEnabler(const std::string& root, std::chrono::milliseconds 
 void SensorEnabler::Ask() {
     retry_at_.reset();
     failed_ = false;
+    waiting_ = true;
     for (const int32_t handle : sampling_.handles) {
         const auto requests =
             EnableRequests(handle, sampling_.hub_period_ms(), sampling_.batch.value_or(0));
@@ -38,21 +39,20 @@ void SensorEnabler::Ask() {
     }
 }
 
-shdclient::Status SensorEnabler::Check() {
+shdclient::Result<bool> SensorEnabler::Check() {
     for (const HubOutcome& outcome : worker_.TakeOutcomes()) {
         if (outcome.status) continue;
-        if (!succeeded_) return outcome.status;
+        if (!ever_succeeded_) return outcome.status.error();
         failed_ = true;
     }
-    if (worker_.busy()) return shdclient::Success();
-    if (!failed_) {
-        succeeded_ = true;
-    } else if (!retry_at_) {
-        retry_at_ = steady_clock::now() + kRetryAfter;
-    } else if (steady_clock::now() >= *retry_at_) {
-        Ask();
+    if (waiting_ && !worker_.busy()) {
+        waiting_ = false;
+        ever_succeeded_ = ever_succeeded_ || !failed_;
+        if (failed_) retry_at_ = steady_clock::now() + kRetryAfter;
+        return !failed_;
     }
-    return shdclient::Success();
+    if (retry_at_ && steady_clock::now() >= *retry_at_) Ask();
+    return false;
 }
 
 }  // namespace shdtool

@@ -37,15 +37,17 @@ class SensorEnabler {
     // Asks for all sensors; called at each connection.
     void Ask();
 
-    // To be called now and then. Fails when the hub refused the first time; later refusals, as
-    // while the hub is restarting the MCU, are followed by another try after 2 s.
-    [[nodiscard]] shdclient::Status Check();
+    // To be called now and then; true once when all sensors asked for have been switched on. Fails
+    // when the hub refused the first time; later refusals, as while the hub is restarting the MCU,
+    // are followed by another try after 2 s.
+    [[nodiscard]] shdclient::Result<bool> Check();
 
   private:
     const SamplingRequest sampling_;
     HubWorker worker_;
-    bool succeeded_ = false;
-    bool failed_ = false;  // in the requests since the last Ask
+    bool ever_succeeded_ = false;
+    bool waiting_ = false;  // for the outcome of the last Ask
+    bool failed_ = false;   // one of its requests has
     std::optional<std::chrono::steady_clock::time_point> retry_at_;
 };
 
