@@ -65,7 +65,7 @@ void Application::ReplyStatus(const Request& request, uint8_t status, TimePoint 
 // A status stands where this command's reply has it: behind the count or the calibration bytes,
 // else alone.
 void Application::Refuse(const Request& request, uint8_t status, TimePoint at) {
-    const SensorSpec* sensor = FindSensor(request.service);
+    const SensorTraits* sensor = FindSensor(request.service);
     Bytes data;
     if (sensor != nullptr && request.command == kCommandFlush) data.resize(2);
     if (sensor != nullptr && request.command == kCommandCalibration) {

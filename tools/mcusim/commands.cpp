@@ -20,7 +20,7 @@ using std::chrono::milliseconds;
 constexpr int64_t kMaxDelayMs = 3'600'000;
 constexpr int64_t kMaxCount = 1'000'000;
 
-struct CommandSpec {
+struct CommandTraits {
     std::string_view name;
     std::string_view usage;
     std::string_view help;
@@ -149,7 +149,7 @@ CommandAction ParseFlip(CommandArgs& args) {
     return Do([=](CommandContext& context) { context.machine.flash.FlipBit(address, bit); });
 }
 
-constexpr CommandSpec kCommands[] = {
+constexpr CommandTraits kCommands[] = {
     {"help", "", "the commands on one line",
      [](CommandArgs&) -> CommandAction { return [](CommandContext&) { return CommandNames(); }; }},
     {"hang", "[hard]", "stop listening and sending until a reset; hard: until resume", ParseHang},
@@ -212,9 +212,9 @@ constexpr CommandSpec kCommands[] = {
 
 std::string CommandNames() {
     std::string names;
-    for (const CommandSpec& spec : kCommands) {
-        names += fmt::format("{}{}{}{}", names.empty() ? "" : "; ", spec.name,
-                             spec.usage.empty() ? "" : " ", spec.usage);
+    for (const CommandTraits& traits : kCommands) {
+        names += fmt::format("{}{}{}{}", names.empty() ? "" : "; ", traits.name,
+                             traits.usage.empty() ? "" : " ", traits.usage);
     }
     return names;
 }
@@ -224,16 +224,17 @@ std::string CommandNames() {
 CommandAction ParseCommand(std::string_view line) {
     CommandArgs args(line);
     const std::string_view name = args.Word();
-    const auto* spec = std::ranges::find(kCommands, name, &CommandSpec::name);
-    if (spec == std::end(kCommands)) {
+    const auto* traits = std::ranges::find(kCommands, name, &CommandTraits::name);
+    if (traits == std::end(kCommands)) {
         throw CommandError(fmt::format("no command \"{}\"; try help", name));
     }
     try {
-        CommandAction action = spec->parse(args);
+        CommandAction action = traits->parse(args);
         args.ExpectEnd();
         return action;
     } catch (const CommandError& error) {
-        throw CommandError(fmt::format("{} (usage: {} {})", error.what(), spec->name, spec->usage));
+        throw CommandError(
+            fmt::format("{} (usage: {} {})", error.what(), traits->name, traits->usage));
     }
 }
 
@@ -248,8 +249,9 @@ std::string RunCommand(std::string_view line, CommandContext& context) {
 
 std::string CommandHelp() {
     std::string text;
-    for (const CommandSpec& spec : kCommands) {
-        text += fmt::format("  {:42} {}\n", fmt::format("{} {}", spec.name, spec.usage), spec.help);
+    for (const CommandTraits& traits : kCommands) {
+        text += fmt::format("  {:42} {}\n", fmt::format("{} {}", traits.name, traits.usage),
+                            traits.help);
     }
     return text;
 }

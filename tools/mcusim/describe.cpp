@@ -55,7 +55,7 @@ std::string Text(std::span<const uint8_t> bytes) {
 
 // "accelerometer batch", "clock set", "service 99 command 3".
 std::string Target(uint8_t service, uint8_t command) {
-    if (const SensorSpec* sensor = FindSensor(service)) {
+    if (const SensorTraits* sensor = FindSensor(service)) {
         const auto* found = std::ranges::find(kSensorCommands, command, &CommandName::command);
         if (found == std::end(kSensorCommands)) {
             return fmt::format("{} command {}", sensor->name, command);
@@ -107,7 +107,7 @@ std::string DescribeSensorPacket(std::span<const uint8_t> packet) {
         default:
             break;
     }
-    const SensorSpec* sensor = FindSensor(service);
+    const SensorTraits* sensor = FindSensor(service);
     if (packet[1] != kTypeData || sensor == nullptr) return Hex(packet);
     return fmt::format("report {} {} samples {}", sensor->name, data.size() / sensor->sample_bytes,
                        Hex(data));

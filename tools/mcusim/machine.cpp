@@ -94,8 +94,8 @@ std::vector<uint8_t> Machine::Crash(TimePoint now, int pieces, bool ask_for_rese
 std::string Machine::Stats(TimePoint now) const {
     nlohmann::ordered_json sensors;
     for (const SensorBank::Channel& channel : application.sensors().channels()) {
-        sensors[std::string(channel.spec->name)] = {
-            {"id", channel.spec->id},
+        sensors[std::string(channel.traits->name)] = {
+            {"id", channel.traits->id},
             {"active", channel.active},
             {"period_ms", channel.period_ms},
             {"batch", channel.batch},

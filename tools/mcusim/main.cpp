@@ -29,13 +29,14 @@ void FillStandardDescriptors() {
     if (fd >= 0) close(fd);
 }
 
-std::pair<const mcusim::SensorSpec*, std::string> ParseSignal(const std::string& text) {
+std::pair<const mcusim::SensorTraits*, std::string> ParseSignal(const std::string& text) {
     const size_t equals = text.find('=');
-    const mcusim::SensorSpec* sensor = mcusim::FindSensor(std::string_view(text).substr(0, equals));
+    const mcusim::SensorTraits* sensor =
+        mcusim::FindSensor(std::string_view(text).substr(0, equals));
     if (equals == std::string::npos || sensor == nullptr) {
         std::string names;
-        for (const mcusim::SensorSpec& spec : mcusim::Sensors())
-            names += fmt::format(" {}", spec.name);
+        for (const mcusim::SensorTraits& traits : mcusim::Sensors())
+            names += fmt::format(" {}", traits.name);
         throw std::runtime_error(
             fmt::format("--signal {}: write SENSOR=FILE with one of{}", text, names));
     }

@@ -16,7 +16,7 @@ enum Kind : uint8_t { kAccelerometerSamples = 1, kPpgSamples = 5, kSummary = 0xE
 
 constexpr size_t kTransferSizes = 4;
 
-struct LaneSpec {
+struct LaneTraits {
     Stream stream;
     Kind kind;
     uint8_t sensor;                               // whose samples these are
@@ -25,7 +25,7 @@ struct LaneSpec {
     milliseconds period;
 };
 
-constexpr LaneSpec kLaneSpecs[] = {
+constexpr LaneTraits kLaneTraits[] = {
     {kAlgorithm, kSummary, kStepCounter, {1, 1, 1, 1}, 16, milliseconds(1000)},
     {kAlgorithm, kAccelerometerSamples, kAccelerometer, {5, 100, 25, 200}, 509, milliseconds(40)},
     {kHeart, kSummary, kHeartRate, {1, 1, 1, 1}, 16, milliseconds(1000)},
@@ -54,23 +54,23 @@ void RawDataStreams::Gate(bool step_counter_on, bool heart_rate_on, TimePoint no
     const bool algorithm = (type_ & kAlgorithmBit) != 0 && step_counter_on;
     const bool heart = (type_ & kHeartRateBit) != 0 && heart_rate_on;
     for (size_t index = 0; index < kLanes; ++index) {
-        const bool run = kLaneSpecs[index].stream == kAlgorithm ? algorithm : heart;
+        const bool run = kLaneTraits[index].stream == kAlgorithm ? algorithm : heart;
         if (run == lanes_[index].running) continue;
-        lanes_[index] = {run, GridAfter(now, kLaneSpecs[index].period), 0};
+        lanes_[index] = {run, GridAfter(now, kLaneTraits[index].period), 0};
     }
 }
 
 void RawDataStreams::Resume(TimePoint now) {
     for (size_t index = 0; index < kLanes; ++index) {
-        lanes_[index].next_sample = GridAfter(now, kLaneSpecs[index].period);
+        lanes_[index].next_sample = GridAfter(now, kLaneTraits[index].period);
     }
 }
 
 std::optional<TimePoint> RawDataStreams::LaneDue(size_t index) const {
     const Lane& lane = lanes_[index];
     if (!lane.running) return std::nullopt;
-    const LaneSpec& spec = kLaneSpecs[index];
-    return lane.next_sample + (spec.samples[lane.transfer] - 1) * spec.period;
+    const LaneTraits& traits = kLaneTraits[index];
+    return lane.next_sample + (traits.samples[lane.transfer] - 1) * traits.period;
 }
 
 std::optional<TimePoint> RawDataStreams::NextDue() const {
@@ -98,29 +98,29 @@ void RawDataStreams::Advance(TimePoint now) {
 }
 
 void RawDataStreams::SendTransfer(size_t index) {
-    const LaneSpec& spec = kLaneSpecs[index];
+    const LaneTraits& traits = kLaneTraits[index];
     Lane& lane = lanes_[index];
     Bytes content;
     TimePoint at{0};
-    for (int sample = 0; sample < spec.samples[lane.transfer]; ++sample) {
+    for (int sample = 0; sample < traits.samples[lane.transfer]; ++sample) {
         at = lane.next_sample;
-        lane.next_sample += spec.period;
-        AppendSample(content, spec.sensor, signals_.At(spec.sensor, at, spec.period));
+        lane.next_sample += traits.period;
+        AppendSample(content, traits.sensor, signals_.At(traits.sensor, at, traits.period));
     }
     lane.transfer = (lane.transfer + 1) % kTransferSizes;
 
     std::span<const uint8_t> rest(content);
     size_t sent = 0;
     do {
-        sent = std::min(rest.size(), spec.message_content);
+        sent = std::min(rest.size(), traits.message_content);
         SendMessage(index, at, rest.first(sent));
         rest = rest.subspan(sent);
     } while (kHeaderBytes + sent >= kContinuedBytes);
 }
 
 void RawDataStreams::SendMessage(size_t index, TimePoint at, std::span<const uint8_t> content) {
-    const LaneSpec& spec = kLaneSpecs[index];
-    Bytes data = {spec.stream, static_cast<uint8_t>(messages_ & 0xFF), spec.kind};
+    const LaneTraits& traits = kLaneTraits[index];
+    Bytes data = {traits.stream, static_cast<uint8_t>(messages_ & 0xFF), traits.kind};
     data.insert(data.end(), content.begin(), content.end());
     ++messages_;
     (void)transmitter_.Send(at, BuildChannelPacket(kChannelRawData, data),

@@ -21,7 +21,7 @@ TimePoint GridAtOrAfter(TimePoint time, TimePoint period) {
 // Samples to a report. What one report of such a sensor can hold is a single sample, whatever the
 // batch.
 size_t BatchSize(const SensorBank::Channel& channel) {
-    if (channel.spec->reporting != Reporting::kBatched) return 1;
+    if (channel.traits->reporting != Reporting::kBatched) return 1;
     return static_cast<size_t>(std::max(channel.batch, 1));
 }
 
@@ -29,14 +29,14 @@ size_t BatchSize(const SensorBank::Channel& channel) {
 
 SensorBank::SensorBank(Signals& signals, Transmitter& transmitter)
     : signals_(signals), transmitter_(transmitter) {
-    for (const SensorSpec& spec : Sensors()) channels_.emplace_back().spec = &spec;
+    for (const SensorTraits& traits : Sensors()) channels_.emplace_back().traits = &traits;
     Reset();
 }
 
 void SensorBank::Reset() {
     for (Channel& channel : channels_) {
-        Deactivate(channel.spec->id);
-        channel.period_ms = channel.spec->default_period_ms;
+        Deactivate(channel.traits->id);
+        channel.period_ms = channel.traits->default_period_ms;
         channel.batch = 0;
     }
 }
@@ -49,18 +49,18 @@ void SensorBank::Resume(TimePoint now) {
 
 const SensorBank::Channel* SensorBank::Find(uint8_t sensor) const {
     const auto found = std::ranges::find_if(
-        channels_, [sensor](const Channel& channel) { return channel.spec->id == sensor; });
+        channels_, [sensor](const Channel& channel) { return channel.traits->id == sensor; });
     return found == channels_.end() ? nullptr : &*found;
 }
 
 SensorBank::Channel& SensorBank::Get(uint8_t sensor) {
     return *std::ranges::find_if(
-        channels_, [sensor](const Channel& channel) { return channel.spec->id == sensor; });
+        channels_, [sensor](const Channel& channel) { return channel.traits->id == sensor; });
 }
 
 void SensorBank::Schedule(Channel& channel, TimePoint after) {
-    const uint8_t id = channel.spec->id;
-    const Reporting reporting = channel.spec->reporting;
+    const uint8_t id = channel.traits->id;
+    const Reporting reporting = channel.traits->reporting;
     if (reporting == Reporting::kBatched || reporting == Reporting::kSingle) {
         channel.next_sample = GridAfter(after, Period(channel));
         return;
@@ -76,7 +76,7 @@ void SensorBank::Activate(uint8_t sensor, TimePoint now) {
     if (channel.active) return;
     channel.active = true;
     channel.last_sample = now;
-    if (channel.spec->reporting == Reporting::kOnChange) {
+    if (channel.traits->reporting == Reporting::kOnChange) {
         Sample(channel, now);
         Report(channel, now, channel.pending_samples());
     }
@@ -95,7 +95,7 @@ bool SensorBank::SetPeriod(uint8_t sensor, int32_t period_ms, TimePoint now) {
     if (period_ms < 0 || period_ms > kMaxPeriodMs) return false;
     Channel& channel = Get(sensor);
     RunTo(channel, now);
-    channel.period_ms = period_ms == 0 ? channel.spec->default_period_ms : period_ms;
+    channel.period_ms = period_ms == 0 ? channel.traits->default_period_ms : period_ms;
     if (channel.active) Schedule(channel, now);
     return true;
 }
@@ -138,10 +138,10 @@ bool SensorBank::EmitTilt(TimePoint now) {
 
 void SensorBank::Sample(Channel& channel, TimePoint at) {
     const SampleValues values =
-        signals_.At(channel.spec->id, at, at - std::min(channel.last_sample, at));
+        signals_.At(channel.traits->id, at, at - std::min(channel.last_sample, at));
     channel.last_sample = at;
     ++channel.generated;
-    AppendSample(channel.pending, channel.spec->id, values);
+    AppendSample(channel.pending, channel.traits->id, values);
 }
 
 // Takes the channel's samples due by now and sends each batch as it becomes complete.
@@ -157,13 +157,13 @@ void SensorBank::RunTo(Channel& channel, TimePoint now) {
 }
 
 void SensorBank::Report(Channel& channel, TimePoint at, size_t samples) {
-    const size_t sample_bytes = channel.spec->sample_bytes;
+    const size_t sample_bytes = channel.traits->sample_bytes;
     const size_t most = kMaxReportBytes / sample_bytes;
     const std::span<const uint8_t> data(channel.pending);
     for (size_t begin = 0; begin < samples; begin += most) {
         const size_t count = std::min(most, samples - begin);
-        const Bytes packet =
-            BuildReport(channel.spec->id, data.subspan(begin * sample_bytes, count * sample_bytes));
+        const Bytes packet = BuildReport(channel.traits->id,
+                                         data.subspan(begin * sample_bytes, count * sample_bytes));
         if (transmitter_.Send(at, packet, FrameKind::kReport)) {
             channel.sent += count;
             ++channel.reports;

@@ -26,7 +26,7 @@ class SensorBank {
     static constexpr int32_t kMaxBatch = 30'000;
 
     struct Channel {
-        const SensorSpec* spec = nullptr;
+        const SensorTraits* traits = nullptr;
         bool active = false;
         int32_t period_ms = 0;
         int32_t batch = 0;  // samples to a report as commanded
@@ -40,7 +40,9 @@ class SensorBank {
         uint64_t discarded = 0;  // still pending when the sensor was switched off
         uint64_t reports = 0;
 
-        [[nodiscard]] size_t pending_samples() const { return pending.size() / spec->sample_bytes; }
+        [[nodiscard]] size_t pending_samples() const {
+            return pending.size() / traits->sample_bytes;
+        }
     };
 
     // Both must outlive the bank.

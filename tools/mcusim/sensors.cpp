@@ -14,7 +14,7 @@ constexpr double kAccelerometerUnit = 9.801 / 2048;  // m/s^2, full scale 16 g
 constexpr double kGyroscopeUnit = 0.0012211112;      // rad/s, full scale 2300 degrees/s
 constexpr double kPressureUnit = 1.0 / 2048;         // hPa
 
-constexpr SensorSpec kSensors[] = {
+constexpr SensorTraits kSensors[] = {
     {kAccelerometer, 6, 3, 6, 20, Reporting::kBatched, "accelerometer",
      "accelerometer, simulated, +-16 g, 2048 counts per g"},
     {kGyroscope, 6, 3, 4, 20, Reporting::kBatched, "gyroscope",
@@ -58,23 +58,23 @@ void AppendFloats(Bytes& out, std::span<const double> values) {
 
 }  // namespace
 
-std::span<const SensorSpec> Sensors() {
+std::span<const SensorTraits> Sensors() {
     return kSensors;
 }
 
-const SensorSpec* FindSensor(uint8_t id) {
-    const auto* found = std::ranges::find(kSensors, id, &SensorSpec::id);
+const SensorTraits* FindSensor(uint8_t id) {
+    const auto* found = std::ranges::find(kSensors, id, &SensorTraits::id);
     return found == std::end(kSensors) ? nullptr : found;
 }
 
-const SensorSpec* FindSensor(std::string_view name_or_id) {
+const SensorTraits* FindSensor(std::string_view name_or_id) {
     unsigned id = 0;
     const char* end = name_or_id.data() + name_or_id.size();
     if (const auto parsed = std::from_chars(name_or_id.data(), end, id);
         parsed.ec == std::errc() && parsed.ptr == end && id <= 0xFF) {
         return FindSensor(static_cast<uint8_t>(id));
     }
-    const auto* found = std::ranges::find(kSensors, name_or_id, &SensorSpec::name);
+    const auto* found = std::ranges::find(kSensors, name_or_id, &SensorTraits::name);
     return found == std::end(kSensors) ? nullptr : found;
 }
 

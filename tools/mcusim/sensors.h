@@ -37,7 +37,7 @@ enum class Reporting {
 inline constexpr size_t kMaxSampleValues = 5;
 using SampleValues = std::array<double, kMaxSampleValues>;
 
-struct SensorSpec {
+struct SensorTraits {
     uint8_t id;
     uint8_t sample_bytes;
     uint8_t value_count;        // of SampleValues
@@ -48,10 +48,10 @@ struct SensorSpec {
     std::string_view info;
 };
 
-[[nodiscard]] std::span<const SensorSpec> Sensors();
+[[nodiscard]] std::span<const SensorTraits> Sensors();
 // By MCU sensor id or by name; nullptr when there is none.
-[[nodiscard]] const SensorSpec* FindSensor(uint8_t id);
-[[nodiscard]] const SensorSpec* FindSensor(std::string_view name_or_id);
+[[nodiscard]] const SensorTraits* FindSensor(uint8_t id);
+[[nodiscard]] const SensorTraits* FindSensor(std::string_view name_or_id);
 
 // Appends one sample as the MCU sends it: raw units, the chip's axes. Values beyond the range of
 // the wire's fields stop at its ends.

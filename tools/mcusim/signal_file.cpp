@@ -42,7 +42,7 @@ std::optional<std::vector<double>> ParseNumbers(std::string_view line) {
 
 }  // namespace
 
-RecordedSignal LoadSignal(const std::string& path, const SensorSpec& sensor) {
+RecordedSignal LoadSignal(const std::string& path, const SensorTraits& sensor) {
     std::ifstream file(path);
     if (!file) throw std::runtime_error(path + ": cannot be opened");
 

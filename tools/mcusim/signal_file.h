@@ -10,6 +10,6 @@ namespace mcusim {
 // Reads comma-separated rows "time_s,value,..." with as many values, in the units of the daemon's
 // events, as the sensor has, by rising time. Blank lines, lines that begin with # and a heading
 // are skipped. Throws std::runtime_error naming the file and the line.
-[[nodiscard]] RecordedSignal LoadSignal(const std::string& path, const SensorSpec& sensor);
+[[nodiscard]] RecordedSignal LoadSignal(const std::string& path, const SensorTraits& sensor);
 
 }  // namespace mcusim

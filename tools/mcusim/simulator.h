@@ -33,7 +33,7 @@ struct SimulatorOptions {
     std::optional<std::string> script;
     std::optional<std::string> trace;  // a file's name, "-" for standard error
     std::optional<std::string> record;
-    std::vector<std::pair<const SensorSpec*, std::string>> signals;  // sensor, file's name
+    std::vector<std::pair<const SensorTraits*, std::string>> signals;  // sensor, file's name
     MachineOptions machine;
 };
 
