@@ -1,0 +1,49 @@
+#!/bin/bash
+# Measures by hand what a firmware update of 200 KiB takes on the line's real speed, what its bytes
+# need, and what stm32flash takes for the same. Usage: update_timing.sh BINARY_DIRECTORY
+set -euo pipefail
+
+readonly kPayloadBytes=204800 kBlockBytes=256 kBaud=115200 kBitsPerByte=11 kEraseMs=4000
+readonly kWordProgramUs=16 kSettleMs=2012 # what mcusim takes; the daemon's wait after the update
+bin=${1:?usage: update_timing.sh BINARY_DIRECTORY}
+work=$(mktemp -d)
+root=$work/root
+trap 'kill $(jobs -p) 2>/dev/null; wait; rm -rf "$work"' EXIT
+
+# await FILE TEXT
+await() { timeout 120 sh -c "until grep -q '$2' '$1'; do sleep 0.05; done"; }
+
+# logged TEXT: the milliseconds of the day at which the daemon logged it.
+logged() {
+    grep -m 1 "$1" "$work/shd.log" |
+        awk '{ split($2, t, /[:.]/); print ((t[1] * 60 + t[2]) * 60 + t[3]) * 1000 + t[4] }'
+}
+
+flash() { stm32flash -m 8n1 "$@" "$root/dev/ttyHSL1" >"$work/stm32flash.log" 2>&1; }
+
+head -c "$kPayloadBytes" /dev/urandom >"$work/payload"
+"$bin/mcusim" --root "$root" >"$work/mcusim.log" 2>&1 </dev/null &
+await "$work/mcusim.log" ready
+"$bin/shdtool" image build --version TIME.900.1 --payload "$work/payload" -o "$work/mcu.bin"
+mv "$work/mcu.bin" "$root/system/bin/mcu.bin"
+SHD_ROOT=$root "$bin/shd" 2>"$work/shd.log" >/dev/null &
+shd=$!
+await "$work/shd.log" 'mcu_update ok!'
+kill "$shd"
+measured=$(($(logged 'mcu_update ok!') - $(logged 'mcu_update enter!') - kSettleMs))
+cmp -n "$kPayloadBytes" "$root/mcusim/flash.bin" "$work/payload"
+
+blocks=$((kPayloadBytes / kBlockBytes))
+bytes=$((9 + blocks * (2 + 5 + kBlockBytes + 2 + 3))) # handshake and erase; each block, three ACKs
+needed=$((bytes * kBitsPerByte * 1000 / kBaud + kEraseMs))
+needed=$((needed + kPayloadBytes / 4 * kWordProgramUs / 1000))
+awk -v m="$measured" -v n="$needed" 'BEGIN { printf "shd: %d ms; its bytes, erase and programming need %d ms: %+.1f %%\n", m, n, (m / n - 1) * 100 }'
+
+for setting in 'boot0 1' 'reset 0' 'reset 1'; do
+    printf '%s' "${setting#* }" >"$root/proc/mcu/gpio_mcu_${setting% *}"
+    sleep 0.1
+done
+start=$(date +%s%3N)
+flash -o
+flash -c -e 0 -w "$work/payload"
+echo "stm32flash: $(($(date +%s%3N) - start)) ms for the mass erase and the same payload"
