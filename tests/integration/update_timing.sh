@@ -24,7 +24,7 @@ flash() { stm32flash -m 8n1 "$@" "$root/dev/ttyHSL1" >"$work/stm32flash.log" 2>&
 head -c "$kPayloadBytes" /dev/urandom >"$work/payload"
 "$bin/mcusim" --root "$root" >"$work/mcusim.log" 2>&1 </dev/null &
 await "$work/mcusim.log" ready
-"$bin/shdtool" image build --version TIME.900.1 --payload "$work/payload" -o "$work/mcu.bin"
+"$bin/shdtool" image build --version TIME.900.1 --payload "$work/payload" -o "$work/mcu.bin" >/dev/null
 mv "$work/mcu.bin" "$root/system/bin/mcu.bin"
 SHD_ROOT=$root "$bin/shd" 2>"$work/shd.log" >/dev/null &
 shd=$!
@@ -36,14 +36,15 @@ cmp -n "$kPayloadBytes" "$root/mcusim/flash.bin" "$work/payload"
 blocks=$((kPayloadBytes / kBlockBytes))
 bytes=$((9 + blocks * (2 + 5 + kBlockBytes + 2 + 3))) # handshake and erase; each block, three ACKs
 needed=$((bytes * kBitsPerByte * 1000 / kBaud + kEraseMs))
-needed=$((needed + kPayloadBytes / 4 * kWordProgramUs / 1000))
+needed=$((needed + kPayloadBytes * kWordProgramUs / 4000))
 awk -v m="$measured" -v n="$needed" 'BEGIN { printf "shd: %d ms; its bytes, erase and programming need %d ms: %+.1f %%\n", m, n, (m / n - 1) * 100 }'
 
-for setting in 'boot0 1' 'reset 0' 'reset 1'; do
-    printf '%s' "${setting#* }" >"$root/proc/mcu/gpio_mcu_${setting% *}"
-    sleep 0.1
-done
 start=$(date +%s%3N)
+for setting in 'boot0 1 0' 'reset 0 0.02' 'reset 1 0.08'; do # the daemon's own pauses
+    read -r pin level pause <<<"$setting"
+    printf '%s' "$level" >"$root/proc/mcu/gpio_mcu_$pin"
+    sleep "$pause"
+done
 flash -o
 flash -c -e 0 -w "$work/payload"
-echo "stm32flash: $(($(date +%s%3N) - start)) ms for the mass erase and the same payload"
+echo "stm32flash: $(($(date +%s%3N) - start)) ms for the reset, the mass erase and the same payload"

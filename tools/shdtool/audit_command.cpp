@@ -257,7 +257,9 @@ void AddAuditCommand(CLI::App& app, Context& context) {
     CLI::App* audit = AddCommand(
         app, "audit",
         "Check the time stamps of a recording or of the live stream: order, spacing, gaps, "
-        "duplicates, samples from the future, flushes. Exit status 1 when something is wrong",
+        "duplicates, samples from the future, flushes. Without --period or --rate the period is "
+        "the median spacing, or that of longer stretches where samples come in bursts. Exit status "
+        "1 when something is wrong",
         "  shdtool audit walk.shdrec\n"
         "  shdtool audit walk.shdrec --sensor accelerometer --rate 50 --max-jitter 5\n"
         "  shdtool audit --seconds 10 --sensor accelerometer --rate 50 --batch 10 --enable\n"

@@ -49,7 +49,7 @@ void AppendSpacing(const AuditReport& report, const SpacingVerdict& spacing, std
                    "\n  spacing   mean {:.3f} ms, {:+.2f} % off the period of {:.3f} ms ({}); "
                    "{:.3f} to {:.3f} ms, jitter {:.3f} ms",
                    Ms(spacing.mean_ns), off * 100, Ms(spacing.period_ns),
-                   report.period_given ? "given" : "the median", Ms(spacing.shortest_ns),
+                   report.period_given ? "given" : "measured", Ms(spacing.shortest_ns),
                    Ms(spacing.longest_ns), Ms(spacing.jitter_ns));
     fmt::format_to(std::back_inserter(text), "\n  gaps      {} ({} samples missing), {} late",
                    spacing.gaps, spacing.missing, spacing.late);
@@ -98,7 +98,7 @@ Json SpacingJson(const AuditReport& report, const SpacingVerdict& spacing) {
         histogram.push_back(std::move(one));
     }
     return {{"period_ns", spacing.period_ns},
-            {"period_from", report.period_given ? "option" : "median"},
+            {"period_from", report.period_given ? "option" : "measured"},
             {"mean_ns", spacing.mean_ns},
             {"shortest_ns", spacing.shortest_ns},
             {"longest_ns", spacing.longest_ns},

@@ -5,12 +5,13 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iterator>
 
 namespace shdtool {
 namespace {
 
 constexpr double kNsPerMs = 1e6;
-constexpr int64_t kInterruption = 0;
+constexpr int64_t kInterruption = INT64_MIN;
 
 double Ms(double ns) {
     return ns / kNsPerMs;
@@ -60,18 +61,6 @@ void FindSpacingFaults(const AuditLimits& limits, SensorVerdict& verdict) {
     }
 }
 
-// Of the spacings above 0; 0 when there is none.
-int64_t Median(const std::vector<int64_t>& spacings) {
-    std::vector<int64_t> sorted;
-    sorted.reserve(spacings.size());
-    std::copy_if(spacings.begin(), spacings.end(), std::back_inserter(sorted),
-                 [](int64_t spacing) { return spacing != kInterruption; });
-    if (sorted.empty()) return 0;
-    const auto middle = sorted.begin() + static_cast<std::ptrdiff_t>(sorted.size() / 2);
-    std::nth_element(sorted.begin(), middle, sorted.end());
-    return *middle;
-}
-
 }  // namespace
 
 void SensorAudit::AddSample(int64_t timestamp_ns, int64_t arrival_ns) {
@@ -81,12 +70,11 @@ void SensorAudit::AddSample(int64_t timestamp_ns, int64_t arrival_ns) {
     counts_.duration_ns = timestamp_ns - *first_ns_;
     if (last_ns_) {
         const int64_t spacing_ns = timestamp_ns - *last_ns_;
-        if (spacing_ns > 0) {
-            spacings_.push_back(spacing_ns);
-        } else if (spacing_ns < 0) {
+        spacings_.push_back(spacing_ns);
+        if (spacing_ns < 0) {
             ++counts_.backwards;
             counts_.worst_backwards_ns = std::max(counts_.worst_backwards_ns, -spacing_ns);
-        } else if (!sensor_.is_virtual) {
+        } else if (spacing_ns == 0 && !sensor_.is_virtual) {
             ++counts_.duplicates;
         }
     }
@@ -110,27 +98,34 @@ void SensorAudit::Interrupt() {
 }
 
 std::optional<SpacingVerdict> SensorAudit::JudgeSpacing() const {
-    const int64_t median_ns = Median(spacings_);
-    if (median_ns == 0 || !IsPeriodic(sensor_)) return std::nullopt;
+    std::vector<int64_t> measured;
+    measured.reserve(spacings_.size());
+    std::copy_if(spacings_.begin(), spacings_.end(), std::back_inserter(measured),
+                 [](int64_t spacing) { return spacing != kInterruption; });
+    if (measured.empty() || !IsPeriodic(sensor_)) return std::nullopt;
     SpacingVerdict verdict;
-    verdict.period_ns = limits_.period_ns.value_or(median_ns);
-    verdict.shortest_ns = INT64_MAX;
+    const int64_t apparent_ns = ApparentPeriod(measured);
+    const int64_t gap_period_ns = GapPeriod(limits_.period_ns, apparent_ns);
+    verdict.period_ns = limits_.period_ns.value_or(apparent_ns);
+    if (verdict.period_ns <= 0) return std::nullopt;
+    verdict.shortest_ns = measured.front();
+    verdict.longest_ns = measured.front();
     GapCounter gaps(limits_.gap_factor);
     double sum = 0;
-    double squares = 0;  // of the deviations from the median
+    double squares = 0;  // of the deviations from the period
     double count = 0;
     for (const int64_t spacing_ns : spacings_) {
         if (spacing_ns == kInterruption) {
             gaps.Finish();
             continue;
         }
-        const double deviation = static_cast<double>(spacing_ns - median_ns);
+        const double deviation = static_cast<double>(spacing_ns - verdict.period_ns);
         sum += deviation;
         squares += deviation * deviation;
         ++count;
         verdict.shortest_ns = std::min(verdict.shortest_ns, spacing_ns);
         verdict.longest_ns = std::max(verdict.longest_ns, spacing_ns);
-        gaps.Add(spacing_ns, verdict.period_ns);
+        gaps.Add(spacing_ns, gap_period_ns);
         const double periods =
             static_cast<double>(spacing_ns) / static_cast<double>(verdict.period_ns);
         const auto* end = std::upper_bound(kSpacingClasses.begin(), kSpacingClasses.end(), periods);
@@ -138,7 +133,7 @@ std::optional<SpacingVerdict> SensorAudit::JudgeSpacing() const {
     }
     gaps.Finish();
     const double mean_deviation = sum / count;
-    verdict.mean_ns = static_cast<double>(median_ns) + mean_deviation;
+    verdict.mean_ns = static_cast<double>(verdict.period_ns) + mean_deviation;
     verdict.jitter_ns = std::sqrt(std::max(squares / count - mean_deviation * mean_deviation, 0.0));
     verdict.gaps = gaps.gaps();
     verdict.missing = gaps.missing();

@@ -14,18 +14,18 @@
 namespace shdtool {
 
 struct AuditLimits {
-    std::optional<int64_t> period_ns;  // empty: the median of the spacings
-    double mean_tolerance = 0.05;      // of a given period
+    std::optional<int64_t> period_ns = {};  // empty: see ApparentPeriod
+    double mean_tolerance = 0.05;           // of a given period
     double gap_factor = GapCounter::kDefaultFactor;
     uint64_t max_gaps = 0;
-    std::optional<int64_t> max_jitter_ns;
+    std::optional<int64_t> max_jitter_ns = {};
     int64_t future_tolerance_ns = 0;
 };
 
 // Upper ends of the histogram's classes, in periods; the last class has none.
 inline constexpr std::array<double, 7> kSpacingClasses{0.5, 0.9, 0.98, 1.02, 1.1, 1.5, 2.5};
 
-// Spacings above 0, of a sensor whose samples follow a period.
+// Of a sensor whose samples follow a period. Spacings below 0 belong to samples that go backwards.
 struct SpacingVerdict {
     int64_t period_ns = 0;
     double mean_ns = 0;
@@ -80,7 +80,7 @@ class SensorAudit {
     std::optional<int64_t> last_ns_;  // empty after an interruption
     double delay_sum_ns_ = 0;
     SensorVerdict counts_;           // what can be counted as samples come
-    std::vector<int64_t> spacings_;  // above 0, and 0 for each interruption
+    std::vector<int64_t> spacings_;  // and a mark for each interruption
 };
 
 }  // namespace shdtool

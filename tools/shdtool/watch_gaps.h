@@ -1,8 +1,10 @@
-// Tells samples that are missing from samples that only came late. Used by the live statistics and
-// by the audit.
+// Tells samples that are missing from samples that only came late, and finds the period that both
+// are measured against. Used by the live statistics and by the audit.
 #pragma once
 
 #include <cstdint>
+#include <optional>
+#include <span>
 
 #include "tools/client/sensor_info.h"
 
@@ -18,21 +20,31 @@ class GapCounter {
     // A spacing of more than factor periods is long.
     explicit GapCounter(double factor = kDefaultFactor) : factor_(factor) {}
 
-    // The next distance of two samples, above 0.
+    // The next distance of two samples, of whatever sign; the period is above 0.
     void Add(int64_t spacing_ns, int64_t period_ns);
 
     // Nothing follows: what was not made up for until here is missing.
     void Finish();
 
+    // A gap is a run of long spacings, for the stamps spread a lost batch over the next one.
     [[nodiscard]] uint64_t gaps() const { return gaps_; }
     [[nodiscard]] uint64_t missing() const { return missing_; }  // samples, over all gaps
-    [[nodiscard]] uint64_t late() const { return late_; }        // long spacings made up for
+    [[nodiscard]] uint64_t late() const { return late_; }        // such runs that were made up for
+
+    // gaps() and what would be gaps if nothing followed: at once what gaps() says later.
+    [[nodiscard]] uint64_t presumed_gaps() const {
+        return gaps_ + (lag_ < factor_ - 1 ? 0 : delays_);
+    }
 
   private:
+    void Close();
+
     const double factor_;
-    double deficit_ = 0;    // periods too many in the spacing under watch; 0: there is none
-    int64_t patience_ = 0;  // spacings that may still make up for it
-    uint64_t long_spacings_ = 0;
+    double lag_ = 0;  // periods, since the first spacing under watch
+    double worst_lag_ = 0;
+    uint64_t delays_ = 0;  // under watch; 0: there is nothing to make up for
+    bool was_long_ = false;
+    int64_t patience_ = 0;  // samples that may still make up for it
     uint64_t gaps_ = 0;
     uint64_t missing_ = 0;
     uint64_t late_ = 0;
@@ -41,5 +53,15 @@ class GapCounter {
 // False for sensors whose samples follow what happens (steps, gestures, the daemon's own sensors)
 // and not a period: their spacing says nothing.
 [[nodiscard]] bool IsPeriodic(const shdclient::SensorInfo& sensor);
+
+// The period that samples of these spacings seem to have: their median, which missing samples do
+// not move. Where a quarter of them is below half the median, the samples come in bursts, and the
+// median says nothing: then the median of the means of longer stretches. Not above 0 when there is
+// none.
+[[nodiscard]] int64_t ApparentPeriod(std::span<const int64_t> spacings_ns);
+
+// What gaps are measured against: the period that the samples have, since a sensor that runs a
+// little fast or slow loses nothing; but what was asked for when that is more than 10 % off.
+[[nodiscard]] int64_t GapPeriod(std::optional<int64_t> asked_ns, int64_t apparent_ns);
 
 }  // namespace shdtool

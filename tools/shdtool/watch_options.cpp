@@ -24,7 +24,7 @@ constexpr const char* kTableLegend =
     "The table:\n"
     "  RATE     of the time stamps over the last 5 s\n"
     "  ASKED    what --rate or --period says, for the daemon does not tell what it was asked for;\n"
-    "           without them, in brackets, the median of the time stamps\n"
+    "           without them, in brackets, what the time stamps seem to have (the median)\n"
     "  JITTER   standard deviation of the spacing\n"
     "  BATCH    samples that arrive together\n"
     "  AGE      time since the last sample arrived\n"

@@ -13,17 +13,9 @@ constexpr size_t kMinWindow = 16;
 constexpr size_t kMaxWindow = 8192;
 constexpr size_t kBatchesKept = 15;
 
-// The median is looked up anew after so many spacings; below the first it says too little.
-constexpr uint64_t kMedianFirst = 8;
-constexpr uint64_t kMedianEvery = 64;
-
-template <typename Container>
-auto MedianOf(const Container& values) {
-    std::vector<typename Container::value_type> sorted(values.begin(), values.end());
-    const auto middle = sorted.begin() + static_cast<std::ptrdiff_t>(sorted.size() / 2);
-    std::nth_element(sorted.begin(), middle, sorted.end());
-    return *middle;
-}
+// The period is looked for anew after so many spacings; below the first it says too little.
+constexpr uint64_t kPeriodFirst = 8;
+constexpr uint64_t kPeriodEvery = 64;
 
 }  // namespace
 
@@ -59,10 +51,10 @@ void SensorStats::AddSpacing(int64_t spacing_ns) {
         spacings_.pop_front();
     }
     ++spacings_seen_;
-    if (spacings_seen_ == kMedianFirst || spacings_seen_ % kMedianEvery == 0) {
-        median_ns_ = MedianOf(spacings_);
+    if (spacings_seen_ == kPeriodFirst || spacings_seen_ % kPeriodEvery == 0) {
+        period_ns_ = Period();
     }
-    const int64_t period_ns = asked_ns_.value_or(median_ns_);
+    const int64_t period_ns = GapPeriod(asked_ns_, period_ns_);
     if (period_ns > 0) gaps_.Add(spacing_ns, period_ns);
 }
 
@@ -83,7 +75,7 @@ std::optional<SpacingStats> SensorStats::spacing() const {
     const double count = static_cast<double>(spacings_.size());
     SpacingStats stats{};
     stats.mean_ns = static_cast<double>(spacings_sum_ns_) / count;
-    stats.median_ns = static_cast<double>(MedianOf(spacings_));
+    stats.period_ns = static_cast<double>(Period());
     double squares = 0;
     for (const int64_t spacing_ns : spacings_) {
         const double deviation = static_cast<double>(spacing_ns) - stats.mean_ns;
@@ -93,8 +85,16 @@ std::optional<SpacingStats> SensorStats::spacing() const {
     return stats;
 }
 
+int64_t SensorStats::Period() const {
+    return ApparentPeriod(std::vector<int64_t>(spacings_.begin(), spacings_.end()));
+}
+
 size_t SensorStats::batch() const {
-    return batches_.empty() ? 0 : MedianOf(batches_);
+    if (batches_.empty()) return 0;
+    std::vector<size_t> sorted(batches_.begin(), batches_.end());
+    const auto middle = sorted.begin() + static_cast<std::ptrdiff_t>(sorted.size() / 2);
+    std::nth_element(sorted.begin(), middle, sorted.end());
+    return *middle;
 }
 
 }  // namespace shdtool

@@ -15,14 +15,15 @@ namespace shdtool {
 // Of the spacings within the last 5 s of samples, or of the last 16 when those are slower.
 struct SpacingStats {
     double mean_ns;
-    double median_ns;
+    double period_ns;  // see ApparentPeriod
     double jitter_ns;  // standard deviation
 };
 
 // Not thread-safe. Memory is bounded: at most 8,192 spacings.
 class SensorStats {
   public:
-    // asked_ns: the spacing that was asked for; without it gaps are measured against the median.
+    // asked_ns: the spacing that was asked for; without it gaps are measured against the
+    // period that the samples seem to have.
     SensorStats(const shdclient::SensorInfo& sensor, std::optional<int64_t> asked_ns)
         : sensor_(sensor), asked_ns_(asked_ns) {}
 
@@ -50,6 +51,7 @@ class SensorStats {
   private:
     void AddSpacing(int64_t spacing_ns);
     void CountBatch(const shdclient::WatchedEvent& event);
+    [[nodiscard]] int64_t Period() const;
 
     const shdclient::SensorInfo& sensor_;
     const std::optional<int64_t> asked_ns_;
@@ -61,7 +63,7 @@ class SensorStats {
     std::deque<int64_t> spacings_;
     int64_t spacings_sum_ns_ = 0;
     uint64_t spacings_seen_ = 0;
-    int64_t median_ns_ = 0;  // as of the last look, 0: too few spacings
+    int64_t period_ns_ = 0;  // as of the last look, 0: too few spacings
     GapCounter gaps_;
 
     size_t batch_fill_ = 0;

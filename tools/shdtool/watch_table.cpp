@@ -25,11 +25,11 @@ std::string RateText(double spacing_ns) {
     return fmt::format("{:.2f}", kNsPerSec / spacing_ns);
 }
 
-// Bare when it was asked for, in brackets when it is the median of what came.
+// Bare when it was asked for, in brackets when it is what the samples seem to have.
 std::string AskedText(const SensorStats& sensor, const std::optional<SpacingStats>& spacing) {
     if (sensor.asked_ns()) return RateText(static_cast<double>(*sensor.asked_ns()));
     if (!spacing) return "-";
-    return fmt::format("({})", RateText(spacing->median_ns));
+    return fmt::format("({})", RateText(spacing->period_ns));
 }
 
 std::string StatsRow(const SensorStats& sensor, int64_t now_ns) {
@@ -40,7 +40,8 @@ std::string StatsRow(const SensorStats& sensor, int64_t now_ns) {
                        spacing ? fmt::format("{:.3f}", spacing->jitter_ns / kNsPerMs) : "-",
                        sensor.batch() > 0 ? fmt::format("{}", sensor.batch()) : "-",
                        sensor.last() ? FormatDuration(now_ns - sensor.last()->arrival_ns) : "-",
-                       sensor.samples(), periodic ? fmt::format("{}", sensor.gaps().gaps()) : "-");
+                       sensor.samples(),
+                       periodic ? fmt::format("{}", sensor.gaps().presumed_gaps()) : "-");
 }
 
 std::string ValuesText(const SensorStats& sensor) {
@@ -71,7 +72,7 @@ std::vector<std::string> TableLines(const std::map<int32_t, SensorStats>& sensor
     }
     if (measured) {
         lines.emplace_back();
-        lines.emplace_back("(Hz): not asked, but the median of the time stamps; see --rate");
+        lines.emplace_back("(Hz): not asked, but what the time stamps seem to have; see --rate");
     }
     return lines;
 }
