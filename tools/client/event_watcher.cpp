@@ -65,13 +65,15 @@ Result<WatchChange> EventWatcher::ReadEvents(std::vector<WatchedEvent>& events) 
 }
 
 WatchChange EventWatcher::TryToReconnect(std::chrono::milliseconds timeout) {
-    for (;;) {
-        if (Open()) return WatchChange::kReconnected;
+    // The pause comes first: a daemon that is being killed may still take connections when it has
+    // closed ours.
+    do {
         const auto pause = std::min(timeout, kReconnectInterval);
-        if (poll(nullptr, 0, static_cast<int>(pause.count())) < 0) return WatchChange::kNone;
+        if (poll(nullptr, 0, static_cast<int>(pause.count())) < 0) break;
+        if (Open()) return WatchChange::kReconnected;
         timeout -= pause;
-        if (timeout.count() <= 0) return WatchChange::kNone;
-    }
+    } while (timeout.count() > 0);
+    return WatchChange::kNone;
 }
 
 }  // namespace shdclient
