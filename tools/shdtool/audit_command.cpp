@@ -228,7 +228,7 @@ void AddLimitsOfFaults(CLI::App& audit, const std::shared_ptr<AuditRequest>& req
         ->check(Between(1.01, kMaxFactor))
         ->type_name("X");
     audit.add_option("--max-gaps", limits.max_gaps, "Gaps that are no fault yet (0)")
-        ->check(Between(0, 1e15))
+        ->check(Between(0, 1e9))
         ->type_name("N");
     AddScaled(audit, "--max-jitter", limits.max_jitter_ns, kNsPerMs, kMaxMs, "MS",
               "Standard deviation of the spacing that is no fault yet (any)");
@@ -257,9 +257,7 @@ void AddAuditCommand(CLI::App& app, Context& context) {
     CLI::App* audit = AddCommand(
         app, "audit",
         "Check the time stamps of a recording or of the live stream: order, spacing, gaps, "
-        "duplicates, samples from the future, flushes. Without --period or --rate the period is "
-        "the median spacing, or that of longer stretches where samples come in bursts. Exit status "
-        "1 when something is wrong",
+        "duplicates, samples from the future, flushes. Exit status 1 when something is wrong",
         "  shdtool audit walk.shdrec\n"
         "  shdtool audit walk.shdrec --sensor accelerometer --rate 50 --max-jitter 5\n"
         "  shdtool audit --seconds 10 --sensor accelerometer --rate 50 --batch 10 --enable\n"

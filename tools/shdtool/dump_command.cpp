@@ -129,13 +129,13 @@ void Decode(Context& context, const DecodeArguments& arguments) {
 }
 
 void AddDecode(CLI::App& dump, Context& context) {
-    CLI::App* decode =
-        AddCommand(dump, "decode", "Turn the base64 text of a dump back into its bytes",
-                   "  shdtool dump decode /data/mcudumplog/mcudumpbase64.1 -o crash.bin\n"
-                   "  shdtool dump decode 0 | od -Ax -tx1z | less",
-                   "A damaged text is decoded up to the damage and its place is named; the exit "
-                   "status is then 1.\n"
-                   "The files mcudump_N hold the raw bytes already.");
+    CLI::App* decode = AddCommand(
+        dump, "decode", "Turn the base64 text of a dump back into its bytes",
+        "  shdtool dump decode \"$SHD_ROOT/data/mcudumplog/mcudumpbase64.1\" -o crash.bin\n"
+        "  shdtool dump decode 0 | od -Ax -tx1z | less",
+        "A damaged text is decoded up to the damage and its place is named; the exit "
+        "status is then 1.\n"
+        "The files mcudump_N hold the raw bytes already.");
     auto arguments = std::make_shared<DecodeArguments>();
     decode->add_option("FILE", arguments->file, "the text, or the number of a slot (0 to 5)")
         ->required()

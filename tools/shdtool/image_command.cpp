@@ -199,7 +199,7 @@ void AddShow(CLI::App& app, CLI::App& group) {
 void AddImageCommands(CLI::App& app) {
     CLI::App* group = app.add_subcommand("image", "Build and examine the firmware image mcu.bin");
     group->require_subcommand(1);
-    group->footer("Example:\n  shdtool image show /system/bin/mcu.bin");
+    group->footer("Example:\n  shdtool image show \"$SHD_ROOT/system/bin/mcu.bin\"");
     AddBuild(app, *group);
     AddShow(app, *group);
 }

@@ -35,15 +35,20 @@ void AddGlobalOptions(CLI::App& app, shdtool::Context& context) {
 }
 
 std::string UsageError(const CLI::App* app, const CLI::Error& error) {
-    if (app->get_subcommands().empty() && error.get_name() == "RequiredError") {
-        const std::vector<std::string> words = app->remaining();
-        const std::string complaint =
-            words.empty() ? "name a command" : fmt::format("there is no command '{}'", words[0]);
-        return fmt::format("shdtool: {}; 'shdtool --help' lists them\n", complaint);
+    const std::vector<std::string> unknown = app->remaining(true);
+    std::string command = app->get_name();
+    while (!app->get_subcommands().empty()) {
+        app = app->get_subcommands().front();
+        command += " " + app->get_name();
     }
-    std::string command = "shdtool";
-    for (const CLI::App* sub : app->get_subcommands()) command += " " + sub->get_name();
-    return fmt::format("shdtool: {}\nsee '{} --help'\n", error.what(), command);
+    const bool is_group = !app->get_subcommands({}).empty();
+    if (is_group && error.get_name() == "RequiredError") {
+        const std::string complaint =
+            unknown.empty() ? "name a command"
+                            : fmt::format("there is no command '{}'", unknown.front());
+        return fmt::format("shdtool: {}; '{} --help' lists them\n", complaint, command);
+    }
+    return fmt::format("shdtool: {}; see '{} --help'\n", error.what(), command);
 }
 
 // The command families in the order of the help, each under its heading.

@@ -51,6 +51,7 @@ class PlotView final : public EventSink {
 
     void OnEvent(const shdclient::WatchedEvent& event) override;
     void OnChange(shdclient::WatchChange change, int64_t at_ns) override;
+    void OnSilence() override {}  // the page says it
     [[nodiscard]] shdclient::Status OnTick(const WatchState& state) override;
     [[nodiscard]] shdclient::Status OnEnd(const WatchState& state) override;
 

@@ -83,9 +83,11 @@ void AddRawCommand(CLI::App& app, Context& context) {
                    "A negative number goes behind --, as in: shdtool raw -- 0 -1");
     auto arguments = std::make_shared<RawArguments>();
     command->add_option("HANDLE", arguments->handle, "sensor handle, any number")
+        ->check(Between(INT32_MIN, INT32_MAX))
         ->required()
         ->type_name("");
     command->add_option("COMMAND", arguments->command, "command id, any number")
+        ->check(Between(INT32_MIN, INT32_MAX))
         ->required()
         ->type_name("");
     command->add_option("HEX", arguments->words, "up to 16 argument bytes")->type_name("");

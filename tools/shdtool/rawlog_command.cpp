@@ -106,8 +106,8 @@ void ShowLog(Context& context, const std::string& path, bool csv) {
 void AddRawLogCommand(CLI::App& app, Context& context) {
     CLI::App* command =
         AddCommand(app, "rawlog", "Summarise a raw-data log, or turn it into columns",
-                   "  shdtool rawlog /data/logdata/sensor/hrm.txt\n"
-                   "  shdtool rawlog /data/logdata/sensor/alg.txt --csv > alg.csv",
+                   "  shdtool rawlog \"$SHD_ROOT/data/logdata/sensor/hrm.txt\"\n"
+                   "  shdtool rawlog \"$SHD_ROOT/data/logdata/sensor/alg.txt\" --csv > alg.csv",
                    "FILE is alg.txt or hrm.txt of /data/logdata/sensor. Damaged lines are left out "
                    "and the first is\n"
                    "named; the exit status is then 1.");

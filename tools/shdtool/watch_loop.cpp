@@ -65,6 +65,7 @@ class Loop {
             if (wait.count() == 0) break;
             const Status done = Round(wait);
             if (!done) return done.error();
+            TellAboutSilence(steady_clock::now() - start);
         }
         const Status ended = sink_.OnEnd(state_);
         if (!ended) return ended.error();
@@ -106,6 +107,13 @@ class Loop {
         full_ = ++state_.samples == limits_.max_samples;
     }
 
+    void TellAboutSilence(steady_clock::duration elapsed) {
+        constexpr std::chrono::seconds kSilence{3};
+        if (told_ || elapsed < kSilence) return;
+        told_ = true;
+        if (state_.samples == 0 && state_.connected) sink_.OnSilence();
+    }
+
     const WatchLimits& limits_;
     EventSink& sink_;
     EventReader reader_;
@@ -113,6 +121,7 @@ class Loop {
     std::vector<Delivery> deliveries_;
     WatchState state_;
     bool full_ = false;
+    bool told_ = false;
 };
 
 }  // namespace
@@ -124,6 +133,10 @@ const char* ChangeText(WatchChange change) {
 
 void EventSink::OnChange(WatchChange change, int64_t /*at_ns*/) {
     fmt::print(stderr, "shdtool: {}\n", ChangeText(change));
+}
+
+void EventSink::OnSilence() {
+    fmt::print(stderr, "shdtool: no sample came so far; is a sensor enabled?\n");
 }
 
 Status EventSink::OnTick(const WatchState& /*state*/) {

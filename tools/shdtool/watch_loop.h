@@ -33,6 +33,9 @@ class EventSink {
     // The sampling that was asked for has taken effect, at the beginning or after a reconnection.
     virtual void OnEnabled() {}
 
+    // The first seconds have brought no sample. The default says it on standard error.
+    virtual void OnSilence();
+
     // Called after each round of events and otherwise about every tick, for redrawing and flushing.
     // An error ends the loop.
     [[nodiscard]] virtual shdclient::Status OnTick(const WatchState& state);

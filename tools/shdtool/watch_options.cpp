@@ -11,7 +11,7 @@
 namespace shdtool {
 namespace {
 
-constexpr double kMaxCount = 1e15;
+constexpr double kMaxCount = 1e9;
 constexpr double kMaxSeconds = 1e7;
 constexpr double kMinPeriodMs = 0.001;
 constexpr double kMaxPeriodMs = 3'600'000;
@@ -103,7 +103,9 @@ std::shared_ptr<SamplingRequest> AddPeriodOptions(CLI::App& command) {
     CLI::Option* period = command
                               .add_option_function<double>(
                                   "--period", [sampling](double ms) { sampling->period_ms = ms; },
-                                  "Period in milliseconds that the samples are measured against")
+                                  "Period in milliseconds that the samples are measured against "
+                                  "(else their median spacing, or that of longer stretches where "
+                                  "they come in bursts)")
                               ->check(Between(kMinPeriodMs, kMaxPeriodMs))
                               ->type_name("MS");
     command

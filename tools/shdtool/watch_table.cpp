@@ -116,6 +116,10 @@ std::vector<std::string> TableView::Page(const WatchState& state, size_t columns
     return page;
 }
 
+void TableView::OnSilence() {
+    if (!terminal_) EventSink::OnSilence();  // else the page says it
+}
+
 shdclient::Status TableView::OnTick(const WatchState& state) {
     const auto now = std::chrono::steady_clock::now();
     if (!terminal_ || now - drawn_ < kRedrawInterval) return shdclient::Success();
