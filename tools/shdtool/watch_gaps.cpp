@@ -62,13 +62,23 @@ void GapCounter::Add(int64_t spacing_ns, int64_t period_ns) {
 
 void GapCounter::Finish() {
     if (delays_ == 0) return;
-    if (lag_ < factor_ - 1) {
+    const uint64_t presumed = PresumedMissing();
+    if (presumed == 0) {
         late_ += delays_;
     } else {
-        gaps_ += delays_;
-        missing_ += static_cast<uint64_t>(std::max<int64_t>(std::llround(lag_), 1));
+        gaps_ += std::min(delays_, presumed);
+        missing_ += presumed;
     }
     Close();
+}
+
+uint64_t GapCounter::presumed_gaps() const {
+    return gaps_ + std::min(delays_, PresumedMissing());
+}
+
+uint64_t GapCounter::PresumedMissing() const {
+    if (delays_ == 0 || lag_ < factor_ - 1) return 0;
+    return static_cast<uint64_t>(std::max<int64_t>(std::llround(lag_), 1));
 }
 
 void GapCounter::Close() {

@@ -32,11 +32,10 @@ class GapCounter {
     [[nodiscard]] uint64_t late() const { return late_; }        // such runs that were made up for
 
     // gaps() and what would be gaps if nothing followed: at once what gaps() says later.
-    [[nodiscard]] uint64_t presumed_gaps() const {
-        return gaps_ + (lag_ < factor_ - 1 ? 0 : delays_);
-    }
+    [[nodiscard]] uint64_t presumed_gaps() const;
 
   private:
+    [[nodiscard]] uint64_t PresumedMissing() const;
     void Close();
 
     const double factor_;
