@@ -1,5 +1,5 @@
 // The audit's verdicts, the live statistics and the recording's file.
-#include "tools/shdtool/audit_sensor.h"
+#include "tools/shdtool/recording/audit_sensor.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "tools/shdtool/record_file.h"
-#include "tools/shdtool/watch_stats.h"
-#include "tools/shdtool/watch_table.h"
+#include "tools/shdtool/recording/record_file.h"
+#include "tools/shdtool/watch/stats.h"
+#include "tools/shdtool/watch/table.h"
 
 namespace shdtool {
 namespace {

@@ -3,9 +3,9 @@
 
 #include <string>
 
-#include "tools/shdtool/dump_text.h"
+#include "tools/shdtool/files/dump_text.h"
+#include "tools/shdtool/files/rawlog.h"
 #include "tools/shdtool/hex.h"
-#include "tools/shdtool/rawlog.h"
 #include "tools/shdtool/status_checks.h"
 
 namespace shdtool {

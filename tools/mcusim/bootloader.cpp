@@ -9,7 +9,7 @@ namespace mcusim {
 namespace {
 
 constexpr uint8_t kHandshake = 0x7F;
-constexpr size_t kRamSizeBytes = 128 * 1024;
+constexpr size_t kRamSizeBytes = size_t{128} * 1024;
 
 }  // namespace
 

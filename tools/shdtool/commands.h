@@ -20,6 +20,7 @@ void AddAuditCommand(CLI::App& app, Context& context);
 void AddStatusCommand(CLI::App& app, Context& context);
 void AddDumpCommands(CLI::App& app, Context& context);
 void AddRawLogCommand(CLI::App& app, Context& context);
+void AddImageCommands(CLI::App& app, Context& context);
 
 // Completes all commands, also those that are added after it.
 void AddCompletionCommand(CLI::App& app, Context& context);

@@ -10,7 +10,6 @@
 
 #include "tools/client/local_socket.h"
 #include "tools/shdtool/commands.h"
-#include "tools/shdtool/image_command.h"
 
 namespace {
 
@@ -58,20 +57,13 @@ struct Family {
 };
 
 constexpr Family kFamilies[] = {
-    {"Overview", shdtool::AddStatusCommand},
-    {"Overview", shdtool::AddListCommand},
-    {"Events", shdtool::AddWatchCommand},
-    {"Events", shdtool::AddRecordCommands},
-    {"Events", shdtool::AddAuditCommand},
-    {"Sensors", shdtool::AddSensorCommands},
-    {"Sensors", shdtool::AddFlushCommand},
-    {"Sensors", shdtool::AddServiceCommands},
-    {"MCU and daemon", shdtool::AddMcuCommands},
-    {"MCU and daemon", shdtool::AddRawCommand},
-    {"Files", shdtool::AddDumpCommands},
-    {"Files", shdtool::AddRawLogCommand},
-    {"Files", [](CLI::App& app, shdtool::Context& /*context*/) { shdtool::AddImageCommands(app); }},
-    {"Shell", shdtool::AddCompletionCommand},
+    {"Overview", shdtool::AddStatusCommand},     {"Overview", shdtool::AddListCommand},
+    {"Events", shdtool::AddWatchCommand},        {"Events", shdtool::AddRecordCommands},
+    {"Events", shdtool::AddAuditCommand},        {"Sensors", shdtool::AddSensorCommands},
+    {"Sensors", shdtool::AddFlushCommand},       {"Sensors", shdtool::AddServiceCommands},
+    {"MCU and daemon", shdtool::AddMcuCommands}, {"MCU and daemon", shdtool::AddRawCommand},
+    {"Files", shdtool::AddDumpCommands},         {"Files", shdtool::AddRawLogCommand},
+    {"Files", shdtool::AddImageCommands},        {"Shell", shdtool::AddCompletionCommand},
 };
 
 void AddCommands(CLI::App& app, shdtool::Context& context) {

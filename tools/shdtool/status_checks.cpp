@@ -11,9 +11,9 @@
 #include <cstring>
 
 #include "tools/client/local_socket.h"
-#include "tools/shdtool/dump_store.h"
-#include "tools/shdtool/file_io.h"
-#include "tools/shdtool/image_check.h"
+#include "tools/shdtool/files/dump_store.h"
+#include "tools/shdtool/files/file_io.h"
+#include "tools/shdtool/files/image_check.h"
 
 namespace shdtool {
 namespace {

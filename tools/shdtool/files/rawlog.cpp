@@ -1,0 +1,83 @@
+// Parsing of raw-data log lines and their form as columns. Called by the rawlog command.
+#include "tools/shdtool/files/rawlog.h"
+
+#include <fmt/format.h>
+
+#include <charconv>
+
+namespace shdtool {
+namespace {
+
+// What a line of each kind looks like: its words with a number behind each, then perhaps a time.
+struct LineForm {
+    RawLogKind kind;
+    std::string_view name;
+    std::string_view pattern;  // '#' stands for a number
+    bool has_time;
+    size_t first_column;  // of its values, behind line, kind and time
+};
+
+constexpr std::array<LineForm, kRawLogKinds> kForms{{
+    {RawLogKind::kSteps, "steps", "steps #", true, 0},
+    {RawLogKind::kHeartRate, "heart-rate", "bpm # status #", true, 1},
+    {RawLogKind::kAcc, "acc", "1 # # #", false, 3},
+    {RawLogKind::kPpg, "ppg", "5 # # # # #", false, 6},
+    {RawLogKind::kBegin, "begin", "heartrate begin", true, 0},
+    {RawLogKind::kEnd, "end", "heartrate end", true, 0},
+}};
+
+constexpr std::array<std::string_view, 11> kValueColumns{
+    "steps", "bpm", "status", "x", "y", "z", "ppg1", "ppg2", "ppg3", "ppg4", "ppg5"};
+
+constexpr std::string_view kTimeMark = " time:";
+
+// Matches the pattern and takes the numbers; what is left of the line must be empty.
+bool Match(std::string_view pattern, std::string_view text, RawLogLine& line) {
+    for (const char c : pattern) {
+        if (c != '#') {
+            if (text.empty() || text.front() != c) return false;
+            text.remove_prefix(1);
+            continue;
+        }
+        int32_t& value = line.values[line.value_count];
+        const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+        if (error != std::errc()) return false;
+        text.remove_prefix(static_cast<size_t>(end - text.data()));
+        ++line.value_count;
+    }
+    return text.empty();
+}
+
+}  // namespace
+
+std::optional<RawLogLine> ParseRawLogLine(std::string_view text) {
+    const size_t mark = text.find(kTimeMark);
+    const bool has_time = mark != std::string_view::npos;
+    std::string_view time = has_time ? text.substr(mark + kTimeMark.size()) : "";
+    time = time.substr(0, time.find_last_not_of(' ') + 1);
+    for (const LineForm& form : kForms) {
+        RawLogLine line{form.kind, time, {}, 0};
+        if (form.has_time == has_time && Match(form.pattern, text.substr(0, mark), line)) {
+            return line;
+        }
+    }
+    return std::nullopt;
+}
+
+std::string_view RawLogKindName(RawLogKind kind) {
+    return kForms[static_cast<size_t>(kind)].name;
+}
+
+std::string RawLogCsvHeader() {
+    return fmt::format("line,kind,time,{}", fmt::join(kValueColumns, ","));
+}
+
+std::string RawLogCsvRow(size_t line_number, const RawLogLine& line) {
+    std::array<std::string, kValueColumns.size()> cells;
+    const size_t first = kForms[static_cast<size_t>(line.kind)].first_column;
+    for (size_t i = 0; i < line.value_count; ++i) cells[first + i] = std::to_string(line.values[i]);
+    return fmt::format("{},{},{},{}", line_number, RawLogKindName(line.kind), line.time,
+                       fmt::join(cells, ","));
+}
+
+}  // namespace shdtool

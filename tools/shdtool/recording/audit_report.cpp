@@ -1,0 +1,186 @@
+// Formats the outcome of an audit. Called by the audit.
+#include "tools/shdtool/recording/audit_report.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <iterator>
+
+#include "tools/shdtool/sensor_argument.h"
+
+namespace shdtool {
+namespace {
+
+constexpr double kNsPerMs = 1e6;
+constexpr double kNsPerSec = 1e9;
+constexpr size_t kBarColumns = 40;
+
+template <typename T>
+double Ms(T ns) {
+    return static_cast<double>(ns) / kNsPerMs;
+}
+
+std::string Joined(const std::vector<std::string>& parts) {
+    return fmt::format("{}", fmt::join(parts, "; "));
+}
+
+std::string ClassName(size_t index) {
+    if (index == 0) return fmt::format("below {:g} %", kSpacingClasses[0] * 100);
+    const double from = kSpacingClasses[index - 1] * 100;
+    if (index == kSpacingClasses.size()) return fmt::format("from {:g} %", from);
+    return fmt::format("{:g} .. {:g} %", from, kSpacingClasses[index] * 100);
+}
+
+void AppendHistogram(const SpacingVerdict& spacing, std::string& text) {
+    const uint64_t most = *std::max_element(spacing.histogram.begin(), spacing.histogram.end());
+    text += "\n  spacing as a share of the period";
+    for (size_t i = 0; i < spacing.histogram.size(); ++i) {
+        const uint64_t count = spacing.histogram[i];
+        // Rounded up, so that a single sample still shows.
+        const auto bar = static_cast<size_t>((count * kBarColumns + most - 1) / most);
+        fmt::format_to(std::back_inserter(text), "\n    {:>14} {:>9}{}{}", ClassName(i), count,
+                       bar > 0 ? "  " : "", std::string(bar, '#'));
+    }
+}
+
+void AppendSpacing(const AuditReport& report, const SpacingVerdict& spacing, std::string& text) {
+    const double off = spacing.mean_ns / static_cast<double>(spacing.period_ns) - 1;
+    fmt::format_to(std::back_inserter(text),
+                   "\n  spacing   mean {:.3f} ms, {:+.2f} % off the period of {:.3f} ms ({}); "
+                   "{:.3f} to {:.3f} ms, jitter {:.3f} ms",
+                   Ms(spacing.mean_ns), off * 100, Ms(spacing.period_ns),
+                   report.period_given ? "given" : "measured", Ms(spacing.shortest_ns),
+                   Ms(spacing.longest_ns), Ms(spacing.jitter_ns));
+    fmt::format_to(std::back_inserter(text), "\n  gaps      {} ({} samples missing), {} late",
+                   spacing.gaps, spacing.missing, spacing.late);
+}
+
+std::string FlushText(const SensorReport& sensor) {
+    if (!sensor.flushes) return fmt::format("{} flush-complete events", sensor.flush_complete);
+    const FlushCounts& counts = *sensor.flushes;
+    std::string text = fmt::format("{} sent, {} complete", counts.sent, counts.completed);
+    if (counts.missed > 0) text += fmt::format(", {} without end", counts.missed);
+    if (counts.refused > 0) text += fmt::format(", {} refused", counts.refused);
+    if (counts.open > 0) text += ", one still under way at the end";
+    if (counts.unasked > 0) text += fmt::format("; {} of others", counts.unasked);
+    return text;
+}
+
+void AppendSensor(const AuditReport& report, const SensorReport& sensor, std::string& text) {
+    const SensorVerdict& verdict = sensor.verdict;
+    auto out = std::back_inserter(text);
+    const bool ok = verdict.faults.empty();
+    fmt::format_to(out, "{}: {}", sensor.sensor->name,
+                   ok ? "ok" : "FAULT: " + Joined(verdict.faults));
+    if (verdict.samples > 0) {
+        const double seconds = static_cast<double>(verdict.duration_ns) / kNsPerSec;
+        fmt::format_to(out, "\n  samples   {} in {:.3f} s", verdict.samples, seconds);
+        if (verdict.spacing) AppendSpacing(report, *verdict.spacing, text);
+        fmt::format_to(out, "\n  order     {} backwards, {} duplicates, {} in the future",
+                       verdict.backwards, verdict.duplicates, verdict.future);
+        fmt::format_to(
+            out, "\n  arrival   {:.3f} to {:.3f} ms after the time stamp, mean {:.3f} ms",
+            Ms(verdict.shortest_delay_ns), Ms(verdict.longest_delay_ns), Ms(verdict.mean_delay_ns));
+    }
+    if (sensor.flushes || sensor.flush_complete > 0) {
+        fmt::format_to(out, "\n  flushes   {}", FlushText(sensor));
+    }
+    if (verdict.spacing) AppendHistogram(*verdict.spacing, text);
+    text += '\n';
+}
+
+Json SpacingJson(const AuditReport& report, const SpacingVerdict& spacing) {
+    Json histogram = Json::array();
+    for (size_t i = 0; i < spacing.histogram.size(); ++i) {
+        Json one{{"from", i == 0 ? 0.0 : kSpacingClasses[i - 1]}};
+        if (i < kSpacingClasses.size()) one["below"] = kSpacingClasses[i];
+        one["count"] = spacing.histogram[i];
+        histogram.push_back(std::move(one));
+    }
+    return {{"period_ns", spacing.period_ns},
+            {"period_from", report.period_given ? "option" : "measured"},
+            {"mean_ns", spacing.mean_ns},
+            {"shortest_ns", spacing.shortest_ns},
+            {"longest_ns", spacing.longest_ns},
+            {"jitter_ns", spacing.jitter_ns},
+            {"gaps", spacing.gaps},
+            {"missing", spacing.missing},
+            {"late", spacing.late},
+            {"histogram", std::move(histogram)}};
+}
+
+Json SensorJson(const AuditReport& report, const SensorReport& sensor) {
+    const SensorVerdict& verdict = sensor.verdict;
+    Json object = SensorFields(*sensor.sensor);
+    object["ok"] = verdict.faults.empty();
+    object["faults"] = verdict.faults;
+    object["samples"] = verdict.samples;
+    object["duration_ns"] = verdict.duration_ns;
+    object["backwards"] = verdict.backwards;
+    object["duplicates"] = verdict.duplicates;
+    object["future"] = verdict.future;
+    object["delay_ns"] = {{"shortest", verdict.shortest_delay_ns},
+                          {"mean", verdict.mean_delay_ns},
+                          {"longest", verdict.longest_delay_ns}};
+    if (verdict.spacing) object["spacing"] = SpacingJson(report, *verdict.spacing);
+    object["flush_complete"] = sensor.flush_complete;
+    if (sensor.flushes) {
+        const FlushCounts& counts = *sensor.flushes;
+        object["flushes"] = {{"sent", counts.sent},     {"completed", counts.completed},
+                             {"missed", counts.missed}, {"refused", counts.refused},
+                             {"open", counts.open},     {"unasked", counts.unasked}};
+    }
+    return object;
+}
+
+}  // namespace
+
+void AuditReport::JudgeFlushes(SensorReport& sensor) {
+    if (!sensor.flushes) return;
+    const FlushCounts& counts = *sensor.flushes;
+    if (counts.missed > 0) {
+        sensor.verdict.faults.push_back(fmt::format(
+            "{} of {} flushes without a flush-complete event", counts.missed, counts.sent));
+    }
+    if (counts.refused > 0) {
+        sensor.verdict.faults.push_back(fmt::format("{} of {} flushes refused ({})", counts.refused,
+                                                    counts.sent, counts.refusal));
+    }
+}
+
+bool AuditReport::ok() const {
+    return stream_faults.empty() &&
+           std::all_of(sensors.begin(), sensors.end(),
+                       [](const SensorReport& sensor) { return sensor.verdict.faults.empty(); });
+}
+
+std::string AuditText(const AuditReport& report) {
+    std::string text;
+    size_t faulty = 0;
+    for (const SensorReport& sensor : report.sensors) {
+        AppendSensor(report, sensor, text);
+        if (!sensor.verdict.faults.empty()) ++faulty;
+    }
+    if (!report.stream_faults.empty()) {
+        text += "stream: FAULT: " + Joined(report.stream_faults) + '\n';
+    }
+    const size_t count = report.sensors.size();
+    const std::string sensors = fmt::format("{} sensor{}", count, count == 1 ? "" : "s");
+    return text + (report.ok()
+                       ? fmt::format("ok: {}", sensors)
+                       : fmt::format("FAULT: {} of {}{}", faulty, sensors,
+                                     report.stream_faults.empty() ? "" : ", and the stream"));
+}
+
+Json AuditJson(const AuditReport& report) {
+    Json sensors = Json::array();
+    for (const SensorReport& sensor : report.sensors) {
+        sensors.push_back(SensorJson(report, sensor));
+    }
+    return {{"ok", report.ok()},
+            {"command", "audit"},
+            {"faults", report.stream_faults},
+            {"sensors", std::move(sensors)}};
+}
+
+}  // namespace shdtool

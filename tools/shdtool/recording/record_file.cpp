@@ -1,0 +1,292 @@
+// Writes and reads recordings. Called by record, replay and audit.
+#include "tools/shdtool/recording/record_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <string_view>
+#include <utility>
+
+namespace shdtool {
+namespace {
+
+using shdclient::Error;
+using shdclient::ErrorCode;
+using shdclient::WatchChange;
+
+constexpr std::string_view kMagic{"SHDREC\x1a\n", 8};
+constexpr uint32_t kVersion = 1;
+constexpr size_t kHeaderBytes = 32;
+constexpr size_t kVersionOffset = 8;
+constexpr size_t kBeginOffset = 16;
+constexpr size_t kEpochOffset = 24;
+
+constexpr uint8_t kFlushComplete = 0x40;
+constexpr uint8_t kLost = 0x80;
+constexpr uint8_t kReconnected = 0x81;
+constexpr uint8_t kEnd = 0xFF;
+constexpr uint8_t kHandleMask = 0x3F;
+
+constexpr int kNumberBits = 7;
+constexpr uint8_t kMoreFollows = 0x80;
+
+void AppendNumber(std::vector<uint8_t>& out, uint64_t number) {
+    while (number >= kMoreFollows) {
+        out.push_back(static_cast<uint8_t>(number | kMoreFollows));
+        number >>= kNumberBits;
+    }
+    out.push_back(static_cast<uint8_t>(number));
+}
+
+// a - b as a signed number; wraps around, as the reader's addition does.
+void AppendDifference(std::vector<uint8_t>& out, int64_t a, int64_t b) {
+    const uint64_t difference = static_cast<uint64_t>(a) - static_cast<uint64_t>(b);
+    const uint64_t sign = static_cast<int64_t>(difference) < 0 ? ~uint64_t{0} : 0;
+    AppendNumber(out, difference << 1 ^ sign);
+}
+
+int64_t Add(int64_t a, int64_t b) {
+    return static_cast<int64_t>(static_cast<uint64_t>(a) + static_cast<uint64_t>(b));
+}
+
+int64_t Subtract(int64_t a, int64_t b) {
+    return static_cast<int64_t>(static_cast<uint64_t>(a) - static_cast<uint64_t>(b));
+}
+
+int64_t EpochTimeNs() {
+    constexpr int64_t kNsPerSec = 1'000'000'000;
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return int64_t{now.tv_sec} * kNsPerSec + now.tv_nsec;
+}
+
+}  // namespace
+
+shdclient::Result<RecordWriter> RecordWriter::Create(const std::string& path, bool replace) {
+    constexpr mode_t kMode = 0666;
+    const int flags = O_WRONLY | O_CREAT | O_CLOEXEC | (replace ? O_TRUNC : O_EXCL);
+    UniqueFd fd(open(path.c_str(), flags, kMode));
+    if (!fd.valid() && errno == EEXIST) {
+        return Error{ErrorCode::kInvalidArgument,
+                     path + " exists; name another file, or replace it with --force"};
+    }
+    if (!fd.valid()) {
+        return Error{ErrorCode::kInvalidArgument,
+                     "cannot make " + path + ": " + std::strerror(errno)};
+    }
+    RecordWriter writer(std::move(fd), path);
+    writer.arrival_ns_ = shdclient::BootTimeNs();
+    const int64_t epoch_ns = EpochTimeNs();
+    writer.pending_.resize(kHeaderBytes);
+    uint8_t* header = writer.pending_.data();
+    std::memcpy(header, kMagic.data(), kMagic.size());
+    std::memcpy(header + kVersionOffset, &kVersion, sizeof(kVersion));
+    std::memcpy(header + kBeginOffset, &writer.arrival_ns_, sizeof(writer.arrival_ns_));
+    std::memcpy(header + kEpochOffset, &epoch_ns, sizeof(epoch_ns));
+    return writer;
+}
+
+void RecordWriter::Begin(uint8_t kind, int64_t arrival_ns) {
+    pending_.push_back(kind);
+    AppendDifference(pending_, arrival_ns, arrival_ns_);
+    arrival_ns_ = arrival_ns;
+}
+
+void RecordWriter::Add(const Delivery& delivery) {
+    ++entries_;
+    const shdclient::WatchedEvent& event = delivery.event;
+    if (delivery.change != WatchChange::kNone) {
+        Begin(delivery.change == WatchChange::kLost ? kLost : kReconnected, event.arrival_ns);
+        return;
+    }
+    const shdclient::SensorInfo& sensor = *event.decoded.sensor;
+    const auto handle = static_cast<uint8_t>(sensor.handle);
+    if (event.decoded.flush_complete) {
+        Begin(kFlushComplete | handle, event.arrival_ns);
+        return;
+    }
+    Begin(handle, event.arrival_ns);
+    AppendDifference(pending_, event.arrival_ns, event.record.timestamp);
+    pending_.insert(pending_.end(), event.record.data, event.record.data + sensor.data_bytes);
+}
+
+shdclient::Status RecordWriter::Flush() {
+    for (size_t done = 0; done < pending_.size();) {
+        const ssize_t count = write(fd_.get(), pending_.data() + done, pending_.size() - done);
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) {
+            return Error{ErrorCode::kSystem,
+                         "cannot write to " + path_ + ": " + std::strerror(errno)};
+        }
+        done += static_cast<size_t>(count);
+        written_ += static_cast<uint64_t>(count);
+    }
+    pending_.clear();
+    return shdclient::Success();
+}
+
+shdclient::Status RecordWriter::Close() {
+    Begin(kEnd, arrival_ns_);
+    AppendNumber(pending_, entries_);
+    const shdclient::Status flushed = Flush();
+    if (!flushed) return flushed;
+    if (fsync(fd_.get()) != 0 && errno != EINVAL && errno != EROFS) {  // pipes cannot
+        return Error{ErrorCode::kSystem,
+                     "cannot write " + path_ + " to the disk: " + std::strerror(errno)};
+    }
+    return shdclient::Success();
+}
+
+void RecordWriter::Discard() {
+    (void)unlink(path_.c_str());
+}
+
+shdclient::Result<RecordReader> RecordReader::Open(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    if (!file) {
+        return Error{ErrorCode::kInvalidArgument,
+                     "cannot open " + path + ": " + std::strerror(errno)};
+    }
+    std::array<char, kHeaderBytes> header{};
+    file.read(header.data(), header.size());
+    if (!std::string_view(header.data(), header.size()).starts_with(kMagic)) {
+        return Error{ErrorCode::kInvalidArgument,
+                     path + " is no recording of 'shdtool record': it begins differently"};
+    }
+    if (file.gcount() != static_cast<std::streamsize>(kHeaderBytes)) {
+        return Error{ErrorCode::kInvalidArgument, path + " ends within its first 32 bytes"};
+    }
+    uint32_t version = 0;
+    std::memcpy(&version, header.data() + kVersionOffset, sizeof(version));
+    if (version != kVersion) {
+        return Error{ErrorCode::kInvalidArgument,
+                     path + " is a recording of version " + std::to_string(version) +
+                         "; this shdtool reads version " + std::to_string(kVersion)};
+    }
+    RecordReader reader(std::move(file), path);
+    std::memcpy(&reader.begin_ns_, header.data() + kBeginOffset, sizeof(reader.begin_ns_));
+    std::memcpy(&reader.epoch_ns_, header.data() + kEpochOffset, sizeof(reader.epoch_ns_));
+    reader.arrival_ns_ = reader.begin_ns_;
+    reader.position_ = kHeaderBytes;
+    return reader;
+}
+
+bool RecordReader::ReadByte(uint8_t& byte) {
+    const auto next = file_.rdbuf()->sbumpc();
+    if (next == std::ifstream::traits_type::eof()) return false;
+    byte = static_cast<uint8_t>(next);
+    ++position_;
+    return true;
+}
+
+bool RecordReader::ReadNumber(uint64_t& number) {
+    constexpr int kBits = 64;
+    number = 0;
+    for (int shift = 0; shift < kBits; shift += kNumberBits) {
+        uint8_t byte = 0;
+        if (!ReadByte(byte)) return false;
+        number |= static_cast<uint64_t>(byte & (kMoreFollows - 1)) << shift;
+        if ((byte & kMoreFollows) == 0) return true;
+    }
+    Damaged("holds a number of more than 64 bits");
+    return false;
+}
+
+bool RecordReader::ReadSigned(int64_t& number) {
+    uint64_t folded = 0;
+    if (!ReadNumber(folded)) return false;
+    number = static_cast<int64_t>(folded >> 1 ^ (~(folded & 1) + 1));
+    return true;
+}
+
+void RecordReader::Damaged(const std::string& what) {
+    if (damage_) return;
+    damage_ = Error{ErrorCode::kInvalidArgument,
+                    path_ + " " + what + " at byte " + std::to_string(position_) + "; the " +
+                        std::to_string(entries_) + " entries before that are good"};
+}
+
+std::optional<Delivery> RecordReader::Next() {
+    if (ended_) return std::nullopt;
+    uint8_t kind = 0;
+    if (!ReadByte(kind)) {
+        Damaged("was not closed, its recording broke off: it ends");
+        ended_ = true;
+        return std::nullopt;
+    }
+    std::optional<Delivery> entry;
+    if (kind == kEnd) {
+        ReadEnd();
+    } else {
+        entry = ReadEntry(kind);
+        if (!entry) Damaged("is cut off within an entry,");
+    }
+    ended_ = !entry;
+    if (entry) ++entries_;
+    return entry;
+}
+
+std::optional<Delivery> RecordReader::ReadEntry(uint8_t kind) {
+    const shdclient::SensorInfo* sensor = shdclient::FindSensor(kind & kHandleMask);
+    const bool change = kind == kLost || kind == kReconnected;
+    if (!change && (kind > (kFlushComplete | kHandleMask) || sensor == nullptr)) {
+        Damaged("holds an entry of unknown kind " + std::to_string(kind));
+        return std::nullopt;
+    }
+    int64_t difference = 0;
+    if (!ReadSigned(difference)) return std::nullopt;
+    const int64_t arrival_ns = Add(arrival_ns_, difference);
+    arrival_ns_ = arrival_ns;
+    Delivery entry;
+    entry.event.arrival_ns = arrival_ns;
+    if (change) {
+        entry.change = kind == kLost ? WatchChange::kLost : WatchChange::kReconnected;
+        return entry;
+    }
+    if ((kind & kFlushComplete) == 0) return ReadSample(*sensor, arrival_ns);
+    const int32_t words[] = {1, sensor->handle};
+    entry.event.record.version = kFlushCompleteVersion;
+    std::memcpy(entry.event.record.data, words, sizeof(words));
+    entry.event.decoded = shdclient::DecodeEvent(entry.event.record).value();
+    return entry;
+}
+
+std::optional<Delivery> RecordReader::ReadSample(const shdclient::SensorInfo& sensor,
+                                                 int64_t arrival_ns) {
+    int64_t age = 0;
+    if (!ReadSigned(age)) return std::nullopt;
+    Delivery entry;
+    entry.event.arrival_ns = arrival_ns;
+    SensorEvent& record = entry.event.record;
+    record.version = kSampleEventVersion;
+    record.sensor = sensor.handle;
+    record.type = sensor.event_type;
+    record.timestamp = Subtract(arrival_ns, age);
+    for (size_t i = 0; i < sensor.data_bytes; ++i) {
+        if (!ReadByte(record.data[i])) return std::nullopt;
+    }
+    entry.event.decoded = shdclient::DecodeEvent(record).value();
+    return entry;
+}
+
+void RecordReader::ReadEnd() {
+    int64_t difference = 0;
+    uint64_t count = 0;
+    if (!ReadSigned(difference) || !ReadNumber(count)) {
+        Damaged("is cut off within its end,");
+        return;
+    }
+    uint8_t more = 0;
+    if (count != entries_) {
+        Damaged("says that it has " + std::to_string(count) + " entries,");
+    } else if (ReadByte(more)) {
+        Damaged("goes on behind its end");
+    }
+}
+
+}  // namespace shdtool

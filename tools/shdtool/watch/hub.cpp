@@ -1,0 +1,104 @@
+// The thread that exchanges requests with the hub. Called by the watching commands.
+#include "tools/shdtool/watch/hub.h"
+
+#include <cstring>
+#include <utility>
+
+#include "tools/client/reply.h"
+#include "tools/shdtool/watch/signals.h"
+
+namespace shdtool {
+namespace {
+
+using shdclient::ErrorCode;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+constexpr milliseconds kStopLatency{50};
+
+}  // namespace
+
+HubWorker::HubWorker(std::string root, milliseconds timeout)
+    : root_(std::move(root)), timeout_(timeout) {
+    const BlockedSignals blocked;
+    thread_ = std::jthread([this](const std::stop_token& stop) { Run(stop); });
+}
+
+HubWorker::~HubWorker() = default;
+
+void HubWorker::Post(const ClientRequest& request) {
+    {
+        const std::lock_guard lock(mutex_);
+        requests_.push_back(request);
+        ++unfinished_;
+    }
+    posted_.notify_one();
+}
+
+std::vector<HubOutcome> HubWorker::TakeOutcomes() {
+    const std::lock_guard lock(mutex_);
+    unfinished_ -= outcomes_.size();
+    return std::exchange(outcomes_, {});
+}
+
+bool HubWorker::busy() {
+    const std::lock_guard lock(mutex_);
+    return unfinished_ > 0;
+}
+
+void HubWorker::Run(const std::stop_token& stop) {
+    for (;;) {
+        ClientRequest request;
+        {
+            std::unique_lock lock(mutex_);
+            if (!posted_.wait(lock, stop, [this] { return !requests_.empty(); })) return;
+            request = requests_.front();
+            requests_.pop_front();
+        }
+        shdclient::Status status = Execute(request, stop);
+        const std::lock_guard lock(mutex_);
+        outcomes_.push_back({request, std::move(status)});
+    }
+}
+
+shdclient::Status HubWorker::Execute(const ClientRequest& request, const std::stop_token& stop) {
+    if (!hub_) {
+        auto hub = shdclient::HubClient::Connect(root_);
+        if (!hub) return hub.error();
+        hub_ = std::move(*hub);
+        hub_->set_timeout(kStopLatency);
+    }
+    const steady_clock::time_point deadline = steady_clock::now() + timeout_;
+    const auto ticket = hub_->Send(request);
+    if (!ticket) {
+        hub_.reset();
+        return ticket.error();
+    }
+    for (;;) {
+        const auto reply = hub_->Receive(*ticket);
+        if (reply) return shdclient::Outcome(request, *reply);
+        const bool waiting = reply.error().code == ErrorCode::kTimeout;
+        if (waiting && steady_clock::now() < deadline && !stop.stop_requested()) continue;
+        hub_.reset();
+        if (!waiting) return reply.error();
+        const auto seconds = std::chrono::ceil<std::chrono::seconds>(timeout_).count();
+        return shdclient::Error{ErrorCode::kTimeout,
+                                "no reply to " + shdclient::CommandName(request.command) +
+                                    " from the daemon within " + std::to_string(seconds) + " s"};
+    }
+}
+
+std::vector<ClientRequest> EnableRequests(int32_t handle, std::optional<int32_t> period_ms,
+                                          int32_t batch) {
+    std::vector<ClientRequest> requests;
+    if (period_ms) {
+        const int32_t words[] = {*period_ms, batch};
+        ClientRequest& request =
+            requests.emplace_back(shdclient::MakeRequest(handle, SHB_SENSOR_BATCH));
+        std::memcpy(request.args, words, sizeof(words));
+    }
+    requests.push_back(shdclient::MakeRequest(handle, SHB_SENSOR_ACTIVE));
+    return requests;
+}
+
+}  // namespace shdtool

@@ -1,0 +1,172 @@
+// Lays out and draws the live chart. Called by watch and replay.
+#include "tools/shdtool/watch/plot_view.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+#include "tools/shdtool/watch/event_format.h"
+#include "tools/shdtool/watch/plot_canvas.h"
+
+namespace shdtool {
+namespace {
+
+constexpr std::chrono::milliseconds kRedrawInterval{100};
+constexpr double kNsPerSec = 1e9;
+constexpr double kNothing = std::numeric_limits<double>::quiet_NaN();
+constexpr size_t kMinStripRows = 3;  // a caption and two rows of the curve
+
+// The range of values that fall into one column of dots.
+struct Span {
+    double low = kNothing;
+    double high = kNothing;
+
+    void Include(double value) {
+        low = std::isnan(low) ? value : std::min(low, value);
+        high = std::isnan(high) ? value : std::max(high, value);
+    }
+};
+
+// A point of the curve, time as a position among the columns of dots.
+struct Dot {
+    double x;
+    double value;
+};
+
+// Adds a piece of the curve to the columns that it crosses; its end alone when there is no start,
+// or when time went backwards.
+void IncludeLine(std::vector<Span>& spans, const Dot& from, const Dot& to) {
+    if (!std::isfinite(to.value)) return;
+    const double width = static_cast<double>(spans.size());
+    const bool connected = std::isfinite(from.value) && from.x < to.x;
+    const double begin = connected ? from.x : to.x;
+    if (to.x < 0 || begin >= width) return;
+    const double slope = connected ? (to.value - from.value) / (to.x - from.x) : 0;
+    const auto first = static_cast<size_t>(std::max(begin, 0.0));
+    const auto last = static_cast<size_t>(std::min(to.x, width - 1));
+    for (size_t x = first; x <= last; ++x) {
+        const double left = std::max(static_cast<double>(x), begin);
+        const double right = std::min(static_cast<double>(x + 1), to.x);
+        spans[x].Include(to.value - slope * (to.x - left));
+        spans[x].Include(to.value - slope * (to.x - right));
+    }
+}
+
+}  // namespace
+
+void PlotStrip::Forget(int64_t before_ns) {
+    while (points_.size() > 1 && points_[1].time_ns < before_ns) points_.pop_front();
+}
+
+std::pair<double, double> PlotStrip::Scale() const {
+    Span span;
+    for (const Point& point : points_) {
+        if (std::isfinite(point.value)) span.Include(point.value);
+    }
+    if (std::isnan(span.low)) return {0, 1};
+    const double least = std::max(std::abs(span.high) * 1e-6, 1e-6);  // a flat line has no range
+    if (span.high - span.low < least) return {span.low - least, span.high + least};
+    return {span.low, span.high};
+}
+
+std::string PlotStrip::Caption(double low, double high) const {
+    const shdclient::Axis& axis = sensor_.axes[axis_];
+    std::string caption = fmt::format("{} {}", sensor_.name, axis.name);
+    const auto last = std::find_if(points_.rbegin(), points_.rend(),
+                                   [](const Point& point) { return !std::isnan(point.value); });
+    if (last != points_.rend()) caption += fmt::format("  {:.6g}", PlainNumber(last->value));
+    if (!axis.unit.empty()) caption += fmt::format(" {}", axis.unit);
+    return caption + fmt::format("   scale {:.4g} to {:.4g}", low, high);
+}
+
+std::vector<std::string> PlotStrip::Draw(int64_t start_ns, int64_t end_ns, size_t columns,
+                                         size_t rows) const {
+    const auto [low, high] = Scale();
+    PlotCanvas canvas(columns, rows - 1);
+    std::vector<Span> spans(canvas.width());
+    const double dots_per_ns =
+        static_cast<double>(canvas.width()) / static_cast<double>(end_ns - start_ns);
+    Dot from{0, kNothing};
+    for (const Point& point : points_) {
+        const Dot to{static_cast<double>(point.time_ns - start_ns) * dots_per_ns, point.value};
+        IncludeLine(spans, from, to);
+        from = to;
+    }
+    const double top_dot = static_cast<double>(canvas.height() - 1);
+    const auto dot = [&, low = low, high = high](double value) {
+        return static_cast<size_t>(std::lround((high - value) / (high - low) * top_dot));
+    };
+    for (size_t x = 0; x < spans.size(); ++x) {
+        if (!std::isnan(spans[x].low))
+            canvas.VerticalLine(x, dot(spans[x].low), dot(spans[x].high));
+    }
+    std::vector<std::string> lines = canvas.Lines();
+    lines.insert(lines.begin(), Caption(low, high));
+    return lines;
+}
+
+PlotView::PlotView(double window_sec) : window_ns_(static_cast<int64_t>(window_sec * kNsPerSec)) {}
+
+void PlotView::OnEvent(const shdclient::WatchedEvent& event) {
+    const shdclient::DecodedEvent& decoded = event.decoded;
+    for (size_t axis = 0; axis < decoded.value_count; ++axis) {
+        const auto key = std::make_pair(decoded.sensor->handle, axis);
+        PlotStrip& strip = strips_.try_emplace(key, *decoded.sensor, axis).first->second;
+        strip.Add({decoded.timestamp_ns, decoded.all_values[axis]});
+    }
+}
+
+void PlotView::OnChange(shdclient::WatchChange change, int64_t at_ns) {
+    change_ = {change, at_ns};
+    for (auto& [key, strip] : strips_) strip.Add({at_ns, kNothing});
+    drawn_ = {};
+}
+
+std::string PlotView::StatusLine(const WatchState& state, size_t hidden) const {
+    std::string line = fmt::format("{:g} s up to now, {} samples",
+                                   static_cast<double>(window_ns_) / kNsPerSec, state.samples);
+    const bool changed = change_ && (change_->first == shdclient::WatchChange::kLost ||
+                                     change_->second > state.now_ns - window_ns_);
+    if (changed) line += fmt::format("; {}", ChangeText(change_->first));
+    if (strips_.empty() && !changed) line += "; no values yet, is a sensor enabled?";
+    if (hidden > 0)
+        line += fmt::format("; {} more axes: enlarge the window, or name sensors", hidden);
+    if (state.discarded_bytes + state.overrun_events > 0) line += "; EVENTS LOST, came too fast";
+    return line;
+}
+
+std::vector<std::string> PlotView::Page(const WatchState& state, Screen::Size size) const {
+    const size_t room = size.rows > 1 ? size.rows - 1 : 1;
+    const size_t shown = std::min(strips_.size(), std::max<size_t>(room / kMinStripRows, 1));
+    std::vector<std::string> page{StatusLine(state, strips_.size() - shown)};
+    size_t left = room;
+    size_t strips_left = shown;
+    for (auto strip = strips_.begin(); strips_left > 0; ++strip, --strips_left) {
+        const size_t rows = std::max<size_t>(left / strips_left, 2);
+        left -= std::min(left, rows);
+        for (std::string& line : strip->second.Draw(state.now_ns - window_ns_, state.now_ns,
+                                                    std::max<size_t>(size.columns, 2), rows)) {
+            page.push_back(std::move(line));
+        }
+    }
+    return page;
+}
+
+shdclient::Status PlotView::OnTick(const WatchState& state) {
+    const auto now = std::chrono::steady_clock::now();
+    if (now - drawn_ < kRedrawInterval) return shdclient::Success();
+    drawn_ = now;
+    for (auto& [key, strip] : strips_) strip.Forget(state.now_ns - window_ns_);
+    screen_.Draw(Page(state, Screen::size()));
+    return shdclient::Success();
+}
+
+shdclient::Status PlotView::OnEnd(const WatchState& state) {
+    screen_.Leave();
+    for (const std::string& line : Page(state, Screen::size())) fmt::print("{}\n", line);
+    return shdclient::Success();
+}
+
+}  // namespace shdtool

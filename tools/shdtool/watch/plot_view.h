@@ -1,0 +1,69 @@
+// The live chart: one strip per axis of every sensor, as wide and high as the window. Used by watch
+// and replay.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tools/shdtool/watch/loop.h"
+#include "tools/shdtool/watch/screen.h"
+
+namespace shdtool {
+
+// The curve of one value over the latest time.
+class PlotStrip {
+  public:
+    struct Point {
+        int64_t time_ns;
+        double value;  // not a number: the curve is broken here
+    };
+
+    PlotStrip(const shdclient::SensorInfo& sensor, size_t axis) : sensor_(sensor), axis_(axis) {}
+
+    void Add(Point point) { points_.push_back(point); }
+    // Forgets what lies before that time, but for the last such point, where the curve comes from.
+    void Forget(int64_t before_ns);
+
+    // A caption with name, latest value and scale, and below it the curve from start_ns to end_ns
+    // on rows - 1 lines. rows and columns are at least 2.
+    [[nodiscard]] std::vector<std::string> Draw(int64_t start_ns, int64_t end_ns, size_t columns,
+                                                size_t rows) const;
+
+  private:
+    [[nodiscard]] std::pair<double, double> Scale() const;
+    [[nodiscard]] std::string Caption(double low, double high) const;
+
+    const shdclient::SensorInfo& sensor_;
+    const size_t axis_;
+    std::deque<Point> points_;
+};
+
+class PlotView final : public EventSink {
+  public:
+    // window_sec: the time that the chart shows.
+    explicit PlotView(double window_sec);
+
+    void OnEvent(const shdclient::WatchedEvent& event) override;
+    void OnChange(shdclient::WatchChange change, int64_t at_ns) override;
+    void OnSilence() override {}  // the page says it
+    [[nodiscard]] shdclient::Status OnTick(const WatchState& state) override;
+    [[nodiscard]] shdclient::Status OnEnd(const WatchState& state) override;
+
+  private:
+    [[nodiscard]] std::vector<std::string> Page(const WatchState& state, Screen::Size size) const;
+    [[nodiscard]] std::string StatusLine(const WatchState& state, size_t hidden) const;
+
+    const int64_t window_ns_;
+    Screen screen_;
+    std::map<std::pair<int32_t, size_t>, PlotStrip> strips_;            // by handle and axis
+    std::optional<std::pair<shdclient::WatchChange, int64_t>> change_;  // the last, and its time
+    std::chrono::steady_clock::time_point drawn_{};
+};
+
+}  // namespace shdtool
