@@ -1,6 +1,7 @@
 // Reading and building of MCU packets, and little-endian fields.
 #include "tools/mcusim/packet.h"
 
+#include <algorithm>
 #include <bit>
 
 namespace mcusim {
@@ -10,8 +11,9 @@ constexpr size_t kControlHeaderBytes = 3;
 constexpr size_t kSensorHeaderBytes = 4;
 
 Bytes Join(std::initializer_list<uint8_t> header, std::span<const uint8_t> data) {
-    Bytes packet(header);
-    packet.insert(packet.end(), data.begin(), data.end());
+    Bytes packet(header.size() + data.size());
+    const auto rest = std::copy(header.begin(), header.end(), packet.begin());
+    std::copy(data.begin(), data.end(), rest);
     return packet;
 }
 
