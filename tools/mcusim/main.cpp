@@ -104,7 +104,11 @@ int ParseAndRun(int argc, char** argv) {
         ->type_name("COMMAND")
         ->allow_extra_args(false);
     app.footer("Commands, on standard input and on DIR/dev/socket/mcusim:\n" +
-               mcusim::CommandHelp());
+               mcusim::CommandHelp() +
+               "\nExample:\n"
+               "  mcusim --root /tmp/hub --trace trace.log &\n"
+               "  SHD_ROOT=/tmp/hub shd &\n"
+               "  mcusim --root /tmp/hub --send 'drop 0.1' --send stats");
     CLI11_PARSE(app, argc, argv);
     if (!commands.empty()) return SendCommands(options.root, commands);
     if (trace->count() > 0) options.trace = trace_path.empty() ? "-" : trace_path;
