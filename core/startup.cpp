@@ -144,8 +144,11 @@ void ApplyRawDataProperty(SensorHub* hub) {
 
 // A descriptor that an outer process left closed must not become the UART's: 0 means closed there.
 void OpenStandardDescriptors() {
-    int fd = open("/dev/null", O_RDWR);  // no O_CLOEXEC: kept only as a standard descriptor
-    while (fd >= 0 && fd <= STDERR_FILENO) fd = open("/dev/null", O_RDWR);
+    int fd = -1;
+    do {
+        // NOLINTNEXTLINE(android-cloexec-open): what is kept becomes a standard descriptor
+        fd = open("/dev/null", O_RDWR);
+    } while (fd >= 0 && fd <= STDERR_FILENO);
     if (fd >= 0) close(fd);
 }
 

@@ -72,7 +72,7 @@ struct BuildOptions {
     std::string version;
     std::string payload_path;
     bool simulated = false;
-    size_t size = 32 * 1024;  // bytes
+    size_t size = size_t{32} * 1024;  // bytes
     uint32_t seed = 1;
     std::string output;
 };

@@ -133,7 +133,7 @@ shdclient::Status RecordWriter::Flush() {
 shdclient::Status RecordWriter::Close() {
     Begin(kEnd, arrival_ns_);
     AppendNumber(pending_, entries_);
-    const shdclient::Status flushed = Flush();
+    shdclient::Status flushed = Flush();
     if (!flushed) return flushed;
     if (fsync(fd_.get()) != 0 && errno != EINVAL && errno != EROFS) {  // pipes cannot
         return Error{ErrorCode::kSystem,

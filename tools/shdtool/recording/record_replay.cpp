@@ -67,7 +67,7 @@ class Replay {
         }
         for (;;) {
             state_.now_ns = std::min(Playhead(), arrival_ns);
-            const Status ticked = Tick();
+            Status ticked = Tick();
             if (!ticked) return ticked;
             const double left_ms =
                 static_cast<double>(arrival_ns - state_.now_ns) / options_.speed / 1e6;

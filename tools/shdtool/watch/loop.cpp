@@ -75,7 +75,7 @@ class Loop {
 
   private:
     [[nodiscard]] Status Round(milliseconds wait) {
-        const Status taken = reader_.Take(wait, deliveries_);
+        Status taken = reader_.Take(wait, deliveries_);
         if (enabler_) {
             const auto enabled = enabler_->Check();
             if (!enabled) return enabled.error();
@@ -88,7 +88,7 @@ class Loop {
         state_.now_ns = shdclient::BootTimeNs();
         state_.discarded_bytes = reader_.discarded_bytes();
         state_.overrun_events = reader_.overrun_events();
-        const Status ticked = sink_.OnTick(state_);
+        Status ticked = sink_.OnTick(state_);
         if (!ticked) return ticked;
         if (!taken) return taken;
         if (!full_ && !deliveries_.empty()) (void)poll(nullptr, 0, kPauseMs);

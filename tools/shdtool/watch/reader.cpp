@@ -25,7 +25,7 @@ EventReader::EventReader(std::string root, shdclient::WatchOptions options)
 EventReader::~EventReader() = default;
 
 shdclient::Status EventReader::Start() {
-    const shdclient::Status opened = watcher_.Open();
+    shdclient::Status opened = watcher_.Open();
     if (!opened) return opened;
     wakeup_.Reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     if (!wakeup_.valid()) {
