@@ -15,6 +15,10 @@
 namespace mcusim {
 
 std::string SendCommand(const std::string& socket_path, const std::string& command) {
+    if (command.find_first_not_of(" \t\r") == std::string::npos ||
+        command.find('\n') != std::string::npos) {
+        throw std::runtime_error("a command is one line that is not empty");
+    }
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     if (socket_path.size() >= sizeof(address.sun_path)) {

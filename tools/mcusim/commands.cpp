@@ -93,7 +93,7 @@ CommandAction ParseHeart(CommandArgs& args) {
         return Do(
             [](CommandContext& context) { context.machine.signals.SetHeartRate(std::nullopt); });
     }
-    const double bpm = args.Number("beats per minute", 0, 300);
+    const double bpm = args.Number("beats per minute", 1, 300);
     return Do([bpm](CommandContext& context) { context.machine.signals.SetHeartRate(bpm); });
 }
 
@@ -210,11 +210,14 @@ constexpr CommandTraits kCommands[] = {
      [](CommandArgs&) { return Do([](CommandContext& context) { context.quit = true; }); }},
 };
 
+std::string UsageOf(const CommandTraits& traits) {
+    return fmt::format("{}{}{}", traits.name, traits.usage.empty() ? "" : " ", traits.usage);
+}
+
 std::string CommandNames() {
     std::string names;
     for (const CommandTraits& traits : kCommands) {
-        names += fmt::format("{}{}{}{}", names.empty() ? "" : "; ", traits.name,
-                             traits.usage.empty() ? "" : " ", traits.usage);
+        names += (names.empty() ? "" : "; ") + UsageOf(traits);
     }
     return names;
 }
@@ -233,8 +236,7 @@ CommandAction ParseCommand(std::string_view line) {
         args.ExpectEnd();
         return action;
     } catch (const CommandError& error) {
-        throw CommandError(
-            fmt::format("{} (usage: {} {})", error.what(), traits->name, traits->usage));
+        throw CommandError(fmt::format("{} (usage: {})", error.what(), UsageOf(*traits)));
     }
 }
 
@@ -250,8 +252,7 @@ std::string RunCommand(std::string_view line, CommandContext& context) {
 std::string CommandHelp() {
     std::string text;
     for (const CommandTraits& traits : kCommands) {
-        text += fmt::format("  {:42} {}\n", fmt::format("{} {}", traits.name, traits.usage),
-                            traits.help);
+        text += fmt::format("  {:42} {}\n", UsageOf(traits), traits.help);
     }
     return text;
 }

@@ -20,6 +20,8 @@
 
 namespace {
 
+constexpr int kExitUsage = 2;
+
 // Files that are opened later must not become one of the standard descriptors.
 void FillStandardDescriptors() {
     int fd = 0;
@@ -65,14 +67,21 @@ int RunSimulator(const mcusim::SimulatorOptions& options) {
 
 int ParseAndRun(int argc, char** argv) {
     CLI::App app("The simulated sensor-hub MCU and its board, below a directory of its own.");
+    app.failure_message([](const CLI::App*, const CLI::Error& error) {
+        return fmt::format("mcusim: {}; see 'mcusim --help'\n", error.what());
+    });
+    CLI::Validator word = CLI::Range(0.0, double{UINT32_MAX});
+    word.description("");
     mcusim::SimulatorOptions options;
     double boot_delay_sec = 0.3;
     app.add_option("--root", options.root, "directory to serve; made when missing")
         ->envname("SHD_ROOT")
-        ->required();
+        ->type_name("DIR");
     app.add_option("--baud", options.machine.baud, "line speed in bit/s; 0: bytes take no time")
+        ->check(word)
         ->capture_default_str();
     app.add_option("--seed", options.machine.seed, "of every signal and of every random fault")
+        ->check(word)
         ->capture_default_str();
     app.add_option("--boot-delay", boot_delay_sec, "seconds from a reset to a listening firmware")
         ->check(CLI::Range(0.0, 3600.0))
@@ -81,9 +90,10 @@ int ParseAndRun(int argc, char** argv) {
                    "factor on the flash's erase and program times; 0: instant")
         ->check(CLI::Range(0.0, 1000.0))
         ->capture_default_str();
-    app.add_option("--firmware-version", options.firmware_version,
-                   "put a firmware with this version text into flash [SIM.900.0001]");
-    app.add_flag("--blank", options.blank, "start with an erased flash");
+    CLI::Option* version =
+        app.add_option("--firmware-version", options.firmware_version,
+                       "put a firmware with this version text into flash [SIM.900.0001]");
+    app.add_flag("--blank", options.blank, "start with an erased flash")->excludes(version);
     app.add_flag("--keep", options.keep, "leave the flash contents (mcusim/) behind at the end");
     app.add_option("--script", options.script,
                    "file of steps \"at 5s hang\" or \"every 1s steps +2\"");
@@ -103,13 +113,21 @@ int ParseAndRun(int argc, char** argv) {
                    "send a command to the simulator that runs on the directory; repeatable")
         ->type_name("COMMAND")
         ->allow_extra_args(false);
-    app.footer("Commands, on standard input and on DIR/dev/socket/mcusim:\n" +
-               mcusim::CommandHelp() +
-               "\nExample:\n"
-               "  mcusim --root /tmp/hub --trace trace.log &\n"
-               "  SHD_ROOT=/tmp/hub shd &\n"
-               "  mcusim --root /tmp/hub --send 'drop 0.1' --send stats");
-    CLI11_PARSE(app, argc, argv);
+    app.footer(
+        "Commands, on standard input and on DIR/dev/socket/mcusim; numbers are decimal, or\n"
+        "hexadecimal with 0x in front:\n" +
+        mcusim::CommandHelp() +
+        "\nExit status: 0 success, 1 failed or refused, 2 wrong usage.\n"
+        "Example:\n"
+        "  mcusim --root /tmp/hub --trace trace.log &\n"
+        "  SHD_ROOT=/tmp/hub shd &\n"
+        "  mcusim --root /tmp/hub --send 'drop 0.1' --send stats");
+    try {
+        app.parse(argc, argv);
+        if (options.root.empty()) throw CLI::RequiredError("--root DIR, or SHD_ROOT,");
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : kExitUsage;
+    }
     if (!commands.empty()) return SendCommands(options.root, commands);
     if (trace->count() > 0) options.trace = trace_path.empty() ? "-" : trace_path;
     options.machine.boot_delay = mcusim::FromSeconds(boot_delay_sec);

@@ -81,7 +81,9 @@ void AddFlushCommand(CLI::App& app, Context& context) {
     constexpr double kMaxWaitSec = 86'400;
     CLI::App* command = AddCommand(
         app, "flush", "Make the MCU deliver a sensor's batch and wait for the flush-complete event",
-        "  shdtool flush accelerometer");
+        "  shdtool flush accelerometer",
+        "The hub sends the event also when the MCU refused the flush or did not answer; whether\n"
+        "samples came tells more.");
     const SensorArgument sensor = AddSensorArgument(*command);
     auto wait_sec = std::make_shared<double>(kDefaultWaitSec);
     command->add_option("--wait", *wait_sec, "Limit of the wait for the event in seconds (10)")
