@@ -1,8 +1,6 @@
 // The program mcusim: options in, simulator out. Run by people, by scripts/run and by the
 // integration tests.
-#include <fcntl.h>
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <csignal>
@@ -13,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/standard_descriptors.h"
 #include "tools/mcusim/command_client.h"
 #include "tools/mcusim/commands.h"
 #include "tools/mcusim/sensors.h"
@@ -21,15 +20,6 @@
 namespace {
 
 constexpr int kExitUsage = 2;
-
-// Files that are opened later must not become one of the standard descriptors.
-void FillStandardDescriptors() {
-    int fd = 0;
-    do {
-        fd = open("/dev/null", O_RDWR | O_CLOEXEC);
-    } while (fd >= 0 && fd <= STDERR_FILENO);
-    if (fd >= 0) close(fd);
-}
 
 std::pair<const mcusim::SensorTraits*, std::string> ParseSignal(const std::string& text) {
     const size_t equals = text.find('=');

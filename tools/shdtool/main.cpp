@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/standard_descriptors.h"
 #include "tools/client/local_socket.h"
 #include "tools/shdtool/commands.h"
 
@@ -97,6 +98,7 @@ int Main(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    FillStandardDescriptors();
     try {
         return Main(argc, argv);
     } catch (const std::exception& error) {
