@@ -3,7 +3,9 @@
 #include <fmt/core.h>
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <exception>
 #include <string>
 #include <vector>
@@ -95,12 +97,22 @@ int Main(int argc, char** argv) {
     return context.exit_status;
 }
 
+// What a full disk did not take is still in the stream's buffer, or is missing already.
+int EndOutput() {
+    errno = 0;
+    if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return shdtool::kExitSuccess;
+    fmt::print(stderr, "shdtool: cannot write to standard output: {}\n",
+               errno != 0 ? std::strerror(errno) : "an earlier part of it is missing");
+    return shdtool::kExitRefused;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     FillStandardDescriptors();
     try {
-        return Main(argc, argv);
+        const int status = Main(argc, argv);
+        return status == shdtool::kExitSuccess ? EndOutput() : status;
     } catch (const std::exception& error) {
         (void)std::fprintf(stderr, "shdtool: internal error: %s\n", error.what());
         return shdtool::kExitRefused;
