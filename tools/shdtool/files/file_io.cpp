@@ -11,6 +11,8 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
+#include <system_error>
 
 #include "platform/unique_fd.h"
 
@@ -32,6 +34,24 @@ bool WriteAll(int fd, std::span<const uint8_t> bytes) {
         bytes = bytes.subspan(static_cast<size_t>(count));
     }
     return true;
+}
+
+// Both leave the reason of a failure in errno.
+bool WriteInPlace(const std::string& path, std::span<const uint8_t> bytes) {
+    const UniqueFd fd(open(path.c_str(), O_WRONLY | O_CLOEXEC));
+    return fd.valid() && WriteAll(fd.get(), bytes);
+}
+
+bool ReplaceFile(const std::string& path, std::span<const uint8_t> bytes) {
+    constexpr mode_t kMode = 0666;
+    const std::string part = path + ".part";
+    const UniqueFd fd(open(part.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kMode));
+    if (!fd.valid()) return false;
+    if (WriteAll(fd.get(), bytes) && std::rename(part.c_str(), path.c_str()) == 0) return true;
+    const int reason = errno;
+    (void)unlink(part.c_str());
+    errno = reason;
+    return false;
 }
 
 }  // namespace
@@ -61,16 +81,16 @@ shdclient::Result<std::string> ReadWholeFile(const std::string& path) {
 }
 
 shdclient::Status WriteWholeFile(const std::string& path, std::span<const uint8_t> bytes) {
-    constexpr mode_t kMode = 0666;
-    const std::string part = path + ".part";
-    const UniqueFd fd(open(part.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kMode));
-    if (fd.valid() && WriteAll(fd.get(), bytes) && std::rename(part.c_str(), path.c_str()) == 0) {
+    std::error_code none;  // a file that is not there yet is made where the path says
+    const auto target = std::filesystem::canonical(path, none);
+    const std::string file = none ? path : target.string();
+    struct stat status {};
+    const bool special = stat(file.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
+    if (special ? WriteInPlace(file, bytes) : ReplaceFile(file, bytes)) {
         return shdclient::Success();
     }
-    const int error = errno;
-    if (fd.valid()) (void)unlink(part.c_str());
     return Error{ErrorCode::kInvalidArgument,
-                 fmt::format("cannot write {}: {}", path, std::strerror(error))};
+                 fmt::format("cannot write {}: {}", path, std::strerror(errno))};
 }
 
 std::string FormatFileTime(int64_t seconds_since_epoch) {

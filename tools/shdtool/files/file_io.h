@@ -17,8 +17,9 @@ inline constexpr size_t kMaxFileBytes = size_t{64} << 20;
 // Reads a regular file of at most kMaxFileBytes. Fails with kInvalidArgument and the file's name.
 [[nodiscard]] shdclient::Result<std::string> ReadWholeFile(const std::string& path);
 
-// Writes a file by way of PATH.part, so that nobody sees half of it. Fails with
-// kInvalidArgument and its name.
+// Writes a file by way of PATH.part, so that nobody sees half of it. A symbolic link is followed;
+// a device or a pipe stays what it is and takes the bytes. Fails with kInvalidArgument and its
+// name.
 [[nodiscard]] shdclient::Status WriteWholeFile(const std::string& path,
                                                std::span<const uint8_t> bytes);
 
