@@ -68,9 +68,9 @@ TEST(RawLog, LinesBecomeColumns) {
         ASSERT_TRUE(line) << text;
         EXPECT_EQ(RawLogCsvRow(7, *line), row);
     }
-    for (const char* text :
-         {"", "1 2 3", "1 2 3 4 5", "1 2 3 x", "2 1 1 1", "steps 42", "5 1 2 3 4 99999999999",
-          "steps time:11-16 10:05:09 ", "1 1 1 1 time:11-16 10:05:09 "}) {
+    for (const char* text : {"", "1 2 3", "1 2 3 4 5", "1 2 3 x", "2 1 1 1", "steps 42",
+                             "5 1 2 3 4 99999999999", "steps time:11-16 10:05:09 ",
+                             "1 1 1 1 time:11-16 10:05:09 ", "steps 1 time:11-16 10:0"}) {
         EXPECT_FALSE(ParseRawLogLine(text)) << text;
     }
 }

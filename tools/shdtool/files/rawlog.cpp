@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <charconv>
 
 namespace shdtool {
@@ -48,6 +49,14 @@ bool Match(std::string_view pattern, std::string_view text, RawLogLine& line) {
     return text.empty();
 }
 
+// "11-16 10:05:09"
+bool IsTime(std::string_view text) {
+    constexpr std::string_view kPattern = "##-## ##:##:##";
+    return std::equal(
+        text.begin(), text.end(), kPattern.begin(), kPattern.end(),
+        [](char c, char form) { return form == '#' ? c >= '0' && c <= '9' : c == form; });
+}
+
 }  // namespace
 
 std::optional<RawLogLine> ParseRawLogLine(std::string_view text) {
@@ -55,6 +64,7 @@ std::optional<RawLogLine> ParseRawLogLine(std::string_view text) {
     const bool has_time = mark != std::string_view::npos;
     std::string_view time = has_time ? text.substr(mark + kTimeMark.size()) : "";
     time = time.substr(0, time.find_last_not_of(' ') + 1);
+    if (!time.empty() && !IsTime(time)) return std::nullopt;
     for (const LineForm& form : kForms) {
         RawLogLine line{form.kind, time, {}, 0};
         if (form.has_time == has_time && Match(form.pattern, text.substr(0, mark), line)) {
