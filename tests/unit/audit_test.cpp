@@ -165,6 +165,21 @@ TEST_F(RecordFile, IsReadAsDescribedAndWrittenTheSame) {
     EXPECT_FALSE(RecordWriter::Create(path_, false).ok());
 }
 
+TEST_F(RecordFile, IsReplacedOnlyByARecordingWithEntries) {
+    ASSERT_EQ(Read(kGolden).size(), 5u);
+    auto writer = RecordWriter::Create(path_, true);
+    ASSERT_TRUE(writer.ok());
+    ASSERT_TRUE(writer->Flush().ok());
+    writer->Discard();
+    std::ifstream file(path_, std::ios::binary);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), kGolden);
+    writer->Add({shdclient::WatchChange::kLost, {}});
+    ASSERT_TRUE(writer->Flush().ok());
+    auto reader = RecordReader::Open(path_);
+    ASSERT_TRUE(reader.ok());
+    EXPECT_TRUE(reader->Next() && !reader->Next());
+}
+
 TEST_F(RecordFile, GivesWhatIsWholeOfADamagedFile) {
     size_t whole = 0;
     for (size_t size = 0; size < kGolden.size(); ++size) {

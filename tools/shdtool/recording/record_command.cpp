@@ -75,7 +75,7 @@ Result<Report> Record(const Context& context, const RecordRequest& request,
     Recorder recorder(*writer);
     const auto end = WatchEvents(context, options, sampling, limits, recorder);
     if (!end) {
-        if (writer->entries() == 0) writer->Discard();
+        writer->Discard();
         return end.error();
     }
     Report report;

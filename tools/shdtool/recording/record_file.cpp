@@ -69,8 +69,10 @@ int64_t EpochTimeNs() {
 
 shdclient::Result<RecordWriter> RecordWriter::Create(const std::string& path, bool replace) {
     constexpr mode_t kMode = 0666;
-    const int flags = O_WRONLY | O_CREAT | O_CLOEXEC | (replace ? O_TRUNC : O_EXCL);
-    UniqueFd fd(open(path.c_str(), flags, kMode));
+    constexpr int kFlags = O_WRONLY | O_CREAT | O_CLOEXEC;
+    UniqueFd fd(open(path.c_str(), kFlags | O_EXCL, kMode));
+    const bool made = fd.valid();
+    if (!made && errno == EEXIST && replace) fd.Reset(open(path.c_str(), kFlags, kMode));
     if (!fd.valid() && errno == EEXIST) {
         return Error{ErrorCode::kInvalidArgument,
                      path + " exists; name another file, or replace it with --force"};
@@ -79,7 +81,7 @@ shdclient::Result<RecordWriter> RecordWriter::Create(const std::string& path, bo
         return Error{ErrorCode::kInvalidArgument,
                      "cannot make " + path + ": " + std::strerror(errno)};
     }
-    RecordWriter writer(std::move(fd), path);
+    RecordWriter writer(std::move(fd), path, made);
     writer.arrival_ns_ = shdclient::BootTimeNs();
     const int64_t epoch_ns = EpochTimeNs();
     writer.pending_.resize(kHeaderBytes);
@@ -116,6 +118,14 @@ void RecordWriter::Add(const Delivery& delivery) {
 }
 
 shdclient::Status RecordWriter::Flush() {
+    if (entries_ == 0) return shdclient::Success();  // keeps what is to be replaced
+    return Write();
+}
+
+shdclient::Status RecordWriter::Write() {
+    if (written_ == 0 && ftruncate(fd_.get(), 0) != 0 && errno != EINVAL) {  // pipes cannot
+        return Error{ErrorCode::kSystem, "cannot replace " + path_ + ": " + std::strerror(errno)};
+    }
     for (size_t done = 0; done < pending_.size();) {
         const ssize_t count = write(fd_.get(), pending_.data() + done, pending_.size() - done);
         if (count < 0 && errno == EINTR) continue;
@@ -133,8 +143,8 @@ shdclient::Status RecordWriter::Flush() {
 shdclient::Status RecordWriter::Close() {
     Begin(kEnd, arrival_ns_);
     AppendNumber(pending_, entries_);
-    shdclient::Status flushed = Flush();
-    if (!flushed) return flushed;
+    shdclient::Status written = Write();
+    if (!written) return written;
     if (fsync(fd_.get()) != 0 && errno != EINVAL && errno != EROFS) {  // pipes cannot
         return Error{ErrorCode::kSystem,
                      "cannot write " + path_ + " to the disk: " + std::strerror(errno)};
@@ -143,7 +153,7 @@ shdclient::Status RecordWriter::Close() {
 }
 
 void RecordWriter::Discard() {
-    (void)unlink(path_.c_str());
+    if (made_ && entries_ == 0) (void)unlink(path_.c_str());
 }
 
 shdclient::Result<RecordReader> RecordReader::Open(const std::string& path) {

@@ -35,30 +35,35 @@ namespace shdtool {
 // Gathers entries in memory; Flush writes them.
 class RecordWriter {
   public:
-    // Makes the file; an existing one is replaced with replace, otherwise kInvalidArgument.
+    // Makes the file; with replace an existing one is replaced once there is an entry to be written
+    // or the recording ends, otherwise kInvalidArgument.
     [[nodiscard]] static shdclient::Result<RecordWriter> Create(const std::string& path,
                                                                 bool replace);
 
     void Add(const Delivery& delivery);
 
-    // Errors as kSystem, with the file's name: disk full, for instance.
+    // Nothing before the first entry. Errors as kSystem, with the file's name: disk full, for
+    // instance.
     [[nodiscard]] shdclient::Status Flush();
 
     // Adds the end entry, as of the last entry's time, and writes the file to the disk.
     [[nodiscard]] shdclient::Status Close();
 
-    // Takes the file away again.
+    // Takes the file away again if Create has made it and no entry was added.
     void Discard();
 
     [[nodiscard]] uint64_t entries() const { return entries_; }
     [[nodiscard]] uint64_t bytes() const { return written_ + pending_.size(); }
 
   private:
-    RecordWriter(UniqueFd fd, std::string path) : fd_(std::move(fd)), path_(std::move(path)) {}
+    RecordWriter(UniqueFd fd, std::string path, bool made)
+        : fd_(std::move(fd)), path_(std::move(path)), made_(made) {}
+    [[nodiscard]] shdclient::Status Write();
     void Begin(uint8_t kind, int64_t arrival_ns);
 
     UniqueFd fd_;
     std::string path_;
+    bool made_;  // there was no such file before
     std::vector<uint8_t> pending_;
     int64_t arrival_ns_ = 0;  // of the last entry
     uint64_t entries_ = 0;
