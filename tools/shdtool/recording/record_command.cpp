@@ -66,8 +66,9 @@ struct RecordRequest {
 Result<Report> Record(const Context& context, const RecordRequest& request,
                       const SamplingRequest& sampling, const WatchLimits& limits) {
     // Asked first, so that without a daemon no file is made or replaced.
-    const auto daemon = shdclient::EventStream::Connect(context.root);
-    if (!daemon) return daemon.error();
+    if (const auto daemon = shdclient::EventStream::Connect(context.root); !daemon) {
+        return daemon.error();
+    }
     auto writer = RecordWriter::Create(request.path, request.replace);
     if (!writer) return writer.error();
     shdclient::WatchOptions options;
