@@ -158,7 +158,10 @@ void Audit(Context& context, const AuditRequest& request, const SamplingRequest&
     if (!report) return Fail(context, "audit", report.error());
     if (context.json) {
         Json object = AuditJson(*report);
-        if (damage) object["damage"] = damage->message;
+        if (damage) {
+            object["ok"] = false;  // what was behind the damage has not been judged
+            object["damage"] = damage->message;
+        }
         PrintJson(object);
     } else {
         fmt::print("{}\n", AuditText(*report));
