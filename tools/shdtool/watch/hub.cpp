@@ -11,6 +11,7 @@ namespace shdtool {
 namespace {
 
 using shdclient::ErrorCode;
+using shdclient::HubClient;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
@@ -61,15 +62,26 @@ void HubWorker::Run(const std::stop_token& stop) {
     }
 }
 
-shdclient::Status HubWorker::Execute(const ClientRequest& request, const std::stop_token& stop) {
+shdclient::Result<HubClient::Ticket> HubWorker::ConnectAndSend(const ClientRequest& request) {
     if (!hub_) {
-        auto hub = shdclient::HubClient::Connect(root_);
+        auto hub = HubClient::Connect(root_);
         if (!hub) return hub.error();
         hub_ = std::move(*hub);
         hub_->set_timeout(kStopLatency);
     }
+    return hub_->Send(request);
+}
+
+shdclient::Status HubWorker::Execute(const ClientRequest& request, const std::stop_token& stop) {
     const steady_clock::time_point deadline = steady_clock::now() + timeout_;
-    const auto ticket = hub_->Send(request);
+    const bool connected_before = hub_.has_value();
+    shdclient::Result<HubClient::Ticket> ticket = ConnectAndSend(request);
+    // The daemon of the earlier requests may have gone since; the one that follows it did not get
+    // this request yet.
+    if (!ticket && connected_before && ticket.error().code == ErrorCode::kDisconnected) {
+        hub_.reset();
+        ticket = ConnectAndSend(request);
+    }
     if (!ticket) {
         hub_.reset();
         return ticket.error();

@@ -42,6 +42,8 @@ class HubWorker {
 
   private:
     void Run(const std::stop_token& stop);
+    [[nodiscard]] shdclient::Result<shdclient::HubClient::Ticket> ConnectAndSend(
+        const ClientRequest& request);
     [[nodiscard]] shdclient::Status Execute(const ClientRequest& request,
                                             const std::stop_token& stop);
 
