@@ -2,8 +2,11 @@
 #include <fmt/core.h>
 #include <poll.h>
 
+#include <algorithm>
 #include <chrono>
+#include <functional>
 #include <memory>
+#include <thread>
 #include <vector>
 
 #include "tools/client/event_decoder.h"
@@ -21,51 +24,79 @@ using shdclient::EventStream;
 using shdclient::HubClient;
 using shdclient::Result;
 using shdclient::SensorInfo;
+using shdclient::Status;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 constexpr milliseconds kServedLimit{1'000};
 
-// Waits for the flush-complete event of the sensor and counts its samples on the way.
-Result<size_t> AwaitFlushComplete(EventStream& stream, const SensorInfo& sensor,
-                                  milliseconds limit) {
-    const steady_clock::time_point deadline = steady_clock::now() + limit;
-    size_t samples = 0;
-    std::vector<SensorEvent> events;
-    for (;;) {
-        events.clear();
-        const Result<size_t> count = stream.Read(events);
+// Looks for the flush-complete event of a sensor and counts its samples on the way.
+class FlushWatch {
+  public:
+    FlushWatch(EventStream& stream, const SensorInfo& sensor) : stream_(stream), sensor_(sensor) {}
+
+    // Runs the action and reads events meanwhile: the kernel keeps only some 280 of them, a few
+    // hundredths of a second of a busy hub, and the daemon drops what does not fit.
+    Status ReadDuring(const std::function<Status()>& action) {
+        const std::jthread reader([this](const std::stop_token& stop) {
+            constexpr milliseconds kStep{20};
+            while (!stop.stop_requested() && !complete_ && Read(kStep)) continue;
+        });
+        return action();
+    }
+
+    // The number of samples when the event has come, also before this call.
+    Result<size_t> Await(milliseconds limit) {
+        const steady_clock::time_point deadline = steady_clock::now() + limit;
+        for (milliseconds left = limit; !complete_;) {
+            const Status read = Read(std::max(left, milliseconds(0)));
+            if (!read) return read.error();
+            if (left.count() <= 0 && !complete_) return TooLate(limit);
+            left = std::chrono::ceil<milliseconds>(deadline - steady_clock::now());
+        }
+        return samples_;
+    }
+
+  private:
+    Status Read(milliseconds timeout) {
+        pollfd ready{stream_.fd(), POLLIN, 0};
+        (void)poll(&ready, 1, static_cast<int>(timeout.count()));
+        std::vector<SensorEvent> events;
+        const Result<size_t> count = stream_.Read(events);
         if (!count) return count.error();
         for (const SensorEvent& event : events) {
             const auto decoded = shdclient::DecodeEvent(event);
-            if (!decoded || decoded->sensor != &sensor) continue;
-            if (decoded->flush_complete) return samples;
-            ++samples;
+            if (complete_ || !decoded || decoded->sensor != &sensor_) continue;
+            complete_ = decoded->flush_complete;
+            if (!complete_) ++samples_;
         }
-        const auto left = std::chrono::ceil<milliseconds>(deadline - steady_clock::now());
-        if (left.count() <= 0) {
-            return Error{
-                ErrorCode::kTimeout,
-                fmt::format("flush of {}: taken by the hub, but no flush-complete event "
-                            "within {} s ({} samples came)",
-                            sensor.name, std::chrono::duration<double>(limit).count(), samples)};
-        }
-        pollfd ready{stream.fd(), POLLIN, 0};
-        (void)poll(&ready, 1, static_cast<int>(left.count()));
+        return shdclient::Success();
     }
-}
+
+    [[nodiscard]] Error TooLate(milliseconds limit) const {
+        return {ErrorCode::kTimeout,
+                fmt::format("flush of {}: taken by the hub, but no flush-complete event within {} "
+                            "s ({} samples came)",
+                            sensor_.name, std::chrono::duration<double>(limit).count(), samples_)};
+    }
+
+    EventStream& stream_;
+    const SensorInfo& sensor_;
+    size_t samples_ = 0;
+    bool complete_ = false;
+};
 
 Result<Report> Flush(const Context& context, HubClient& hub, const SensorInfo& sensor,
                      double wait_sec) {
     Result<EventStream> stream = EventStream::Connect(context.root);
     if (!stream) return stream.error();
     // The event may come before the reply to the request, and must find this client on the list.
-    const shdclient::Status served = stream->WaitUntilServed(kServedLimit);
+    const Status served = stream->WaitUntilServed(kServedLimit);
     if (!served) return served.error();
-    const shdclient::Status taken = hub.Flush(sensor.handle);
+    FlushWatch watch(*stream, sensor);
+    const Status taken = watch.ReadDuring([&] { return hub.Flush(sensor.handle); });
     if (!taken) return taken.error();
-    const Result<size_t> samples =
-        AwaitFlushComplete(*stream, sensor, milliseconds(static_cast<int64_t>(wait_sec * 1000)));
+    const Result<size_t> samples = watch.Await(milliseconds(static_cast<int64_t>(wait_sec * 1000)));
     if (!samples) return samples.error();
     Json fields = SensorFields(sensor);
     fields["samples"] = *samples;
