@@ -147,7 +147,12 @@ void DeviceTree::MakeFile(const std::string& path, std::span<const uint8_t> cont
     file.write(reinterpret_cast<const char*>(content.data()),
                static_cast<std::streamsize>(content.size()));
     file.close();
-    if (!file) Fail(full, "cannot be written");
+    if (!file) {
+        const int reason = errno;
+        fs::remove(full, error);  // the next start would take the half of it for whole
+        errno = reason;
+        Fail(full, "cannot be written");
+    }
     Note(path, MarkOf(path));
 }
 
