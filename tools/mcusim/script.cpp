@@ -40,8 +40,8 @@ TimePoint ParseTime(std::string_view text) {
     const auto parsed = std::from_chars(text.data(), end, value);
     const std::string_view unit(parsed.ptr, static_cast<size_t>(end - parsed.ptr));
     const auto* found = std::ranges::find(kTimeUnits, unit, &TimeUnit::name);
-    if (parsed.ec != std::errc() || found == std::end(kTimeUnits) || value < 0 ||
-        value * found->seconds > kMaxTimeSec) {
+    if (parsed.ec != std::errc() || found == std::end(kTimeUnits) ||
+        !(value >= 0 && value * found->seconds <= kMaxTimeSec)) {
         throw CommandError(fmt::format("\"{}\" is no time; write it as 500ms, 2.5s or 3m", text));
     }
     return FromSeconds(value * found->seconds);

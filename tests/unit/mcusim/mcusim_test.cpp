@@ -238,6 +238,7 @@ TEST(McuSimFiles, ComplaintsNameTheLineAndOnlyOwnFilesGo) {
 
     EXPECT_EQ(Complaint(true, "# x\n\nat 5 hang"),
               "f:3: \"5\" is no time; write it as 500ms, 2.5s or 3m");
+    EXPECT_NE(Complaint(true, "at nans quit"), "none");
     EXPECT_EQ(Complaint(true, "every 1.5s steps +2 # walk\nat 400ms log a#b\n"), "none");
     EXPECT_EQ(Complaint(false, "t,b,s\n1,60\n"),
               "f:2: 2 columns where heart-rate needs time_s and 2");
