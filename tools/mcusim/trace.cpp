@@ -31,31 +31,41 @@ std::FILE* OpenText(const std::string& path) {
 
 }  // namespace
 
-TextOutput::TextOutput(const std::string& path) : file_(OpenText(path)) {}
+TextOutput::TextOutput(const std::string& path) : path_(path), file_(OpenText(path)) {}
+
+void TextOutput::Write(const std::string& line) {
+    if (!file_ || std::fputs(line.c_str(), file_.get()) >= 0) return;
+    const std::string complaint =
+        fmt::format("mcusim: {}: {}; it ends here\n", path_, std::strerror(errno));
+    file_.reset();
+    (void)std::fputs(complaint.c_str(), stderr);
+}
 
 void Trace::OnBytes(TimePoint at, Direction direction, std::span<const uint8_t> bytes,
                     bool bootloader) {
     if (!bootloader) return;
     const auto shown = bytes.first(std::min(bytes.size(), kMaxShownBytes));
-    fmt::print(output_.get(), "{:12.6f} {} bootloader {:02X}{}\n", Seconds(at), Speaker(direction),
-               fmt::join(shown, " "),
-               shown.size() < bytes.size() ? fmt::format(" ... {} bytes", bytes.size()) : "");
+    output_.Write(fmt::format(
+        "{:12.6f} {} bootloader {:02X}{}\n", Seconds(at), Speaker(direction), fmt::join(shown, " "),
+        shown.size() < bytes.size() ? fmt::format(" ... {} bytes", bytes.size()) : ""));
 }
 
 void Trace::OnPacket(TimePoint at, Direction direction, std::span<const uint8_t> packet,
                      std::string_view note) {
-    fmt::print(output_.get(), "{:12.6f} {} {}{}{}\n", Seconds(at), Speaker(direction),
-               packet.empty() ? "frame" : DescribePacket(packet), note.empty() ? "" : ": ", note);
+    output_.Write(fmt::format("{:12.6f} {} {}{}{}\n", Seconds(at), Speaker(direction),
+                              packet.empty() ? "frame" : DescribePacket(packet),
+                              note.empty() ? "" : ": ", note));
 }
 
 void Trace::OnMode(TimePoint at, std::string_view mode) {
-    fmt::print(output_.get(), "{:12.6f} ---- {}\n", Seconds(at), mode);
+    output_.Write(fmt::format("{:12.6f} ---- {}\n", Seconds(at), mode));
 }
 
 void Recorder::OnBytes(TimePoint at, Direction direction, std::span<const uint8_t> bytes,
                        bool /*bootloader*/) {
-    fmt::print(output_.get(), "{:.6f} {} {:02x}\n", Seconds(at),
-               direction == Direction::kHostToMcu ? '>' : '<', fmt::join(bytes, ""));
+    output_.Write(fmt::format("{:.6f} {} {:02x}\n", Seconds(at),
+                              direction == Direction::kHostToMcu ? '>' : '<',
+                              fmt::join(bytes, "")));
 }
 
 }  // namespace mcusim

@@ -10,11 +10,13 @@
 namespace mcusim {
 
 // A text file, written line by line; "-" is standard error. Throws std::runtime_error when it
-// cannot be opened.
+// cannot be opened. When it cannot be written later, as on a full disk, the machine must not stop:
+// the output ends there, and standard error says so.
 class TextOutput {
   public:
     explicit TextOutput(const std::string& path);
-    [[nodiscard]] std::FILE* get() const { return file_.get(); }
+    // line with its line end.
+    void Write(const std::string& line);
 
   private:
     struct Closer {
@@ -22,7 +24,8 @@ class TextOutput {
             if (file != stderr) (void)std::fclose(file);
         }
     };
-    std::unique_ptr<std::FILE, Closer> file_;
+    const std::string path_;
+    std::unique_ptr<std::FILE, Closer> file_;  // nothing: the output has ended
 };
 
 // One line per packet in words, per group of the bootloader's bytes, and per change of the board:
