@@ -28,6 +28,7 @@
 #include "platform/delay.h"
 #include "platform/device_path.h"
 #include "platform/log.h"
+#include "platform/standard_descriptors.h"
 #include "platform/unique_fd.h"
 #include "sensor_commands/mcu_config.h"
 #include "sensor_commands/mcu_parameters.h"
@@ -142,16 +143,6 @@ void ApplyRawDataProperty(SensorHub* hub) {
     LOGD("Set MCU Raw data Log Level : %d", type);
 }
 
-// A descriptor that an outer process left closed must not become the UART's: 0 means closed there.
-void OpenStandardDescriptors() {
-    int fd = -1;
-    do {
-        // NOLINTNEXTLINE(android-cloexec-open): what is kept becomes a standard descriptor
-        fd = open("/dev/null", O_RDWR);
-    } while (fd >= 0 && fd <= STDERR_FILENO);
-    if (fd >= 0) close(fd);
-}
-
 bool StartReader(ListenArgs* args) {
     pthread_t thread{};
     if (pthread_create(&thread, nullptr, ListsenThread, args) == 0) return true;
@@ -186,7 +177,7 @@ int GetInheritedSocket(const char* name) {
 }
 
 int RunDaemon() {
-    OpenStandardDescriptors();
+    FillStandardDescriptors();  // else 0 may become the UART's, where it means closed
     // A client or a control file whose other end has gone must show as a failed write.
     std::signal(SIGPIPE, SIG_IGN);
     {

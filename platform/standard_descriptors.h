@@ -1,5 +1,5 @@
-// Standard descriptors for a program that was started without them. Called first by the tools' main
-// functions.
+// Standard descriptors for a program that was started without them. Called first by the daemon and
+// by the tools.
 #pragma once
 
 #include <fcntl.h>
