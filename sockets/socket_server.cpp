@@ -11,6 +11,10 @@
 
 namespace {
 
+// Held while a server accepts: the number that its spare leaves must not become a client of the
+// other server.
+Mutex g_accept_mutex;
+
 int OpenSpare() {
     return open("/dev/null", O_RDONLY | O_CLOEXEC);
 }
@@ -61,14 +65,18 @@ void SocketServer::ServeOnce() {
 }
 
 void SocketServer::AcceptClient() {
-    UniqueFd client(accept4(listen_fd_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-    if (!client.valid()) {
-        if (errno == EMFILE || errno == ENFILE) RefuseConnection();
-        return;
-    }
-    if (client.get() >= FD_SETSIZE) return;  // select could not watch it
+    UniqueFd client = TakeConnection();
+    if (!client.valid() || client.get() >= FD_SETSIZE) return;  // select could not watch it
     const MutexLock lock(clients_mutex_);
     clients_.push_back(client.Release());
+}
+
+UniqueFd SocketServer::TakeConnection() {
+    const MutexLock lock(g_accept_mutex);
+    if (!spare_fd_.valid()) spare_fd_.Reset(OpenSpare());
+    UniqueFd client(accept4(listen_fd_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    if (!client.valid() && (errno == EMFILE || errno == ENFILE)) RefuseConnection();
+    return client;
 }
 
 // A connection that stays pending would make the listening socket readable for ever.

@@ -43,6 +43,7 @@ class SocketServer {
   private:
     static void* Run(void* server);
     void AcceptClient();
+    UniqueFd TakeConnection();
     void RefuseConnection();
     void DropClient(int client);
 
