@@ -143,6 +143,15 @@ void ApplyRawDataProperty(SensorHub* hub) {
     LOGD("Set MCU Raw data Log Level : %d", type);
 }
 
+// Clients get no descriptor from FD_SETSIZE on. What the limit allows beyond that is left for the
+// port, when a recovery reopens it, and for files.
+void RaiseDescriptorLimit() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+    limit.rlim_cur = limit.rlim_max;
+    (void)setrlimit(RLIMIT_NOFILE, &limit);
+}
+
 bool StartReader(ListenArgs* args) {
     pthread_t thread{};
     if (pthread_create(&thread, nullptr, ListsenThread, args) == 0) return true;
@@ -185,6 +194,7 @@ int RunDaemon() {
         g_sensor_state.fill(SensorState{});
     }
     (void)SetCoreDumpLimit();
+    RaiseDescriptorLimit();
     InitParameter();
     const int control_socket = TakeServerSocket("shdctl");
     const int data_socket = TakeServerSocket("shddata");
