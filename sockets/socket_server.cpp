@@ -21,7 +21,10 @@ int OpenSpare() {
 
 }  // namespace
 
-SocketServer::SocketServer(int listen_fd) : listen_fd_(listen_fd), spare_fd_(OpenSpare()) {}
+SocketServer::SocketServer(int listen_fd) : listen_fd_(listen_fd), spare_fd_(OpenSpare()) {
+    // Accepting must not block with the lock held, whatever became of the connection meanwhile.
+    if (listen_fd_.valid()) (void)fcntl(listen_fd, F_SETFL, O_NONBLOCK);
+}
 
 SocketServer::~SocketServer() {
     const MutexLock lock(clients_mutex_);
