@@ -108,7 +108,7 @@ TEST(SensorStats, MeasuresBatchesAgainstTheRateAsked) {
     }
     EXPECT_EQ(stats.batch(), 5u);
     EXPECT_EQ(stats.gaps().presumed_gaps(), 1u);
-    EXPECT_NEAR(stats.spacing()->mean_ns, 21.06e6, 1e4);
+    EXPECT_NEAR(stats.spacing()->spread.mean_ns, 21.06e6, 1e4);
     const auto lines = TableLines(sensors, kStart + 200 * kPeriod, 80);
     EXPECT_THAT(lines[1],
                 testing::HasSubstr("47.47     50.00    10.259     5    2.0 s       95    1"));
@@ -191,6 +191,10 @@ TEST_F(RecordFile, GivesWhatIsWholeOfADamagedFile) {
     EXPECT_THAT(damage_, testing::HasSubstr("behind its end"));
     EXPECT_EQ(Read(std::string(kGolden).replace(49, 1, "\x03")).size(), 1u);
     EXPECT_THAT(damage_, testing::HasSubstr("unknown kind 3"));
+    EXPECT_EQ(Read(std::string(kGolden).replace(23, 1, "\x7f")).size(), 0u);
+    EXPECT_THAT(damage_, testing::HasSubstr("impossible arrival time"));
+    EXPECT_EQ(Read(kGolden.substr(0, 35) + std::string(8, '\xff') + "\x7f").size(), 0u);
+    EXPECT_THAT(damage_, testing::HasSubstr("impossible time stamp"));
 }
 
 }  // namespace

@@ -108,23 +108,18 @@ std::optional<SpacingVerdict> SensorAudit::JudgeSpacing() const {
     const int64_t gap_period_ns = GapPeriod(limits_.period_ns, apparent_ns);
     verdict.period_ns = limits_.period_ns.value_or(apparent_ns);
     if (verdict.period_ns <= 0) return std::nullopt;
-    verdict.shortest_ns = measured.front();
-    verdict.longest_ns = measured.front();
+    const auto [shortest, longest] = std::minmax_element(measured.begin(), measured.end());
+    verdict.shortest_ns = *shortest;
+    verdict.longest_ns = *longest;
+    const Spread spread = SpreadOf(measured);
+    verdict.mean_ns = spread.mean_ns;
+    verdict.jitter_ns = spread.jitter_ns;
     GapCounter gaps(limits_.gap_factor);
-    double sum = 0;
-    double squares = 0;  // of the deviations from the period
-    double count = 0;
     for (const int64_t spacing_ns : spacings_) {
         if (spacing_ns == kInterruption) {
             gaps.Finish();
             continue;
         }
-        const double deviation = static_cast<double>(spacing_ns - verdict.period_ns);
-        sum += deviation;
-        squares += deviation * deviation;
-        ++count;
-        verdict.shortest_ns = std::min(verdict.shortest_ns, spacing_ns);
-        verdict.longest_ns = std::max(verdict.longest_ns, spacing_ns);
         gaps.Add(spacing_ns, gap_period_ns);
         const double periods =
             static_cast<double>(spacing_ns) / static_cast<double>(verdict.period_ns);
@@ -132,9 +127,6 @@ std::optional<SpacingVerdict> SensorAudit::JudgeSpacing() const {
         ++verdict.histogram[static_cast<size_t>(end - kSpacingClasses.begin())];
     }
     gaps.Finish();
-    const double mean_deviation = sum / count;
-    verdict.mean_ns = static_cast<double>(verdict.period_ns) + mean_deviation;
-    verdict.jitter_ns = std::sqrt(std::max(squares / count - mean_deviation * mean_deviation, 0.0));
     verdict.gaps = gaps.gaps();
     verdict.missing = gaps.missing();
     verdict.late = gaps.late();

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "tools/client/event_watcher.h"
-#include "tools/shdtool/watch/gaps.h"
+#include "tools/shdtool/watch/spacing.h"
 
 namespace shdtool {
 

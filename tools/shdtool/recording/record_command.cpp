@@ -5,7 +5,6 @@
 #include <memory>
 #include <set>
 
-#include "tools/client/event_stream.h"
 #include "tools/shdtool/commands.h"
 #include "tools/shdtool/recording/record_file.h"
 #include "tools/shdtool/recording/record_replay.h"
@@ -65,10 +64,6 @@ struct RecordRequest {
 
 Result<Report> Record(const Context& context, const RecordRequest& request,
                       const SamplingRequest& sampling, const WatchLimits& limits) {
-    // Asked first, so that without a daemon no file is made or replaced.
-    if (const auto daemon = shdclient::EventStream::Connect(context.root); !daemon) {
-        return daemon.error();
-    }
     auto writer = RecordWriter::Create(request.path, request.replace);
     if (!writer) return writer.error();
     shdclient::WatchOptions options;

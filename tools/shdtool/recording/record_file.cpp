@@ -32,6 +32,9 @@ constexpr uint8_t kReconnected = 0x81;
 constexpr uint8_t kEnd = 0xFF;
 constexpr uint8_t kHandleMask = 0x3F;
 
+// Far beyond any uptime, and small enough for sums of differences.
+constexpr int64_t kMaxTimeNs = int64_t{1} << 57;
+
 constexpr int kNumberBits = 7;
 constexpr uint8_t kMoreFollows = 0x80;
 
@@ -56,6 +59,10 @@ int64_t Add(int64_t a, int64_t b) {
 
 int64_t Subtract(int64_t a, int64_t b) {
     return static_cast<int64_t>(static_cast<uint64_t>(a) - static_cast<uint64_t>(b));
+}
+
+bool IsTime(int64_t ns) {
+    return ns >= -kMaxTimeNs && ns <= kMaxTimeNs;
 }
 
 int64_t EpochTimeNs() {
@@ -179,9 +186,7 @@ shdclient::Result<RecordReader> RecordReader::Open(const std::string& path) {
                          "; this shdtool reads version " + std::to_string(kVersion)};
     }
     RecordReader reader(std::move(file), path);
-    std::memcpy(&reader.begin_ns_, header.data() + kBeginOffset, sizeof(reader.begin_ns_));
-    std::memcpy(&reader.epoch_ns_, header.data() + kEpochOffset, sizeof(reader.epoch_ns_));
-    reader.arrival_ns_ = reader.begin_ns_;
+    std::memcpy(&reader.arrival_ns_, header.data() + kBeginOffset, sizeof(reader.arrival_ns_));
     reader.position_ = kHeaderBytes;
     return reader;
 }
@@ -251,6 +256,10 @@ std::optional<Delivery> RecordReader::ReadEntry(uint8_t kind) {
     int64_t difference = 0;
     if (!ReadSigned(difference)) return std::nullopt;
     const int64_t arrival_ns = Add(arrival_ns_, difference);
+    if (!IsTime(arrival_ns)) {
+        Damaged("holds an impossible arrival time");
+        return std::nullopt;
+    }
     arrival_ns_ = arrival_ns;
     Delivery entry;
     entry.event.arrival_ns = arrival_ns;
@@ -277,6 +286,10 @@ std::optional<Delivery> RecordReader::ReadSample(const shdclient::SensorInfo& se
     record.sensor = sensor.handle;
     record.type = sensor.event_type;
     record.timestamp = Subtract(arrival_ns, age);
+    if (!IsTime(record.timestamp)) {
+        Damaged("holds an impossible time stamp");
+        return std::nullopt;
+    }
     for (size_t i = 0; i < sensor.data_bytes; ++i) {
         if (!ReadByte(record.data[i])) return std::nullopt;
     }

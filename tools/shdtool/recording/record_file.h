@@ -52,7 +52,6 @@ class RecordWriter {
     // Takes the file away again if Create has made it and no entry was added.
     void Discard();
 
-    [[nodiscard]] uint64_t entries() const { return entries_; }
     [[nodiscard]] uint64_t bytes() const { return written_ + pending_.size(); }
 
   private:
@@ -81,10 +80,6 @@ class RecordReader {
     // After the end: empty when the file is whole, otherwise what is wrong behind the last entry.
     [[nodiscard]] const std::optional<shdclient::Error>& damage() const { return damage_; }
 
-    [[nodiscard]] int64_t begin_ns() const { return begin_ns_; }        // CLOCK_BOOTTIME
-    [[nodiscard]] int64_t begin_epoch_ns() const { return epoch_ns_; }  // since the epoch
-    [[nodiscard]] uint64_t entries() const { return entries_; }         // that Next returned
-
   private:
     RecordReader(std::ifstream file, std::string path)
         : file_(std::move(file)), path_(std::move(path)) {}
@@ -100,11 +95,9 @@ class RecordReader {
 
     std::ifstream file_;
     std::string path_;
-    int64_t begin_ns_ = 0;
-    int64_t epoch_ns_ = 0;
-    int64_t arrival_ns_ = 0;  // of the last entry
+    int64_t arrival_ns_ = 0;  // of the last entry, at first the beginning
     uint64_t position_ = 0;   // of the next byte
-    uint64_t entries_ = 0;
+    uint64_t entries_ = 0;    // that Next returned
     bool ended_ = false;
     std::optional<shdclient::Error> damage_;
 };

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <optional>
 
 #include "tools/shdtool/watch/signals.h"
 
@@ -28,7 +29,9 @@ class Replay {
     [[nodiscard]] shdclient::Result<WatchState> Run(RecordReader& reader) {
         const StopSignals signals;
         bool full = false;
-        for (auto entry = reader.Next(); entry && !full; entry = reader.Next()) {
+        while (!full) {
+            const std::optional<Delivery> entry = reader.Next();
+            if (!entry) break;
             if (!started_) Start(entry->event.arrival_ns);
             if (IsBeyond(entry->event.arrival_ns)) break;
             const Status waited = WaitFor(entry->event.arrival_ns);

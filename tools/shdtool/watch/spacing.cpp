@@ -1,5 +1,5 @@
-// Counts gaps in a sequence of samples. Called by the live statistics and by the audit.
-#include "tools/shdtool/watch/gaps.h"
+// Looks at the distances of samples. Called by the live statistics and by the audit.
+#include "tools/shdtool/watch/spacing.h"
 
 #include <algorithm>
 #include <cmath>
@@ -14,7 +14,9 @@ namespace {
 // A long spacing was a delay when within so many samples the lag behind the period is down to half
 // a period, or to a twentieth of its worst, for the period is only known so well. The number covers
 // most batches: a batch that came late is followed by one that is not.
-constexpr int64_t kMinPatience = 64;
+constexpr double kMinPatience = 64;
+constexpr double kMaxPatience = 1e6;
+constexpr double kMostMissing = 1e15;  // exact in a double
 constexpr double kMadeUpPeriods = 0.5;
 constexpr double kMadeUpShare = 0.05;
 
@@ -31,8 +33,7 @@ std::vector<int64_t> MeansOfStretches(std::span<const int64_t> values) {
     std::vector<int64_t> means;
     for (; values.size() >= length; values = values.subspan(length)) {
         const auto stretch = values.first(length);
-        means.push_back(std::accumulate(stretch.begin(), stretch.end(), int64_t{0}) /
-                        static_cast<int64_t>(length));
+        means.push_back(std::llround(SpreadOf(stretch).mean_ns));
     }
     return means;
 }
@@ -48,7 +49,7 @@ void GapCounter::Add(int64_t spacing_ns, int64_t period_ns) {
         if (!was_long_) ++delays_;
         was_long_ = true;
         worst_lag_ = std::max(worst_lag_, lag_);
-        patience_ = std::max(kMinPatience, int64_t{std::llround(lag_)} * 2);
+        patience_ = std::llround(std::clamp(lag_ * 2, kMinPatience, kMaxPatience));
         return;
     }
     was_long_ = false;
@@ -78,7 +79,7 @@ uint64_t GapCounter::presumed_gaps() const {
 
 uint64_t GapCounter::PresumedMissing() const {
     if (delays_ == 0 || lag_ < factor_ - 1) return 0;
-    return static_cast<uint64_t>(std::max<int64_t>(std::llround(lag_), 1));
+    return static_cast<uint64_t>(std::llround(std::clamp(lag_, 1.0, kMostMissing)));
 }
 
 void GapCounter::Close() {
@@ -100,13 +101,30 @@ bool IsPeriodic(const shdclient::SensorInfo& sensor) {
            sensor.event_type != SENSOR_TYPE_WRIST_TILT_GESTURE;
 }
 
+Spread SpreadOf(std::span<const int64_t> spacings_ns) {
+    const double count = static_cast<double>(spacings_ns.size());
+    const double mean =
+        std::accumulate(spacings_ns.begin(), spacings_ns.end(), 0.0,
+                        [](double sum, int64_t ns) { return sum + static_cast<double>(ns); }) /
+        count;
+    double squares = 0;
+    for (const int64_t spacing_ns : spacings_ns) {
+        const double deviation = static_cast<double>(spacing_ns) - mean;
+        squares += deviation * deviation;
+    }
+    return {mean, std::sqrt(squares / count)};
+}
+
+int64_t Median(std::vector<int64_t> values) {
+    return Quantile(values, 1, 2);
+}
+
 int64_t ApparentPeriod(std::span<const int64_t> spacings_ns) {
     if (spacings_ns.empty()) return 0;
     std::vector<int64_t> values(spacings_ns.begin(), spacings_ns.end());
     const int64_t median = Quantile(values, 1, 2);
     if (Quantile(values, 1, 4) >= median / 2) return median;
-    std::vector<int64_t> means = MeansOfStretches(spacings_ns);
-    return Quantile(means, 1, 2);
+    return Median(MeansOfStretches(spacings_ns));
 }
 
 }  // namespace shdtool

@@ -1,10 +1,11 @@
-// Tells samples that are missing from samples that only came late, and finds the period that both
-// are measured against. Used by the live statistics and by the audit.
+// What the distances of a sensor's samples tell: the period, how evenly it is kept, and which
+// samples are missing and not only late. Used by the live statistics and by the audit.
 #pragma once
 
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <vector>
 
 #include "tools/client/sensor_info.h"
 
@@ -52,6 +53,17 @@ class GapCounter {
 // False for sensors whose samples follow what happens (steps, gestures, the daemon's own sensors)
 // and not a period: their spacing says nothing.
 [[nodiscard]] bool IsPeriodic(const shdclient::SensorInfo& sensor);
+
+struct Spread {
+    double mean_ns;
+    double jitter_ns;  // standard deviation
+};
+
+// Of at least one spacing.
+[[nodiscard]] Spread SpreadOf(std::span<const int64_t> spacings_ns);
+
+// Of at least one value; of an even number the greater one of the two in the middle.
+[[nodiscard]] int64_t Median(std::vector<int64_t> values);
 
 // The period that samples of these spacings seem to have: their median, which missing samples do
 // not move. Where a quarter of them is below half the median, the samples come in bursts, and the

@@ -1,8 +1,6 @@
 // Statistics over a sliding window of samples. Called by the live table.
 #include "tools/shdtool/watch/stats.h"
 
-#include <algorithm>
-#include <cmath>
 #include <vector>
 
 namespace shdtool {
@@ -52,7 +50,7 @@ void SensorStats::AddSpacing(int64_t spacing_ns) {
     }
     ++spacings_seen_;
     if (spacings_seen_ == kPeriodFirst || spacings_seen_ % kPeriodEvery == 0) {
-        period_ns_ = Period();
+        period_ns_ = ApparentPeriod(std::vector<int64_t>(spacings_.begin(), spacings_.end()));
     }
     const int64_t period_ns = GapPeriod(asked_ns_, period_ns_);
     if (period_ns > 0) gaps_.Add(spacing_ns, period_ns);
@@ -72,29 +70,13 @@ void SensorStats::CountBatch(const shdclient::WatchedEvent& event) {
 
 std::optional<SpacingStats> SensorStats::spacing() const {
     if (spacings_.empty()) return std::nullopt;
-    const double count = static_cast<double>(spacings_.size());
-    SpacingStats stats{};
-    stats.mean_ns = static_cast<double>(spacings_sum_ns_) / count;
-    stats.period_ns = static_cast<double>(Period());
-    double squares = 0;
-    for (const int64_t spacing_ns : spacings_) {
-        const double deviation = static_cast<double>(spacing_ns) - stats.mean_ns;
-        squares += deviation * deviation;
-    }
-    stats.jitter_ns = std::sqrt(squares / count);
-    return stats;
-}
-
-int64_t SensorStats::Period() const {
-    return ApparentPeriod(std::vector<int64_t>(spacings_.begin(), spacings_.end()));
+    const std::vector<int64_t> spacings(spacings_.begin(), spacings_.end());
+    return SpacingStats{SpreadOf(spacings), ApparentPeriod(spacings)};
 }
 
 size_t SensorStats::batch() const {
     if (batches_.empty()) return 0;
-    std::vector<size_t> sorted(batches_.begin(), batches_.end());
-    const auto middle = sorted.begin() + static_cast<std::ptrdiff_t>(sorted.size() / 2);
-    std::nth_element(sorted.begin(), middle, sorted.end());
-    return *middle;
+    return static_cast<size_t>(Median({batches_.begin(), batches_.end()}));
 }
 
 }  // namespace shdtool

@@ -8,15 +8,14 @@
 #include <optional>
 
 #include "tools/client/event_watcher.h"
-#include "tools/shdtool/watch/gaps.h"
+#include "tools/shdtool/watch/spacing.h"
 
 namespace shdtool {
 
 // Of the spacings within the last 5 s of samples, or of the last 16 when those are slower.
 struct SpacingStats {
-    double mean_ns;
-    double period_ns;  // see ApparentPeriod
-    double jitter_ns;  // standard deviation
+    Spread spread;
+    int64_t period_ns;  // see ApparentPeriod
 };
 
 // Not thread-safe. Memory is bounded: at most 8,192 spacings.
@@ -51,7 +50,6 @@ class SensorStats {
   private:
     void AddSpacing(int64_t spacing_ns);
     void CountBatch(const shdclient::WatchedEvent& event);
-    [[nodiscard]] int64_t Period() const;
 
     const shdclient::SensorInfo& sensor_;
     const std::optional<int64_t> asked_ns_;
@@ -66,8 +64,8 @@ class SensorStats {
     int64_t period_ns_ = 0;  // as of the last look, 0: too few spacings
     GapCounter gaps_;
 
-    size_t batch_fill_ = 0;
-    std::deque<size_t> batches_;
+    int64_t batch_fill_ = 0;  // samples
+    std::deque<int64_t> batches_;
 };
 
 }  // namespace shdtool

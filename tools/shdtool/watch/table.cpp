@@ -29,19 +29,19 @@ std::string RateText(double spacing_ns) {
 std::string AskedText(const SensorStats& sensor, const std::optional<SpacingStats>& spacing) {
     if (sensor.asked_ns()) return RateText(static_cast<double>(*sensor.asked_ns()));
     if (!spacing) return "-";
-    return fmt::format("({})", RateText(spacing->period_ns));
+    return fmt::format("({})", RateText(static_cast<double>(spacing->period_ns)));
 }
 
 std::string StatsRow(const SensorStats& sensor, int64_t now_ns) {
     const auto spacing = sensor.spacing();
     const bool periodic = IsPeriodic(sensor.sensor());
-    return fmt::format(kRowFormat, sensor.sensor().name, spacing ? RateText(spacing->mean_ns) : "-",
-                       periodic ? AskedText(sensor, spacing) : "-",
-                       spacing ? fmt::format("{:.3f}", spacing->jitter_ns / kNsPerMs) : "-",
-                       sensor.batch() > 0 ? fmt::format("{}", sensor.batch()) : "-",
-                       sensor.last() ? FormatDuration(now_ns - sensor.last()->arrival_ns) : "-",
-                       sensor.samples(),
-                       periodic ? fmt::format("{}", sensor.gaps().presumed_gaps()) : "-");
+    return fmt::format(
+        kRowFormat, sensor.sensor().name, spacing ? RateText(spacing->spread.mean_ns) : "-",
+        periodic ? AskedText(sensor, spacing) : "-",
+        spacing ? fmt::format("{:.3f}", spacing->spread.jitter_ns / kNsPerMs) : "-",
+        sensor.batch() > 0 ? fmt::format("{}", sensor.batch()) : "-",
+        sensor.last() ? FormatDuration(now_ns - sensor.last()->arrival_ns) : "-", sensor.samples(),
+        periodic ? fmt::format("{}", sensor.gaps().presumed_gaps()) : "-");
 }
 
 std::string ValuesText(const SensorStats& sensor) {
