@@ -7,24 +7,26 @@
 #include <cstring>
 #include <string>
 
-#include "core/debug_flag.h"
-#include "core/sensor_table.h"
+#include "core/hub/debug_flag.h"
+#include "core/hub/sensor_table.h"
 #include "events/event_stamp.h"
 #include "mcu_link/byte_order.h"
-#include "mcu_link/exchange.h"
-#include "mcu_link/reboot_trigger.h"
+#include "mcu_link/exchange/exchange.h"
+#include "mcu_link/exchange/reboot_trigger.h"
 #include "platform/delay.h"
 #include "platform/log.h"
+#include "protocol/system.h"
 #include "sensor_commands/mcu_config.h"
 #include "sensor_commands/sensor_commands.h"
 #include "sockets/socket_io.h"
+
+using namespace shd;
 
 namespace {
 
 constexpr char kLogTag[] = "shd";
 constexpr std::chrono::seconds kRebootPause{2};
 constexpr int kFlushTimeoutSec = 2;
-constexpr int32_t kErrorCommand = -1;
 
 // One request on its way through its handler.
 struct Call {
@@ -65,7 +67,7 @@ int AnswerMcuWide(const Call& call, int32_t result) {
 }
 
 void AnswerError(int client, const ClientRequest& request) {
-    (void)SendReply(client, MakeReply(request.handle, kErrorCommand, -1));
+    (void)SendReply(client, MakeReply(request.handle, kErrorReplyCommand, -1));
 }
 
 // Starts the measurement of a sensor's sample interval afresh.
@@ -114,7 +116,7 @@ int SelfTest(const Call& call) {
 
 int SetParameter(const Call& call) {
     const size_t size = McuParameterSize(call.id);
-    static_assert(kMaxMcuParameterSize <= sizeof(call.request.args));
+    static_assert(kMaxParameterSize <= sizeof(call.request.args));
     return Answer(call, SensorSetParameter(call.hub, call.id, {call.request.args, size}));
 }
 
@@ -153,15 +155,9 @@ int ConfigureDateTime(const Call& call) {
     return -1;
 }
 
-// The fused sensors are never batched.
-bool IsNeverBatched(int32_t handle) {
-    return handle == kHandleGravity || handle == kHandleLinearAcceleration ||
-           handle == kHandleRotationVector || handle == kHandleGameRotationVector;
-}
-
 int Batch(const Call& call) {
     auto args = call.Argument<SensorBatchArgs>();
-    if (IsNeverBatched(call.request.handle)) args.batchcnt = 0;
+    if (!FindSensor(call.request.handle)->can_batch) args.batchcnt = 0;
     const int result = SensorBatch(call.hub, call.id, args);
     {
         const MutexLock lock(g_sensor_state_mutex);
@@ -220,7 +216,7 @@ int GetInformation(const Call& call) {
 
 int GetMcuVersion(const Call& call) {
     const auto number = call.Argument<uint16_t>();
-    ControlReply reply = MakeReply(0, SHB_MCU_RAWDATA_CONFIG, 0);  // clients expect this id
+    ControlReply reply = MakeReply(0, FindCommand(SHB_MCU_VERSION)->reply_command, 0);
     const int result = SensorVersion(call.hub, number, TextOf(&reply));
     LOGD("ProcessMcuVersion type:%d ret:%d", number, result);
     (void)SendReply(call.client, reply);
@@ -230,7 +226,7 @@ int GetMcuVersion(const Call& call) {
 int SwitchDebugLog(const Call& call) {
     const auto flag = call.Argument<uint16_t>();
     g_shd_log_debug = flag;
-    (void)property_set("persist.velmar.shd.debug", std::to_string(flag).c_str());
+    (void)property_set(kDebugProperty, std::to_string(flag).c_str());
     LOGD("ProcessMessage SHB_DEBUG_LOG flag:%d!", flag);
     (void)AnswerMcuWide(call, 0);
     return 0;
@@ -285,7 +281,7 @@ void ProcessVirtualSensor(SensorHub* hub, int client, const ClientRequest& reque
         }
     }
     if (request.command == SHB_SENSOR_FLUSH) SendFlushComplete(hub, request.handle);
-    (void)SendReply(client, MakeReply(request.handle, 0, 0));
+    (void)SendReply(client, MakeReply(request.handle, kVirtualReplyCommand, 0));
 }
 
 }  // namespace

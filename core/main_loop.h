@@ -1,7 +1,7 @@
 // The main thread's life after start-up: control requests, one at a time.
 #pragma once
 
-#include "core/sensor_hub.h"
+#include "core/hub/sensor_hub.h"
 
 class ControlServer;
 

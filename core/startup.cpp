@@ -18,24 +18,28 @@
 #include <string>
 #include <utility>
 
-#include "core/debug_flag.h"
+#include "core/hub/debug_flag.h"
+#include "core/hub/sensor_hub.h"
+#include "core/hub/sensor_table.h"
 #include "core/main_loop.h"
-#include "core/sensor_hub.h"
-#include "core/sensor_table.h"
 #include "mcu_link/byte_order.h"
-#include "mcu_link/reboot_trigger.h"
+#include "mcu_link/exchange/reboot_trigger.h"
 #include "mcu_link/serial_port.h"
+#include "mcu_link/uart_reader.h"
 #include "platform/delay.h"
 #include "platform/device_path.h"
 #include "platform/log.h"
 #include "platform/standard_descriptors.h"
 #include "platform/unique_fd.h"
+#include "protocol/system.h"
 #include "sensor_commands/mcu_config.h"
 #include "sensor_commands/mcu_parameters.h"
 #include "sensor_commands/sensor_commands.h"
 #include "sockets/control_server.h"
 #include "sockets/data_server.h"
 #include "update_mcu/mcu_update.h"
+
+using namespace shd;
 
 namespace {
 
@@ -44,8 +48,6 @@ constexpr int kListenBacklog = 5;
 constexpr int kReservedNamespace = 1;
 constexpr std::chrono::seconds kHandshakePause{2};
 constexpr int kPlainHandshakeFailures = 11;  // from the next one on, each is followed by an update
-constexpr int kAccCalibrationLimit = 313;    // exclusive
-constexpr int kBaroCalibrationLimit = 500;   // exclusive
 constexpr size_t kCalibrationFileSize = 64;
 
 using CalibrationBytes = std::array<uint8_t, kCalibrationFileSize>;
@@ -59,33 +61,33 @@ size_t ReadCalibrationFile(const char* path, CalibrationBytes* bytes) {
     return count > 0 ? static_cast<size_t>(count) : 0;
 }
 
-bool InRange(int value, int limit) {
-    return value > -limit && value < limit;
+bool InRange(int value, int max) {
+    return value >= -max && value <= max;
 }
 
 void InitAccCalibration() {
     CalibrationBytes bytes;
-    if (ReadCalibrationFile("/nvdata/accclibration", &bytes) == 0) return;
+    if (ReadCalibrationFile(kAccCalibrationPath, &bytes) == 0) return;
     const int16_t x = ReadLe<int16_t>(bytes.data());
     const int16_t y = ReadLe<int16_t>(bytes.data() + 2);
     const int16_t z = ReadLe<int16_t>(bytes.data() + 4);
-    if (InRange(x, kAccCalibrationLimit) && InRange(y, kAccCalibrationLimit) &&
-        InRange(z, kAccCalibrationLimit)) {
+    if (InRange(x, kAccCalibrationMax) && InRange(y, kAccCalibrationMax) &&
+        InRange(z, kAccCalibrationMax)) {
         g_acc_calibration[0] = x;
         g_acc_calibration[1] = y;
         g_acc_calibration[2] = z;
     }
-    LOGD("InitParameter read clibration info :%d %d %d res:%d\n", x, y, z, kAccCalibrationLimit);
+    LOGD("InitParameter read clibration info :%d %d %d res:%d\n", x, y, z, kAccCalibrationMax + 1);
 }
 
 void InitBaroCalibration() {
     CalibrationBytes bytes;
-    const size_t size = ReadCalibrationFile("/nvdata/BARO", &bytes);
+    const size_t size = ReadCalibrationFile(kBaroCalibrationPath, &bytes);
     if (size == 0) return;
     const auto end = std::find(bytes.begin(), bytes.begin() + size, uint8_t{0});
     const std::string text(bytes.begin(), end);
     const int value = std::atoi(text.c_str());
-    if (InRange(value, kBaroCalibrationLimit)) g_baro_calibration = value;
+    if (InRange(value, kBaroCalibrationMax)) g_baro_calibration = value;
     LOGD("InitParameter read clibration info :%s\n", text.c_str());
 }
 
@@ -126,11 +128,11 @@ bool ReadProperty(const char* name, int* value) {
 void ApplyProperties(SensorHub* hub) {
     if (const auto level = RestoreMcuLogLevel(hub)) LOGD("Set MCU Log Level : %d", *level);
     int value = 0;
-    if (ReadProperty("persist.velmar.shd.debug", &value)) {
+    if (ReadProperty(kDebugProperty, &value)) {
         g_shd_log_debug = value;
         LOGD("Set shd log debug : %d", value);
     }
-    if (ReadProperty("persist.velmar.shd.mcureboot", &value)) {
+    if (ReadProperty(kMcuRebootProperty, &value)) {
         g_mcu_reboot_disable = value;
         LOGD("Set shd mcu reboot disable : %d", value);
     }
@@ -138,7 +140,7 @@ void ApplyProperties(SensorHub* hub) {
 
 void ApplyRawDataProperty(SensorHub* hub) {
     int type = 0;
-    if (!ReadProperty("persist.velmar.shd.rawdatatype", &type) || type < 1 || type > 3) return;
+    if (!ReadProperty(kRawDataTypeProperty, &type) || type < 1 || type > 3) return;
     (void)McuRawDataConfig(hub, static_cast<uint16_t>(type));
     LOGD("Set MCU Raw data Log Level : %d", type);
 }
@@ -196,8 +198,8 @@ int RunDaemon() {
     (void)SetCoreDumpLimit();
     RaiseDescriptorLimit();
     InitParameter();
-    const int control_socket = TakeServerSocket("shdctl");
-    const int data_socket = TakeServerSocket("shddata");
+    const int control_socket = TakeServerSocket(kControlSocketName);
+    const int data_socket = TakeServerSocket(kDataSocketName);
     if (mcu_version_check() == 0 && mcu_update() != 0) return -1;
     (void)g_board_serial.Open();  // a port that stays closed shows up as failing writes
 

@@ -12,19 +12,18 @@
 #include <string>
 
 #include "diagnostics/base64.h"
+#include "mcu_link/exchange/reboot_trigger.h"
 #include "mcu_link/mcu_packet.h"
-#include "mcu_link/reboot_trigger.h"
 #include "platform/device_path.h"
 #include "platform/log.h"
 #include "platform/unique_fd.h"
+#include "protocol/system.h"
+
+using namespace shd;
 
 namespace {
 
 constexpr char kLogTag[] = "shd";
-constexpr char kDumpDir[] = "/data/mcudumplog/";
-constexpr char kRawName[] = "mcudump";
-constexpr char kBase64Name[] = "mcudumpbase64";
-constexpr int32_t kSlots = 6;
 constexpr size_t kHeaderSize = 3;  // ctl, count, index
 constexpr uint8_t kFirstPiece = 1;
 constexpr size_t kBase64BufferSize = 2048;
@@ -44,10 +43,10 @@ void StartDump() {
         return;
     }
     const std::string slot = std::to_string(g_mcu_dump_slot);
-    g_mcu_dump_path = std::string(kDumpDir) + kRawName + "_" + slot;
-    g_mcu_dump_base64_path = std::string(kDumpDir) + kBase64Name;
+    g_mcu_dump_path = std::string(kDumpDir) + kDumpName + "_" + slot;
+    g_mcu_dump_base64_path = std::string(kDumpDir) + kDumpBase64Name;
     if (g_mcu_dump_slot != 0) g_mcu_dump_base64_path += "." + slot;
-    g_mcu_dump_slot = (g_mcu_dump_slot + 1) % kSlots;
+    g_mcu_dump_slot = (g_mcu_dump_slot + 1) % kDumpSlots;
 }
 
 // Opens a dump file for appending; the first piece starts it afresh.

@@ -19,21 +19,22 @@
 #include <span>
 #include <string>
 
-#include "core/sensor_table.h"
+#include "core/hub/sensor_table.h"
 #include "mcu_link/byte_order.h"
 #include "mcu_link/mcu_packet.h"
 #include "platform/delay.h"
 #include "platform/device_path.h"
 #include "platform/log.h"
 #include "platform/unique_fd.h"
+#include "protocol/system.h"
+
+using namespace shd;
 
 Mutex g_raw_data_mutex;
 
 namespace {
 
 constexpr char kLogTag[] = "shd";
-constexpr char kDataDir[] = "/data/logdata/";
-constexpr char kRawDataDir[] = "/data/logdata/sensor/";
 constexpr mode_t kDirMode = 0755;
 constexpr mode_t kFileMode = 0666;
 constexpr off_t kFileLimit = 12'000'000;  // bytes
@@ -86,8 +87,8 @@ struct StreamLog {
 };
 
 constexpr StreamLog kStreamLogs[] = {
-    {"/data/logdata/sensor/alg.txt", kHandleStepCounter, "alg"},
-    {"/data/logdata/sensor/hrm.txt", kHandleHeartRate, "hrm"},
+    {kAlgorithmLogPath, kHandleStepCounter, "alg"},
+    {kHeartRateLogPath, kHandleHeartRate, "hrm"},
 };
 
 // Local time with one trailing space; empty when it cannot be computed.
@@ -121,7 +122,7 @@ UniqueFd OpenLog(const char* path) {
 void MakeDirectories() {
     struct stat status {};
     if (stat(DevicePath(kRawDataDir).c_str(), &status) == 0) return;
-    if (mkdir(DevicePath(kDataDir).c_str(), kDirMode) != 0) {
+    if (mkdir(DevicePath(kLogDataDir).c_str(), kDirMode) != 0) {
         LOGE("mkdir MCU_DATA_DIR already exist");
     }
     if (mkdir(DevicePath(kRawDataDir).c_str(), kDirMode) != 0) {

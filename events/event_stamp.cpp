@@ -4,9 +4,11 @@
 
 #include <cstring>
 
-#include "core/sensor_hub.h"
+#include "core/hub/sensor_hub.h"
 #include "platform/log.h"
 #include "sockets/data_server.h"
+
+using namespace shd;
 
 namespace {
 
@@ -64,7 +66,7 @@ void SendFlushComplete(SensorHub* hub, int32_t handle) {
     }
     SensorEvent event{};
     event.version = kFlushCompleteVersion;
-    event.type = SENSOR_TYPE_FLUSH_COMPLETE;
+    event.type = kTypeFlushComplete;
     const int32_t words[] = {1, handle};
     std::memcpy(event.data, words, sizeof(words));
     SendEvent(hub, event);

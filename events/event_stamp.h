@@ -4,8 +4,8 @@
 
 #include <cstdint>
 
-#include "core/sensor_table.h"
-#include "events/sensor_event.h"
+#include "core/hub/sensor_table.h"
+#include "protocol/event.h"
 
 class SensorHub;
 
@@ -18,11 +18,12 @@ class SensorHub;
 // Stamps the event of a sample that lies index sample intervals before now (ns). While a flush is
 // pending its countdown takes the index's place. The time stamp stays as it is when
 // period_ms * index / 1000, computed in 32 bits and wrapping, reaches now.
-void StampEvent(SensorState& state, SensorEvent* event, int64_t now, int32_t index)
+void StampEvent(SensorState& state, shd::SensorEvent* event, int64_t now, int32_t index)
     REQUIRES(g_sensor_state_mutex);
 
 // StampEvent for the sensor that the event names. Returns 0, or -1 without an event.
-int AddTimeStamp(SensorEvent* event, int64_t now, int32_t index) EXCLUDES(g_sensor_state_mutex);
+int AddTimeStamp(shd::SensorEvent* event, int64_t now, int32_t index)
+    EXCLUDES(g_sensor_state_mutex);
 
 // Takes consumed samples of a report off what a pending flush still waits for.
 void ConsumeFlush(SensorState& state, int32_t consumed) REQUIRES(g_sensor_state_mutex);
@@ -32,10 +33,10 @@ void ConsumeFlush(SensorState& state, int32_t consumed) REQUIRES(g_sensor_state_
 void SendFlushComplete(SensorHub* hub, int32_t handle) EXCLUDES(g_sensor_state_mutex);
 
 // Sends the event to every data client.
-void SendEvent(SensorHub* hub, const SensorEvent& event);
+void SendEvent(SensorHub* hub, const shd::SensorEvent& event);
 
 // A zeroed sample event.
-[[nodiscard]] SensorEvent MakeEvent(int32_t handle, int32_t type);
+[[nodiscard]] shd::SensorEvent MakeEvent(int32_t handle, int32_t type);
 
 // Stores a value in one of the event's sixteen 32-bit data slots.
-void SetDataSlot(SensorEvent* event, size_t slot, float value);
+void SetDataSlot(shd::SensorEvent* event, size_t slot, float value);

@@ -6,18 +6,20 @@
 
 #include <string>
 
-#include "core/sensor_hub.h"
+#include "core/hub/sensor_hub.h"
 #include "diagnostics/core_dump.h"
 #include "diagnostics/raw_data.h"
 #include "events/sensor_data.h"
 #include "platform/device_path.h"
 #include "platform/log.h"
 #include "platform/unique_fd.h"
+#include "protocol/system.h"
+
+using namespace shd;
 
 namespace {
 
 constexpr char kLogTag[] = "shd";
-constexpr char kCalibrationPath[] = "/nvdata/accclibration";
 constexpr mode_t kCalibrationMode = 0700;
 
 void LogMcuLine(const McuMessage& message) {
@@ -36,7 +38,7 @@ void SaveCalibration(const McuMessage& message) {
     constexpr char kSaveTag[] = "shd_hdlc";
     if (!IsCalibrationReply(message)) return;
     __android_log_print(ANDROID_LOG_DEBUG, kSaveTag, "nvdata save clibration info\n");
-    const UniqueFd file(open(DevicePath(kCalibrationPath).c_str(),
+    const UniqueFd file(open(DevicePath(kAccCalibrationPath).c_str(),
                              O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, kCalibrationMode));
     if (file.get() <= 0) return;
     const auto data = message.payload();

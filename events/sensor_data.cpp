@@ -7,12 +7,14 @@
 #include <cstring>
 #include <optional>
 
-#include "core/debug_flag.h"
-#include "core/sensor_hub.h"
+#include "core/hub/debug_flag.h"
+#include "core/hub/sensor_hub.h"
 #include "events/event_stamp.h"
 #include "events/step_counter.h"
 #include "mcu_link/byte_order.h"
 #include "platform/log.h"
+
+using namespace shd;
 
 namespace {
 
@@ -69,15 +71,13 @@ struct BatchedSensor {
 };
 
 constexpr BatchedSensor kBatchedSensors[] = {
-    {kMcuAccelerometer, kHandleAccelerometer, SENSOR_TYPE_ACCELEROMETER, 6, true,
-     ConvertAccelerometer},
-    {kMcuGyroscope, kHandleGyroscope, SENSOR_TYPE_GYROSCOPE, 6, true, ConvertGyroscope},
-    {kMcuPressure, kHandlePressure, SENSOR_TYPE_PRESSURE, 4, true, ConvertPressure},
-    {kMcuGravity, kHandleGravity, SENSOR_TYPE_GRAVITY, 12, false, ConvertVector},
-    {kMcuLinearAcceleration, kHandleLinearAcceleration, SENSOR_TYPE_LINEAR_ACCELERATION, 12, false,
+    {kMcuAccelerometer, kHandleAccelerometer, kTypeAccelerometer, 6, true, ConvertAccelerometer},
+    {kMcuGyroscope, kHandleGyroscope, kTypeGyroscope, 6, true, ConvertGyroscope},
+    {kMcuPressure, kHandlePressure, kTypePressure, 4, true, ConvertPressure},
+    {kMcuGravity, kHandleGravity, kTypeGravity, 12, false, ConvertVector},
+    {kMcuLinearAcceleration, kHandleLinearAcceleration, kTypeLinearAcceleration, 12, false,
      ConvertVector},
-    {kMcuRotationVector, kHandleRotationVector, SENSOR_TYPE_ROTATION_VECTOR, 16, false,
-     ConvertRotation},
+    {kMcuRotationVector, kHandleRotationVector, kTypeRotationVector, 16, false, ConvertRotation},
 };
 
 const BatchedSensor* FindBatchedSensor(int32_t mcu_sensor_id) {
@@ -112,7 +112,7 @@ void SendSample(SensorHub* hub, const SensorEvent& event, bool game_enabled, boo
     if (game_enabled) {
         SensorEvent game = event;
         game.sensor = kHandleGameRotationVector;
-        game.type = SENSOR_TYPE_GAME_ROTATION_VECTOR;
+        game.type = kTypeGameRotationVector;
         SetDataSlot(&game, 3, 0.0F);
         SendEvent(hub, game);
     }
@@ -127,7 +127,7 @@ struct ReportResult {
 
 ReportResult ProcessRawRecords(SensorHub* hub, std::span<const uint8_t> data, int64_t now) {
     const auto count = static_cast<int32_t>(data.size() / kRawRecordSize);
-    SensorEvent event = MakeEvent(kHandleRawRecord, SENSOR_TYPE_RAW_RECORD);
+    SensorEvent event = MakeEvent(kHandleRawRecord, kTypeRawRecord);
     for (int32_t index = count - 1; index >= 0; --index) {
         (void)AddTimeStamp(&event, now, index);
         std::memcpy(event.data, data.data(), kRawRecordSize);
@@ -140,7 +140,7 @@ ReportResult ProcessRawRecords(SensorHub* hub, std::span<const uint8_t> data, in
 ReportResult ProcessHeartRate(SensorHub* hub, std::span<const uint8_t> data, int64_t now) {
     constexpr size_t kReportSize = 8;
     if (data.size() < kReportSize) return {kHandleHeartRate, 0};
-    SensorEvent event = MakeEvent(kHandleHeartRate, SENSOR_TYPE_HEART_RATE);
+    SensorEvent event = MakeEvent(kHandleHeartRate, kTypeHeartRate);
     (void)AddTimeStamp(&event, now, 0);
     const auto bpm = static_cast<float>(ReadLe<uint32_t>(data.data()));
     const auto status = ReadLe<uint32_t>(data.data() + 4);
@@ -154,7 +154,7 @@ ReportResult ProcessHeartRate(SensorHub* hub, std::span<const uint8_t> data, int
 }
 
 ReportResult ProcessWristTilt(SensorHub* hub, int64_t now) {
-    SensorEvent event = MakeEvent(kHandleWristTilt, SENSOR_TYPE_WRIST_TILT_GESTURE);
+    SensorEvent event = MakeEvent(kHandleWristTilt, kTypeWristTilt);
     (void)AddTimeStamp(&event, now, 0);
     if (g_shd_log_debug != 0) LOGD("SENSOR_TYPE_WRIST_TILT_GESTURE event");
     SendEvent(hub, event);
@@ -164,7 +164,7 @@ ReportResult ProcessWristTilt(SensorHub* hub, int64_t now) {
 ReportResult ProcessMotionHealth(SensorHub* hub, std::span<const uint8_t> data, int64_t now) {
     const auto count = static_cast<int32_t>(data.size() / kMotionHealthSize);
     int32_t report_index = count;
-    SensorEvent event = MakeEvent(kHandleMotionHealth, SENSOR_TYPE_MOTION_HEALTH);
+    SensorEvent event = MakeEvent(kHandleMotionHealth, kTypeMotionHealth);
     for (int32_t i = 0; i < count; ++i, data = data.subspan(kMotionHealthSize)) {
         int32_t index = 0;
         {

@@ -3,12 +3,14 @@
 
 #include <cstring>
 
-#include "core/debug_flag.h"
+#include "core/hub/debug_flag.h"
 #include "events/event_stamp.h"
 #include "mcu_link/byte_order.h"
+#include "mcu_link/exchange/reboot_trigger.h"
 #include "mcu_link/mcu_packet.h"
-#include "mcu_link/reboot_trigger.h"
 #include "platform/log.h"
+
+using namespace shd;
 
 namespace {
 
@@ -20,7 +22,7 @@ constexpr int64_t kSignificantMotionPauseNs = 10'000'000'000;
 int32_t StepCounter::Process(SensorHub* hub, const McuMessage& message, int64_t now) {
     const auto data = message.payload();
     if (data.size() < sizeof(uint32_t)) return 0;
-    SensorEvent event = MakeEvent(kHandleStepCounter, SENSOR_TYPE_STEP_COUNTER);
+    SensorEvent event = MakeEvent(kHandleStepCounter, kTypeStepCounter);
     (void)AddTimeStamp(&event, now, 0);
 
     const auto mcu_step = ReadLe<uint32_t>(data.data());
@@ -46,7 +48,7 @@ void StepCounter::SendDetectedSteps(SensorHub* hub, uint32_t value, int64_t time
         const MutexLock lock(g_sensor_state_mutex);
         if (StateOf(kHandleStepDetector).virtual_enable == 0) return;
     }
-    SensorEvent event = MakeEvent(kHandleStepDetector, SENSOR_TYPE_STEP_COUNTER);
+    SensorEvent event = MakeEvent(kHandleStepDetector, kTypeStepCounter);
     event.timestamp = timestamp;
     SetDataSlot(&event, 0, 1.0F);
     const auto steps = static_cast<int32_t>(value - last_step_);
@@ -62,7 +64,7 @@ void StepCounter::SendSignificantMotion(SensorHub* hub, uint32_t value, int64_t 
         if (value == last_step_ || timestamp - state.last_time <= kSignificantMotionPauseNs) return;
         state.last_time = timestamp;
     }
-    SensorEvent event = MakeEvent(kHandleSignificantMotion, SENSOR_TYPE_SIGNIFICANT_MOTION);
+    SensorEvent event = MakeEvent(kHandleSignificantMotion, kTypeSignificantMotion);
     event.timestamp = timestamp;
     SetDataSlot(&event, 0, 1.0F);
     SendEvent(hub, event);

@@ -10,16 +10,18 @@
 #include "platform/control_file.h"
 #include "platform/device_path.h"
 #include "platform/log.h"
+#include "protocol/system.h"
+
+using namespace shd;
 
 namespace {
 
 constexpr char kLogTag[] = "shd_serial";
-constexpr char kSleepPath[] = "/proc/mcusleep/sleep";
 
 // Tells the MCU to stay awake; negative when it cannot be told. A system without the control file
 // has nothing to wake.
 ssize_t WakeMcu() {
-    const ControlFileResult result = WriteControlFile(kSleepPath, "0");
+    const ControlFileResult result = WriteControlFile(kMcuSleepPath, "0");
     return result.opened ? result.written : 0;
 }
 

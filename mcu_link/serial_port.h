@@ -7,8 +7,6 @@
 
 #include <sys/types.h>
 
-inline constexpr char kUartPath[] = "/dev/ttyHSL1";
-
 class SerialPort {
   public:
     // Both return what read and write return: a count, or a negative value on failure.

@@ -5,17 +5,10 @@
 #include <cstdint>
 #include <span>
 
+#include "mcu_link/event_sink.h"
 #include "mcu_link/frame_codec.h"
 #include "mcu_link/mcu_packet.h"
 #include "mcu_link/serial_port.h"
-
-class McuEventSink {
-  public:
-    // Takes ownership of the message. Called on the reader thread, in the order of arrival; must
-    // not wait for the MCU. The result is not used.
-    virtual int OnEvent(McuMessage* message) = 0;
-    virtual ~McuEventSink() = default;
-};
 
 // Argument of the reader thread; lives as long as the thread.
 struct ListenArgs {

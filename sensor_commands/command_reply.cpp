@@ -2,7 +2,7 @@
 // data.
 #include "sensor_commands/command_reply.h"
 
-#include "mcu_link/exchange.h"
+#include "mcu_link/exchange/exchange.h"
 
 CommandReply ExchangeCommand(SensorHub* hub, const McuPacket& packet, int timeout_sec) {
     McuMessagePtr message;

@@ -8,7 +8,10 @@
 #include "diagnostics/raw_data.h"
 #include "mcu_link/mcu_packet.h"
 #include "platform/log.h"
+#include "protocol/system.h"
 #include "sensor_commands/command_reply.h"
+
+using namespace shd;
 
 std::array<std::atomic<uint32_t>, 4> g_mcu_health_param;
 
@@ -53,7 +56,7 @@ int SendHealthWords(SensorHub* hub) {
 }
 
 void StoreRawDataType(const char* value) {
-    (void)property_set("persist.velmar.shd.rawdatatype", value);
+    (void)property_set(kRawDataTypeProperty, value);
 }
 
 bool Prepare(RawDataKind kind, const char* buffer_name) REQUIRES(g_raw_data_mutex) {

@@ -7,8 +7,11 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/sensor_table.h"
+#include "core/hub/sensor_table.h"
+#include "protocol/system.h"
 #include "sensor_commands/sensor_commands.h"
+
+using namespace shd;
 
 int16_t g_acc_calibration[3] = {0, 0, 0};
 int32_t g_baro_calibration = 0;
@@ -37,7 +40,7 @@ void SendMcuParameters(SensorHub* hub) {
 
 std::optional<int> RestoreMcuLogLevel(SensorHub* hub) {
     char value[PROPERTY_VALUE_MAX];
-    if (property_get("persist.velmar.shd.mculog", value, nullptr) == 0) return std::nullopt;
+    if (property_get(kMcuLogProperty, value, nullptr) == 0) return std::nullopt;
     const int level = std::atoi(value);
     if (level < 0 || level > kHighestLogLevel) return std::nullopt;
     (void)McuLogLevel(hub, 1, level);

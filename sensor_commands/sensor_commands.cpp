@@ -6,11 +6,14 @@
 #include <cstring>
 #include <string>
 
-#include "core/sensor_table.h"
+#include "core/hub/sensor_table.h"
 #include "diagnostics/raw_data.h"
-#include "mcu_link/exchange.h"
+#include "mcu_link/exchange/exchange.h"
 #include "platform/log.h"
+#include "protocol/system.h"
 #include "sensor_commands/command_reply.h"
+
+using namespace shd;
 
 namespace {
 
@@ -162,7 +165,7 @@ int SensorHandshake(SensorHub* hub, int timeout_sec) {
 }
 
 int McuLogLevel(SensorHub* hub, int first_byte, int level) {
-    (void)property_set("persist.velmar.shd.mculog", std::to_string(level).c_str());
+    (void)property_set(kMcuLogProperty, std::to_string(level).c_str());
     McuPacket packet = SensorPacket(MCU_SERVICE_LOG, MCU_CMD_LOG_LEVEL);
     const uint8_t bytes[] = {static_cast<uint8_t>(first_byte), static_cast<uint8_t>(level)};
     AppendArguments(&packet, bytes);

@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <memory>
 
-#include "core/sensor_hub.h"
+#include "core/hub/sensor_hub.h"
 #include "platform/log.h"
 #include "sockets/socket_io.h"
 

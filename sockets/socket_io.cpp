@@ -6,6 +6,8 @@
 #include <cerrno>
 #include <cstdint>
 
+using namespace shd;
+
 int ReadFull(int fd, void* buffer, int length) {
     auto* bytes = static_cast<uint8_t*>(buffer);
     while (length > 0) {

@@ -3,7 +3,7 @@
 
 #include <cstddef>
 
-#include "core/control_protocol.h"
+#include "protocol/control.h"
 
 // Blocks until length bytes have arrived. Returns 0, or -1 at the end of the stream or on an
 // error; a length of 0 or less returns 0 at once.
@@ -14,4 +14,4 @@
 [[nodiscard]] bool SendAll(int fd, const void* data, size_t length);
 
 // Sends the reply to a client. Never blocks. Returns 0, or -1 when it could not be sent whole.
-int SendReply(int client, const ControlReply& reply);
+int SendReply(int client, const shd::ControlReply& reply);

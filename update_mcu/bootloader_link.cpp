@@ -11,6 +11,9 @@
 #include "platform/delay.h"
 #include "platform/device_path.h"
 #include "platform/log.h"
+#include "protocol/system.h"
+
+using namespace shd;
 
 namespace {
 

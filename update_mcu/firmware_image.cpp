@@ -15,7 +15,10 @@
 #include "platform/device_path.h"
 #include "platform/log.h"
 #include "platform/unique_fd.h"
+#include "protocol/system.h"
 #include "update_mcu/bootloader_link.h"
+
+using namespace shd;
 
 namespace {
 

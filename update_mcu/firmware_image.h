@@ -9,7 +9,6 @@
 static_assert(std::endian::native == std::endian::little,
               "the header is used as it lies in memory");
 
-inline constexpr char kFirmwareImagePath[] = "/system/bin/mcu.bin";
 inline constexpr uint32_t kFirmwareMagic = 0xFFAAAAFF;
 inline constexpr uint32_t kFlashBase = 0x08000000;
 

@@ -6,22 +6,22 @@
 #include "platform/control_file.h"
 #include "platform/delay.h"
 #include "platform/log.h"
+#include "protocol/system.h"
+
+using namespace shd;
 
 namespace {
 
 constexpr char kLogTag[] = "update_mcu";
-constexpr char kBoot0Path[] = "/proc/mcu/gpio_mcu_boot0";
-constexpr char kBoot1Path[] = "/proc/mcu/gpio_mcu_boot1";
-constexpr char kResetPath[] = "/proc/mcu/gpio_mcu_reset";
 
 // A control file that fails has been reported; the sequence goes on to its end regardless.
 void PulseReset(const char* boot0, std::chrono::microseconds low,
                 std::chrono::microseconds settle) {
-    (void)write_gpio_data_str(kBoot1Path, "0");
-    (void)write_gpio_data_str(kBoot0Path, boot0);
-    (void)write_gpio_data_str(kResetPath, "0");
+    (void)write_gpio_data_str(kMcuBoot1Path, "0");
+    (void)write_gpio_data_str(kMcuBoot0Path, boot0);
+    (void)write_gpio_data_str(kMcuResetPath, "0");
     Delay(low);
-    (void)write_gpio_data_str(kResetPath, "1");
+    (void)write_gpio_data_str(kMcuResetPath, "1");
     Delay(settle);
 }
 

@@ -11,9 +11,12 @@
 #include "platform/delay.h"
 #include "platform/log.h"
 #include "platform/mutex.h"
+#include "protocol/system.h"
 #include "update_mcu/bootloader_link.h"
 #include "update_mcu/firmware_image.h"
 #include "update_mcu/gpio.h"
+
+using namespace shd;
 
 namespace {
 
@@ -156,7 +159,7 @@ int RunUpdate() {
     if (get_mcu_head(&head) != 0) {
         LOGE("target mcu header get error!\n");
     } else {
-        (void)property_set("persist.mcu.version", head.version);
+        (void)property_set(kMcuVersionProperty, head.version);
         mcu_end();
     }
     LOGI("mcu_update ok!\n");

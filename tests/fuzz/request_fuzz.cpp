@@ -8,6 +8,8 @@
 #include "tests/fuzz/fuzz.h"
 #include "tests/support/test_hub.h"
 
+using namespace shd;
+
 int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     using namespace shdtest;
     constexpr size_t kStep = sizeof(ClientRequest) + 1;

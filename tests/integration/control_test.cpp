@@ -6,6 +6,8 @@
 
 #include "tests/integration/hub.h"
 
+using namespace shd;
+
 namespace {
 
 ControlReply Reply(int32_t handle, int32_t command, int32_t result = 0,

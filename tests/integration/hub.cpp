@@ -20,6 +20,8 @@
 #include "tools/client/local_socket.h"
 #include "tools/mcusim/firmware_image.h"
 
+using namespace shd;
+
 namespace {
 
 namespace fs = std::filesystem;

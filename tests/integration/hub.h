@@ -14,8 +14,8 @@
 #include <thread>
 #include <vector>
 
-#include "core/control_protocol.h"
-#include "events/sensor_event.h"
+#include "protocol/control.h"
+#include "protocol/event.h"
 #include "tools/client/event_stream.h"
 #include "tools/client/hub_client.h"
 
@@ -113,7 +113,7 @@ class EventTap {
 
     explicit EventTap(const Hub& hub);
     ~EventTap();
-    [[nodiscard]] std::vector<SensorEvent> Of(int32_t handle) const;
+    [[nodiscard]] std::vector<shd::SensorEvent> Of(int32_t handle) const;
     [[nodiscard]] int64_t Count(int32_t handle) const { return std::ssize(Of(handle)); }
     // False once the daemon has closed the connection or has sent anything but whole records.
     [[nodiscard]] bool intact() const;
@@ -123,7 +123,7 @@ class EventTap {
 
     shdclient::EventStream stream_;
     mutable std::mutex mutex_;
-    std::map<int32_t, std::vector<SensorEvent>> events_;
+    std::map<int32_t, std::vector<shd::SensorEvent>> events_;
     bool intact_ = true;
     std::jthread thread_;
 };
@@ -131,9 +131,10 @@ class EventTap {
 // A control connection on which any bytes can be sent, and its next whole reply.
 UniqueFd ConnectRaw(const Hub& hub);
 void SendRaw(int fd, const void* bytes, size_t size);
-void SendRaw(int fd, const ClientRequest& request);
-ControlReply ReceiveRaw(int fd);
+void SendRaw(int fd, const shd::ClientRequest& request);
+shd::ControlReply ReceiveRaw(int fd);
 // True when the descriptor becomes readable within the time.
 bool Readable(int fd, std::chrono::milliseconds timeout);
 
-ClientRequest Request(int32_t handle, int32_t command, std::initializer_list<uint8_t> args = {});
+shd::ClientRequest Request(int32_t handle, int32_t command,
+                           std::initializer_list<uint8_t> args = {});

@@ -8,6 +8,8 @@
 
 #include "tests/integration/hub.h"
 
+using namespace shd;
+
 namespace {
 
 std::vector<int64_t> StepCounts(const EventTap& tap) {

@@ -10,6 +10,8 @@
 
 #include "tests/integration/hub.h"
 
+using namespace shd;
+
 namespace {
 
 // Waits until the daemon has read all that was sent.

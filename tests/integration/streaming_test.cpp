@@ -8,6 +8,8 @@
 
 #include "tests/integration/hub.h"
 
+using namespace shd;
+
 namespace {
 
 struct Stream {

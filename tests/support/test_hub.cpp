@@ -9,8 +9,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/debug_flag.h"
-#include "mcu_link/reboot_trigger.h"
+#include "core/hub/debug_flag.h"
+#include "mcu_link/exchange/reboot_trigger.h"
+
+using namespace shd;
 
 namespace shdtest {
 

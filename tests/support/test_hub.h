@@ -8,11 +8,11 @@
 #include <string_view>
 #include <vector>
 
-#include "core/sensor_hub.h"
-#include "core/sensor_table.h"
-#include "events/sensor_event.h"
+#include "core/hub/sensor_hub.h"
+#include "core/hub/sensor_table.h"
 #include "mcu_link/serial_port.h"
 #include "platform/unique_fd.h"
+#include "protocol/event.h"
 #include "sockets/data_server.h"
 #include "tests/support/platform.h"
 
@@ -79,7 +79,7 @@ struct TestHub : CleanProcess {
     UniqueFd data_client;
 
     // The records that the data client has received since the last call.
-    [[nodiscard]] std::vector<SensorEvent> TakeEvents() const;
+    [[nodiscard]] std::vector<shd::SensorEvent> TakeEvents() const;
 
     // Hands over a message as the reader thread does.
     void Receive(const std::string& packet) { (void)hub.OnEvent(Message(packet).release()); }

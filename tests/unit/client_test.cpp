@@ -13,6 +13,8 @@
 #include "tools/client/event_stream.h"
 #include "tools/client/hub_client.h"
 
+using namespace shd;
+
 namespace shdclient {
 namespace {
 

@@ -8,9 +8,11 @@
 #include <thread>
 
 #include "core/control_commands.h"
-#include "core/debug_flag.h"
-#include "mcu_link/reboot_trigger.h"
+#include "core/hub/debug_flag.h"
+#include "mcu_link/exchange/reboot_trigger.h"
 #include "tests/support/test_hub.h"
+
+using namespace shd;
 
 namespace {
 

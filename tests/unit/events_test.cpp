@@ -3,12 +3,14 @@
 
 #include <cstring>
 
-#include "core/debug_flag.h"
+#include "core/hub/debug_flag.h"
 #include "events/event_stamp.h"
 #include "events/sensor_data.h"
 #include "events/step_counter.h"
-#include "mcu_link/reboot_trigger.h"
+#include "mcu_link/exchange/reboot_trigger.h"
 #include "tests/support/test_hub.h"
+
+using namespace shd;
 
 namespace {
 

@@ -10,10 +10,10 @@
 #include <atomic>
 #include <thread>
 
-#include "mcu_link/exchange.h"
+#include "mcu_link/exchange/exchange.h"
 #include "mcu_link/line.h"
+#include "mcu_link/recovery/wake.h"
 #include "mcu_link/uart_reader.h"
-#include "mcu_link/wake.h"
 #include "sensor_commands/sensor_commands.h"
 #include "tests/support/in_child.h"
 #include "tests/support/test_hub.h"

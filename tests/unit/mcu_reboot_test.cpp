@@ -1,5 +1,5 @@
 // The recovery of a silent MCU: order of everything it does, and its ways out.
-#include "mcu_link/mcu_reboot.h"
+#include "mcu_link/recovery/mcu_reboot.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -10,7 +10,7 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "mcu_link/reboot_trigger.h"
+#include "mcu_link/exchange/reboot_trigger.h"
 #include "sensor_commands/mcu_config.h"
 #include "tests/support/fake_uart.h"
 #include "tests/support/test_hub.h"

@@ -12,6 +12,8 @@
 #include "tests/support/in_child.h"
 #include "tests/support/test_hub.h"
 
+using namespace shd;
+
 namespace {
 
 using namespace shdtest;

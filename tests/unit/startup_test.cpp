@@ -15,6 +15,8 @@
 #include "tests/support/in_child.h"
 #include "tests/support/test_hub.h"
 
+using namespace shd;
+
 namespace {
 
 using namespace shdtest;

@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <cstring>
 
+using namespace shd;
+
 namespace shdclient {
 namespace {
 
@@ -27,7 +29,7 @@ bool UnusedBytesAreZero(const SensorEvent& event, size_t used) {
 
 // The sensor whose flush has ended, or nullptr when the record is no flush-complete event.
 const SensorInfo* FlushedSensor(const SensorEvent& event) {
-    if (event.version != kFlushCompleteVersion || event.type != SENSOR_TYPE_FLUSH_COMPLETE ||
+    if (event.version != kFlushCompleteVersion || event.type != kTypeFlushComplete ||
         event.sensor != 0 || event.timestamp != 0 || Load<int32_t>(event, 0) != 1) {
         return nullptr;
     }
@@ -37,7 +39,7 @@ const SensorInfo* FlushedSensor(const SensorEvent& event) {
 const SensorInfo* SampledSensor(const SensorEvent& event) {
     if (event.version != kSampleEventVersion) return nullptr;
     const SensorInfo* sensor = FindSensor(event.sensor);
-    return sensor != nullptr && sensor->event_type == event.type ? sensor : nullptr;
+    return sensor != nullptr && sensor->type == event.type ? sensor : nullptr;
 }
 
 void DecodeValues(const SensorEvent& event, DecodedEvent& decoded) {

@@ -8,7 +8,7 @@
 #include <optional>
 #include <span>
 
-#include "events/sensor_event.h"
+#include "protocol/event.h"
 #include "tools/client/sensor_info.h"
 
 namespace shdclient {
@@ -35,9 +35,9 @@ struct DecodedEvent {
 
 // True when the hub can have sent this record: version, sensor and type belong together, and
 // every byte that the type leaves unused is 0.
-[[nodiscard]] bool IsHubRecord(const SensorEvent& event);
+[[nodiscard]] bool IsHubRecord(const shd::SensorEvent& event);
 
 // Decodes a record; empty when it is not a record of the hub.
-[[nodiscard]] std::optional<DecodedEvent> DecodeEvent(const SensorEvent& event);
+[[nodiscard]] std::optional<DecodedEvent> DecodeEvent(const shd::SensorEvent& event);
 
 }  // namespace shdclient

@@ -14,6 +14,8 @@
 
 #include "tools/client/local_socket.h"
 
+using namespace shd;
+
 namespace shdclient {
 namespace {
 

@@ -10,8 +10,8 @@
 #include <utility>
 #include <vector>
 
-#include "events/sensor_event.h"
 #include "platform/unique_fd.h"
+#include "protocol/event.h"
 #include "tools/client/record_assembler.h"
 #include "tools/client/result.h"
 
@@ -34,7 +34,7 @@ class EventStream {
     // Appends the events that have arrived, reading at most 64 KiB, and returns their number; 0
     // when none is complete. Never blocks. kDisconnected when the daemon has closed the connection;
     // the events that came before that are delivered first.
-    [[nodiscard]] Result<size_t> Read(std::vector<SensorEvent>& events);
+    [[nodiscard]] Result<size_t> Read(std::vector<shd::SensorEvent>& events);
 
     // Waits until the daemon's data server has this connection on its list, so that no event that
     // happens from now on is missed. A connection counts as made before the daemon has accepted it;

@@ -7,6 +7,8 @@
 #include <ctime>
 #include <utility>
 
+using namespace shd;
+
 namespace shdclient {
 namespace {
 

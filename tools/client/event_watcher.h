@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "events/sensor_event.h"
+#include "protocol/event.h"
 #include "tools/client/event_decoder.h"
 #include "tools/client/event_stream.h"
 #include "tools/client/result.h"
@@ -16,7 +16,7 @@
 namespace shdclient {
 
 struct WatchedEvent {
-    SensorEvent record;
+    shd::SensorEvent record;
     DecodedEvent decoded;
     int64_t arrival_ns;  // CLOCK_BOOTTIME when it was read, the clock of decoded.timestamp_ns
 };
@@ -64,7 +64,7 @@ class EventWatcher {
     const WatchOptions options_;
     std::optional<EventStream> stream_;
     uint64_t discarded_earlier_ = 0;
-    std::vector<SensorEvent> records_;
+    std::vector<shd::SensorEvent> records_;
 };
 
 // Nanoseconds of CLOCK_BOOTTIME.

@@ -12,6 +12,8 @@
 
 #include "tools/client/local_socket.h"
 
+using namespace shd;
+
 namespace shdclient {
 namespace {
 
@@ -189,7 +191,7 @@ Status HubClient::SelfTest(int32_t handle) {
 
 Status HubClient::SetParameter(int32_t handle, std::span<const uint8_t> bytes) {
     const SensorInfo* sensor = FindSensor(handle);
-    const size_t expected = sensor != nullptr ? sensor->block_bytes : 0;
+    const size_t expected = sensor != nullptr ? sensor->parameter_size : 0;
     if (expected == 0) {
         return Error{ErrorCode::kInvalidArgument,
                      SensorName(handle) +
@@ -208,7 +210,7 @@ Status HubClient::SetParameter(int32_t handle, std::span<const uint8_t> bytes) {
 
 Result<Calibration> HubClient::Calibrate(int32_t handle) {
     const SensorInfo* sensor = FindSensor(handle);
-    if (sensor == nullptr || sensor->block_bytes == 0) {
+    if (sensor == nullptr || sensor->parameter_size == 0) {
         return Error{ErrorCode::kInvalidArgument,
                      SensorName(handle) +
                          " has no calibration; only accelerometer, gyroscope, pressure and "
@@ -218,7 +220,7 @@ Result<Calibration> HubClient::Calibrate(int32_t handle) {
         RunForData(MakeRequest(handle, SHB_SENSOR_CALIBRATION), ReplyForm::kResult);
     if (!reply) return reply.error();
     Calibration calibration;
-    if (sensor->block_bytes == sizeof(int16_t) * 3) {
+    if (sensor->parameter_size == sizeof(int16_t) * 3) {
         int16_t axes[3];
         std::memcpy(axes, reply->data.data(), sizeof(axes));
         std::copy(std::begin(axes), std::end(axes), calibration.all_values.begin());

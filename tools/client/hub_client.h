@@ -13,8 +13,8 @@
 #include <string_view>
 #include <utility>
 
-#include "core/control_protocol.h"
 #include "platform/unique_fd.h"
+#include "protocol/control.h"
 #include "tools/client/reply.h"
 #include "tools/client/result.h"
 #include "tools/client/sensor_info.h"
@@ -60,11 +60,11 @@ class HubClient {
     // drops the replies to earlier tickets. A Receive that ended in kTimeout may be repeated.
     // kInvalidArgument for a ticket that was received before or whose command has no reply.
     using Ticket = uint64_t;
-    [[nodiscard]] Result<Ticket> Send(const ClientRequest& request);
+    [[nodiscard]] Result<Ticket> Send(const shd::ClientRequest& request);
     [[nodiscard]] Result<Reply> Receive(Ticket ticket);
 
     // Send and Receive. The caller judges the reply, see Outcome.
-    [[nodiscard]] Result<Reply> Exchange(const ClientRequest& request);
+    [[nodiscard]] Result<Reply> Exchange(const shd::ClientRequest& request);
 
     // One call per command. Each fails with kRefused when the hub or the MCU says no, with the
     // reason in words and the MCU's status. For virtual sensors all but Activate, Deactivate and
@@ -80,10 +80,10 @@ class HubClient {
     // which may come before this call returns.
     [[nodiscard]] Status Flush(int32_t handle);
     [[nodiscard]] Status SelfTest(int32_t handle);
-    // bytes: exactly SensorInfo::block_bytes of the sensor, else kInvalidArgument.
+    // bytes: exactly SensorInfo::parameter_size of the sensor, else kInvalidArgument.
     [[nodiscard]] Status SetParameter(int32_t handle, std::span<const uint8_t> bytes);
-    // Only for sensors with block_bytes, else kInvalidArgument. Makes the MCU calibrate anew; the
-    // daemon stores the accelerometer's values.
+    // Only for sensors with parameter_size, else kInvalidArgument. Makes the MCU calibrate anew;
+    // the daemon stores the accelerometer's values.
     [[nodiscard]] Result<Calibration> Calibrate(int32_t handle);
     [[nodiscard]] Result<std::string> Information(int32_t handle);
     // number 0 is the firmware's version; 1, 2 and 3 are further texts of the MCU.
@@ -101,12 +101,12 @@ class HubClient {
   private:
     struct Pending {
         Ticket ticket;
-        ClientRequest request;
+        shd::ClientRequest request;
     };
 
-    [[nodiscard]] Status Run(const ClientRequest& request);
-    [[nodiscard]] Result<Reply> RunForData(const ClientRequest& request, ReplyForm form);
-    [[nodiscard]] Status Notify(ControlCommand command);
+    [[nodiscard]] Status Run(const shd::ClientRequest& request);
+    [[nodiscard]] Result<Reply> RunForData(const shd::ClientRequest& request, ReplyForm form);
+    [[nodiscard]] Status Notify(shd::ControlCommand command);
     [[nodiscard]] bool IsPending(Ticket ticket) const;
     [[nodiscard]] Status WaitForReply();
     [[nodiscard]] Status ReadRecord(std::chrono::steady_clock::time_point deadline);
@@ -119,7 +119,7 @@ class HubClient {
     SlowNotice notice_;
     Ticket last_ticket_ = 0;
     std::deque<Pending> pending_;  // requests whose reply has not come, oldest first
-    std::array<uint8_t, sizeof(ControlReply)> record_{};
+    std::array<uint8_t, sizeof(shd::ControlReply)> record_{};
     size_t record_fill_ = 0;
 };
 

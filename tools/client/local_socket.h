@@ -6,12 +6,13 @@
 #include <string_view>
 
 #include "platform/unique_fd.h"
+#include "protocol/system.h"
 #include "tools/client/result.h"
 
 namespace shdclient {
 
-inline constexpr std::string_view kControlSocket = "shdctl";
-inline constexpr std::string_view kDataSocket = "shddata";
+inline constexpr std::string_view kControlSocket = shd::kControlSocketName;
+inline constexpr std::string_view kDataSocket = shd::kDataSocketName;
 
 // The directory tree of the daemon: the value of SHD_ROOT, or empty (the device's own root).
 [[nodiscard]] std::string DefaultRoot();

@@ -6,6 +6,8 @@
 
 #include "tools/client/event_decoder.h"
 
+using namespace shd;
+
 namespace shdclient {
 
 void RecordAssembler::Append(std::span<const uint8_t> bytes) {

@@ -7,7 +7,7 @@
 #include <span>
 #include <vector>
 
-#include "events/sensor_event.h"
+#include "protocol/event.h"
 
 namespace shdclient {
 
@@ -27,7 +27,7 @@ class RecordAssembler {
     void Append(std::span<const uint8_t> bytes);
 
     // Takes the oldest complete record. False when more bytes are needed.
-    [[nodiscard]] bool Next(SensorEvent& event);
+    [[nodiscard]] bool Next(shd::SensorEvent& event);
 
     // Forgets a record begun, at a new connection. The counters go on.
     void Reset();

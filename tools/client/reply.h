@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string>
 
-#include "core/control_protocol.h"
+#include "protocol/control.h"
 #include "tools/client/result.h"
 
 namespace shdclient {
@@ -33,21 +33,21 @@ struct Reply {
 
 // The request in words, for instance "batch of accelerometer"; the command alone when it concerns
 // the MCU or the daemon as a whole.
-[[nodiscard]] std::string RequestName(const ClientRequest& request);
+[[nodiscard]] std::string RequestName(const shd::ClientRequest& request);
 
 // False for the two commands that the daemon never answers.
 [[nodiscard]] bool HasReply(int32_t command);
 
 // A request with args all 0.
-[[nodiscard]] ClientRequest MakeRequest(int32_t handle, ControlCommand command);
+[[nodiscard]] shd::ClientRequest MakeRequest(int32_t handle, shd::ControlCommand command);
 
 // Reads record as the answer to request: the record repeats handle and command of the request,
 // except that MCU-wide commands answer with handle 0, the version request with command 7, the
 // virtual sensors with command 0 and refusals with command -1. kProtocol when it does not fit.
-[[nodiscard]] Result<Reply> InterpretReply(const ClientRequest& request,
-                                           const ControlReply& record);
+[[nodiscard]] Result<Reply> InterpretReply(const shd::ClientRequest& request,
+                                           const shd::ControlReply& record);
 
 // Success when the request was carried out, otherwise kRefused with the reason in words.
-[[nodiscard]] Status Outcome(const ClientRequest& request, const Reply& reply);
+[[nodiscard]] Status Outcome(const shd::ClientRequest& request, const Reply& reply);
 
 }  // namespace shdclient

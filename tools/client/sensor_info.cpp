@@ -6,10 +6,10 @@
 #include <cctype>
 #include <charconv>
 
-#include "events/sensor_event.h"
-
 namespace shdclient {
 namespace {
+
+using namespace shd;
 
 constexpr std::array<Axis, 3> kAccelerationAxes{{{"x", "m/s^2"}, {"y", "m/s^2"}, {"z", "m/s^2"}}};
 constexpr std::array<Axis, 3> kTurnAxes{{{"x", "rad/s"}, {"y", "rad/s"}, {"z", "rad/s"}}};
@@ -22,33 +22,29 @@ constexpr std::array<Axis, 2> kHeartRateAxes{{{"rate", "bpm"}, {"status", ""}}};
 constexpr std::array<Axis, 3> kHealthAxes{{{"date", ""}, {"steps", "steps"}, {"status", ""}}};
 constexpr std::span<const Axis> kThreeOfQuaternion = std::span(kQuaternionAxes).first(3);
 
-// Columns: handle, name, event type, virtual, can batch, block bytes, form, data bytes, axes.
+constexpr SensorInfo Sensor(int32_t handle, DataForm form, uint8_t data_bytes,
+                            std::span<const Axis> axes) {
+    return {*shd::FindSensor(handle), form, data_bytes, axes};
+}
+
 using enum DataForm;
 constexpr std::array kSensors{
-    SensorInfo{0, "accelerometer", SENSOR_TYPE_ACCELEROMETER, false, true, 6, kFloats, 12,
-               kAccelerationAxes},
-    SensorInfo{5, "gyroscope", SENSOR_TYPE_GYROSCOPE, false, true, 4, kFloats, 12, kTurnAxes},
-    SensorInfo{6, "pressure", SENSOR_TYPE_PRESSURE, false, true, 4, kFloats, 4, kPressureAxes},
-    SensorInfo{9, "gravity", SENSOR_TYPE_GRAVITY, false, false, 0, kFloats, 12, kAccelerationAxes},
-    SensorInfo{10, "linear-acceleration", SENSOR_TYPE_LINEAR_ACCELERATION, false, false, 0, kFloats,
-               12, kAccelerationAxes},
-    SensorInfo{11, "rotation-vector", SENSOR_TYPE_ROTATION_VECTOR, false, false, 0, kFloats, 16,
-               kQuaternionAxes},
-    SensorInfo{15, "game-rotation-vector", SENSOR_TYPE_GAME_ROTATION_VECTOR, false, false, 0,
-               kFloats, 12, kThreeOfQuaternion},
-    SensorInfo{17, "significant-motion", SENSOR_TYPE_SIGNIFICANT_MOTION, true, false, 0, kFloats, 4,
-               kMotionAxes},
-    SensorInfo{18, "step-detector", SENSOR_TYPE_STEP_COUNTER, true, false, 0, kFloats, 4,
-               kStepAxes},
-    SensorInfo{19, "step-counter", SENSOR_TYPE_STEP_COUNTER, false, true, 0, kStepCount, 8,
-               kStepCountAxes},
-    SensorInfo{21, "heart-rate", SENSOR_TYPE_HEART_RATE, false, true, 0, kHeartRate, 5,
-               kHeartRateAxes},
-    SensorInfo{25, "raw-25", SENSOR_TYPE_RAW_RECORD, false, true, 4, kOpaque, 10, {}},
-    SensorInfo{26, "wrist-tilt", SENSOR_TYPE_WRIST_TILT_GESTURE, false, true, 0, kFloats, 4, {}},
-    SensorInfo{27, "motion-health", SENSOR_TYPE_MOTION_HEALTH, false, true, 0, kMotionHealth, 16,
-               kHealthAxes},
+    Sensor(kHandleAccelerometer, kFloats, 12, kAccelerationAxes),
+    Sensor(kHandleGyroscope, kFloats, 12, kTurnAxes),
+    Sensor(kHandlePressure, kFloats, 4, kPressureAxes),
+    Sensor(kHandleGravity, kFloats, 12, kAccelerationAxes),
+    Sensor(kHandleLinearAcceleration, kFloats, 12, kAccelerationAxes),
+    Sensor(kHandleRotationVector, kFloats, 16, kQuaternionAxes),
+    Sensor(kHandleGameRotationVector, kFloats, 12, kThreeOfQuaternion),
+    Sensor(kHandleSignificantMotion, kFloats, 4, kMotionAxes),
+    Sensor(kHandleStepDetector, kFloats, 4, kStepAxes),
+    Sensor(kHandleStepCounter, kStepCount, 8, kStepCountAxes),
+    Sensor(kHandleHeartRate, kHeartRate, 5, kHeartRateAxes),
+    Sensor(kHandleRawRecord, kOpaque, 10, {}),
+    Sensor(kHandleWristTilt, kFloats, 4, {}),
+    Sensor(kHandleMotionHealth, kMotionHealth, 16, kHealthAxes),
 };
+static_assert(kSensors.size() == std::size(shd::kSensors));
 
 std::string Normalised(std::string_view text) {
     std::string name(text);

@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "protocol/sensors.h"
 #include "tools/client/result.h"
 
 namespace shdclient {
@@ -28,13 +29,7 @@ enum class DataForm : uint8_t {
     kMotionHealth,  // uint32 date, uint16 steps, status in byte 10, the other bytes opaque
 };
 
-struct SensorInfo {
-    int32_t handle;         // 0..27, as in ClientRequest and SensorEvent
-    std::string_view name;  // lower case with hyphens
-    int32_t event_type;     // SensorEventType of its events
-    bool is_virtual;        // derived by the daemon; needs no MCU and works while that is away
-    bool can_batch;         // false: the hub replaces a batch size by 0
-    uint8_t block_bytes;    // size of its parameter and its calibration block; 0: it has none
+struct SensorInfo : shd::SensorFacts {
     DataForm form;
     uint8_t data_bytes;  // bytes of SensorEvent::data that its events use, the others are 0
     std::span<const Axis> axes;

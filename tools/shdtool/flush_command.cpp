@@ -15,6 +15,8 @@
 #include "tools/shdtool/commands.h"
 #include "tools/shdtool/sensor_argument.h"
 
+using namespace shd;
+
 namespace shdtool {
 namespace {
 

@@ -1,7 +1,7 @@
 // shdtool list: the sensors that the hub has. Called by main.
 #include <fmt/core.h>
 
-#include "events/sensor_event.h"
+#include "protocol/event.h"
 #include "tools/client/sensor_info.h"
 #include "tools/shdtool/commands.h"
 #include "tools/shdtool/sensor_argument.h"
@@ -29,18 +29,18 @@ std::string AxisText(const SensorInfo& sensor) {
 std::string NoteText(const SensorInfo& sensor) {
     if (sensor.is_virtual) return "virtual, derived from the step counter";
     std::string text = sensor.can_batch ? "" : "never batched";
-    if (sensor.block_bytes > 0) {
-        text += fmt::format("parameter and calibration of {} bytes", sensor.block_bytes);
+    if (sensor.parameter_size > 0) {
+        text += fmt::format("parameter and calibration of {} bytes", sensor.parameter_size);
     }
     return text;
 }
 
 Json Describe(const SensorInfo& sensor) {
     Json description = SensorFields(sensor);
-    description["event_type"] = sensor.event_type;
+    description["event_type"] = sensor.type;
     description["virtual"] = sensor.is_virtual;
     description["can_batch"] = sensor.can_batch;
-    description["block_bytes"] = sensor.block_bytes;
+    description["block_bytes"] = sensor.parameter_size;
     description["axes"] = Json::array();
     for (const shdclient::Axis& axis : sensor.axes) {
         description["axes"].push_back({{"name", axis.name}, {"unit", axis.unit}});
@@ -56,7 +56,7 @@ shdclient::Result<Report> ListSensors() {
     for (const SensorInfo& sensor : shdclient::AllSensors()) {
         const std::string row =
             fmt::format("\n{:>6}  {:<21} {:>10}  {:<21} {}", sensor.handle, sensor.name,
-                        sensor.event_type, AxisText(sensor), NoteText(sensor));
+                        sensor.type, AxisText(sensor), NoteText(sensor));
         report.line += row.substr(0, row.find_last_not_of(' ') + 1);
         report.fields["sensors"].push_back(Describe(sensor));
     }

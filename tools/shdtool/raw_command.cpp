@@ -12,6 +12,8 @@
 #include "tools/shdtool/commands.h"
 #include "tools/shdtool/hex.h"
 
+using namespace shd;
+
 namespace shdtool {
 namespace {
 

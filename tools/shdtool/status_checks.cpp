@@ -21,8 +21,6 @@ namespace {
 using shdclient::PathBelow;
 
 constexpr size_t kCalibrationReplyBytes = 7;  // three values and the status of the reply
-constexpr int kMaxAccelerometerValue = 312;
-constexpr int kMaxPressureValue = 499;
 constexpr size_t kCalibrationReadBytes = 64;  // more the daemon does not read
 
 struct Property {
@@ -33,14 +31,13 @@ struct Property {
 };
 
 constexpr std::array<Property, 5> kProperties{{
-    {"persist.velmar.shd.mculog", "the MCU keeps its own log level", false, "MCU log level"},
-    {"persist.velmar.shd.debug", "the verbose event log is off", false,
-     "verbose event log, 0 is off"},
-    {"persist.velmar.shd.mcureboot", "the daemon restarts a silent MCU", true,
+    {shd::kMcuLogProperty, "the MCU keeps its own log level", false, "MCU log level"},
+    {shd::kDebugProperty, "the verbose event log is off", false, "verbose event log, 0 is off"},
+    {shd::kMcuRebootProperty, "the daemon restarts a silent MCU", true,
      "the daemon will not restart a silent MCU; remove the property to allow it"},
-    {"persist.velmar.shd.rawdatatype", "no raw data", false,
+    {shd::kRawDataTypeProperty, "no raw data", false,
      "raw data: 0 off, 1 steps, 2 heart rate, 3 both"},
-    {"persist.mcu.version", "no firmware was written yet", false, "firmware last written"},
+    {shd::kMcuVersionProperty, "no firmware was written yet", false, "firmware last written"},
 }};
 
 bool Exists(const std::string& path) {
@@ -60,7 +57,7 @@ Check CheckProperty(std::string_view root, const Property& property) {
 }
 
 Check CheckUart(std::string_view root) {
-    const std::string path = PathBelow(root, "/dev/ttyHSL1");
+    const std::string path = PathBelow(root, shd::kUartPath);
     if (Exists(path)) return {"UART", Verdict::kGood, path + " is there"};
     return {"UART", Verdict::kFailed,
             path +
@@ -70,7 +67,7 @@ Check CheckUart(std::string_view root) {
 
 Check CheckImage(std::string_view root, std::string_view mcu_version) {
     constexpr const char* kName = "firmware image";
-    const std::string path = PathBelow(root, "/system/bin/mcu.bin");
+    const std::string path = PathBelow(root, shd::kFirmwareImagePath);
     if (!Exists(path)) {
         return {kName, Verdict::kNote, path + " is missing: the MCU cannot be updated"};
     }
@@ -104,7 +101,7 @@ Check CheckCalibrationFile(std::string_view root, const char* name, const char* 
 
 Check CheckDumps(std::string_view root) {
     constexpr const char* kName = "core dumps";
-    const std::string directory = PathBelow(root, kDumpDirectory);
+    const std::string directory = PathBelow(root, shd::kDumpDir);
     if (!Exists(directory)) {
         return {kName, Verdict::kWarning,
                 directory + " is missing: a dump of the MCU would be lost; make the directory"};
@@ -126,7 +123,7 @@ Check CheckDumps(std::string_view root) {
 
 Check CheckRawLog(std::string_view root, const char* file) {
     const std::string name = std::string("raw data ") + file;
-    const std::string path = PathBelow(root, "/data/logdata/sensor/") + file;
+    const std::string path = PathBelow(root, shd::kRawDataDir) + file;
     const auto content = ReadWholeFile(path);
     if (!content) return {name, Verdict::kNote, "none"};
     return {name, Verdict::kGood, fmt::format("{} bytes in {}", content->size(), path)};
@@ -145,12 +142,12 @@ Check CheckAccelerometerCalibration(std::string_view content) {
     std::memcpy(values.data(), content.data(), std::min(content.size(), sizeof(values)));
     const std::string text = fmt::format("x {}, y {}, z {}", values[0], values[1], values[2]);
     const bool in_range = std::all_of(values.begin(), values.end(), [](int16_t value) {
-        return std::abs(value) <= kMaxAccelerometerValue;
+        return std::abs(value) <= shd::kAccCalibrationMax;
     });
     if (!in_range) {
         return {kName, Verdict::kWarning,
                 fmt::format("{}: beyond {}, so the daemon ignores it; calibrate the accelerometer",
-                            text, kMaxAccelerometerValue)};
+                            text, shd::kAccCalibrationMax)};
     }
     if (content.size() != kCalibrationReplyBytes && content.size() != sizeof(values)) {
         return {kName, Verdict::kWarning,
@@ -165,17 +162,19 @@ Check CheckPressureCalibration(std::string_view content) {
     constexpr const char* kName = "pressure calibration";
     const std::string text(content.substr(0, kCalibrationReadBytes));
     const int value = std::atoi(text.c_str());
-    if (std::abs(value) <= kMaxPressureValue) return {kName, Verdict::kGood, std::to_string(value)};
-    return {kName, Verdict::kWarning,
-            fmt::format("{}: beyond {}, so the daemon ignores it", value, kMaxPressureValue)};
+    if (std::abs(value) <= shd::kBaroCalibrationMax)
+        return {kName, Verdict::kGood, std::to_string(value)};
+    return {
+        kName, Verdict::kWarning,
+        fmt::format("{}: beyond {}, so the daemon ignores it", value, shd::kBaroCalibrationMax)};
 }
 
 std::vector<Check> CheckFiles(std::string_view root, std::string_view mcu_version) {
     std::vector<Check> checks{CheckUart(root), CheckImage(root, mcu_version)};
     for (const Property& property : kProperties) checks.push_back(CheckProperty(root, property));
     checks.push_back(CheckCalibrationFile(root, "accelerometer calibration",
-                                          "/nvdata/accclibration", CheckAccelerometerCalibration));
-    checks.push_back(CheckCalibrationFile(root, "pressure calibration", "/nvdata/BARO",
+                                          shd::kAccCalibrationPath, CheckAccelerometerCalibration));
+    checks.push_back(CheckCalibrationFile(root, "pressure calibration", shd::kBaroCalibrationPath,
                                           CheckPressureCalibration));
     checks.push_back(CheckDumps(root));
     for (const char* file : {"alg.txt", "hrm.txt"}) checks.push_back(CheckRawLog(root, file));

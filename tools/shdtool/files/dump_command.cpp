@@ -31,7 +31,7 @@ std::string FileColumns(const std::optional<DumpFile>& file) {
 }
 
 Result<Report> ListDumps(const Context& context) {
-    const std::string directory = shdclient::PathBelow(context.root, kDumpDirectory);
+    const std::string directory = shdclient::PathBelow(context.root, shd::kDumpDir);
     std::error_code error;
     if (!std::filesystem::is_directory(directory, error)) {
         return Error{ErrorCode::kInvalidArgument,

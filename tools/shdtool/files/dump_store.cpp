@@ -22,12 +22,12 @@ std::optional<DumpFile> Examine(const std::string& path) {
 }  // namespace
 
 std::array<DumpSlot, kDumpSlots> ReadDumpSlots(std::string_view root) {
-    const std::string directory = shdclient::PathBelow(root, kDumpDirectory);
+    const std::string directory = shdclient::PathBelow(root, shd::kDumpDir);
     std::array<DumpSlot, kDumpSlots> slots;
     int number = 0;
     for (DumpSlot& slot : slots) {
-        slot.raw_path = fmt::format("{}/mcudump_{}", directory, number);
-        slot.text_path = directory + "/mcudumpbase64";
+        slot.raw_path = fmt::format("{}{}_{}", directory, shd::kDumpName, number);
+        slot.text_path = directory + shd::kDumpBase64Name;
         if (number > 0) slot.text_path += fmt::format(".{}", number);
         slot.raw = Examine(slot.raw_path);
         slot.text = Examine(slot.text_path);

@@ -8,10 +8,11 @@
 #include <string>
 #include <string_view>
 
+#include "protocol/system.h"
+
 namespace shdtool {
 
-inline constexpr int kDumpSlots = 6;
-inline constexpr std::string_view kDumpDirectory = "/data/mcudumplog";
+using shd::kDumpSlots;
 
 struct DumpFile {
     int64_t size;      // bytes

@@ -3,6 +3,8 @@
 
 #include "tools/client/reply.h"
 
+using namespace shd;
+
 namespace shdtool {
 
 FlushProbe::FlushProbe(const std::string& root, std::chrono::milliseconds reply_timeout,

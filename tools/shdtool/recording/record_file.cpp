@@ -12,6 +12,8 @@
 #include <string_view>
 #include <utility>
 
+using namespace shd;
+
 namespace shdtool {
 namespace {
 
@@ -284,7 +286,7 @@ std::optional<Delivery> RecordReader::ReadSample(const shdclient::SensorInfo& se
     SensorEvent& record = entry.event.record;
     record.version = kSampleEventVersion;
     record.sensor = sensor.handle;
-    record.type = sensor.event_type;
+    record.type = sensor.type;
     record.timestamp = Subtract(arrival_ns, age);
     if (!IsTime(record.timestamp)) {
         Damaged("holds an impossible time stamp");

@@ -7,6 +7,8 @@
 #include "tools/client/reply.h"
 #include "tools/shdtool/watch/signals.h"
 
+using namespace shd;
+
 namespace shdtool {
 namespace {
 

@@ -18,7 +18,7 @@
 namespace shdtool {
 
 struct HubOutcome {
-    ClientRequest request;
+    shd::ClientRequest request;
     shdclient::Status status;
 };
 
@@ -32,7 +32,7 @@ class HubWorker {
     HubWorker(const HubWorker&) = delete;
     HubWorker& operator=(const HubWorker&) = delete;
 
-    void Post(const ClientRequest& request);
+    void Post(const shd::ClientRequest& request);
 
     // The outcomes since the last call, in the order of the requests. Never waits.
     [[nodiscard]] std::vector<HubOutcome> TakeOutcomes();
@@ -43,8 +43,8 @@ class HubWorker {
   private:
     void Run(const std::stop_token& stop);
     [[nodiscard]] shdclient::Result<shdclient::HubClient::Ticket> ConnectAndSend(
-        const ClientRequest& request);
-    [[nodiscard]] shdclient::Status Execute(const ClientRequest& request,
+        const shd::ClientRequest& request);
+    [[nodiscard]] shdclient::Status Execute(const shd::ClientRequest& request,
                                             const std::stop_token& stop);
 
     const std::string root_;
@@ -53,7 +53,7 @@ class HubWorker {
 
     std::mutex mutex_;
     std::condition_variable_any posted_;
-    std::deque<ClientRequest> requests_;  // guarded by mutex_, as the following
+    std::deque<shd::ClientRequest> requests_;  // guarded by mutex_, as the following
     std::vector<HubOutcome> outcomes_;
     size_t unfinished_ = 0;  // requests whose outcome has not been taken
 
@@ -61,8 +61,8 @@ class HubWorker {
 };
 
 // The requests that switch a sensor on: with a period, that and the batch size come first.
-[[nodiscard]] std::vector<ClientRequest> EnableRequests(int32_t handle,
-                                                        std::optional<int32_t> period_ms,
-                                                        int32_t batch);
+[[nodiscard]] std::vector<shd::ClientRequest> EnableRequests(int32_t handle,
+                                                             std::optional<int32_t> period_ms,
+                                                             int32_t batch);
 
 }  // namespace shdtool

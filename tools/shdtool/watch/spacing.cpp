@@ -6,7 +6,9 @@
 #include <numeric>
 #include <vector>
 
-#include "events/sensor_event.h"
+#include "protocol/event.h"
+
+using namespace shd;
 
 namespace shdtool {
 namespace {
@@ -97,8 +99,7 @@ int64_t GapPeriod(std::optional<int64_t> asked_ns, int64_t apparent_ns) {
 }
 
 bool IsPeriodic(const shdclient::SensorInfo& sensor) {
-    return !sensor.is_virtual && sensor.event_type != SENSOR_TYPE_STEP_COUNTER &&
-           sensor.event_type != SENSOR_TYPE_WRIST_TILT_GESTURE;
+    return !sensor.is_virtual && sensor.type != kTypeStepCounter && sensor.type != kTypeWristTilt;
 }
 
 Spread SpreadOf(std::span<const int64_t> spacings_ns) {

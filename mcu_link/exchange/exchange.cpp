@@ -1,10 +1,11 @@
 // Sends requests to the MCU, waits for replies and counts failures; every MCU command uses it.
-#include "mcu_link/exchange.h"
+#include "mcu_link/exchange/exchange.h"
 
 #include <cerrno>
 
-#include "core/sensor_hub.h"
-#include "mcu_link/reboot_trigger.h"
+#include "core/hub/sensor_hub.h"
+#include "mcu_link/exchange/reboot_trigger.h"
+#include "mcu_link/serial_port.h"
 #include "platform/log.h"
 
 namespace {

@@ -1,14 +1,14 @@
 // MCU reboot and recovery, on a thread of its own; the exchange and the core-dump capture start it.
-#include "mcu_link/mcu_reboot.h"
+#include "mcu_link/recovery/mcu_reboot.h"
 
 #include <pthread.h>
 
-#include "core/sensor_hub.h"
-#include "core/sensor_table.h"
+#include "core/hub/sensor_hub.h"
+#include "core/hub/sensor_table.h"
+#include "mcu_link/exchange/reboot_trigger.h"
 #include "mcu_link/line.h"
-#include "mcu_link/reboot_trigger.h"
+#include "mcu_link/recovery/wake.h"
 #include "mcu_link/serial_port.h"
-#include "mcu_link/wake.h"
 #include "platform/delay.h"
 #include "platform/log.h"
 #include "sensor_commands/mcu_config.h"
@@ -16,6 +16,8 @@
 #include "sensor_commands/sensor_commands.h"
 #include "update_mcu/gpio.h"
 #include "update_mcu/mcu_update.h"
+
+using namespace shd;
 
 namespace {
 
@@ -137,9 +139,8 @@ void Recover(SensorHub* hub) {
     }
     LOGD("SensorMcuReboot Set parameter");
     SendMcuParameters(hub);
-    for (const int32_t handle :
-         {kHandleStepDetector, kHandleStepCounter, kHandleWristTilt, kHandleMotionHealth}) {
-        RestoreSensor(hub, handle);
+    for (int32_t handle = 0; handle < kSensorHandleCount; ++handle) {
+        if (IsRestoredAfterReboot(handle)) RestoreSensor(hub, handle);
     }
 }
 

@@ -6,25 +6,12 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "protocol/sensors.h"
+
+namespace shd {
+
 static_assert(std::endian::native == std::endian::little,
               "the records of this file are used as they lie in memory");
-
-enum SensorEventType : int32_t {
-    SENSOR_TYPE_FLUSH_COMPLETE = 0,  // version kFlushCompleteVersion: data words 1, then the handle
-    SENSOR_TYPE_ACCELEROMETER = 1,   // m/s^2
-    SENSOR_TYPE_GYROSCOPE = 4,       // rad/s
-    SENSOR_TYPE_PRESSURE = 6,        // hPa
-    SENSOR_TYPE_GRAVITY = 9,         // m/s^2
-    SENSOR_TYPE_LINEAR_ACCELERATION = 10,   // m/s^2
-    SENSOR_TYPE_ROTATION_VECTOR = 11,       // unit quaternion x, y, z, w
-    SENSOR_TYPE_GAME_ROTATION_VECTOR = 15,  // unit quaternion x, y, z
-    SENSOR_TYPE_SIGNIFICANT_MOTION = 17,    // data[0] = 1
-    SENSOR_TYPE_STEP_COUNTER = 19,  // 64-bit count; the step detector (handle 18) uses it as well
-    SENSOR_TYPE_HEART_RATE = 21,    // data[0] = beats per minute, byte 4 = status
-    SENSOR_TYPE_WRIST_TILT_GESTURE = 26,
-    SENSOR_TYPE_RAW_RECORD = 0x10001,     // 10 opaque bytes of MCU sensor 23
-    SENSOR_TYPE_MOTION_HEALTH = 0x10002,  // 16 bytes: uint32 date, uint16 step, status at byte 10
-};
 
 inline constexpr int32_t kSampleEventVersion = 104;
 inline constexpr int32_t kFlushCompleteVersion = 2;
@@ -41,3 +28,5 @@ struct SensorEvent {
 };
 static_assert(sizeof(SensorEvent) == 104 && offsetof(SensorEvent, timestamp) == 16 &&
               offsetof(SensorEvent, data) == 24 && offsetof(SensorEvent, flags) == 88);
+
+}  // namespace shd

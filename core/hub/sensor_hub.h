@@ -5,17 +5,19 @@
 #include <atomic>
 #include <cstdint>
 
-#include "core/control_protocol.h"
-#include "core/message_queue.h"
-#include "mcu_link/uart_reader.h"
+#include "core/hub/message_queue.h"
+#include "mcu_link/event_sink.h"
+#include "mcu_link/mcu_packet.h"
+#include "protocol/control.h"
 
 class DataServer;
+class SerialPort;
 
 // A control request on its way to the main thread: one heap block allocated with malloc by the
 // control server's thread and released with free by the main loop.
 struct QueuedRequest {
-    int32_t client;         // @0 descriptor that the reply goes to
-    ClientRequest request;  // @4
+    int32_t client;              // @0 descriptor that the reply goes to
+    shd::ClientRequest request;  // @4
 };
 static_assert(sizeof(QueuedRequest) == 36 && offsetof(QueuedRequest, request) == 4);
 

@@ -6,26 +6,7 @@
 #include <cstdint>
 
 #include "platform/mutex.h"
-
-inline constexpr int32_t kSensorHandleCount = 28;  // handles 0..27
-
-// Handles with a behaviour of their own.
-enum SensorHandle : int32_t {
-    kHandleAccelerometer = 0,
-    kHandleGyroscope = 5,
-    kHandlePressure = 6,
-    kHandleGravity = 9,
-    kHandleLinearAcceleration = 10,
-    kHandleRotationVector = 11,
-    kHandleGameRotationVector = 15,
-    kHandleSignificantMotion = 17,
-    kHandleStepDetector = 18,
-    kHandleStepCounter = 19,
-    kHandleHeartRate = 21,
-    kHandleRawRecord = 25,
-    kHandleWristTilt = 26,
-    kHandleMotionHealth = 27,
-};
+#include "protocol/sensors.h"
 
 enum McuSensorId : int32_t {
     kMcuAccelerometer = 16,
@@ -47,10 +28,11 @@ enum McuSensorId : int32_t {
 // may be passed; every handle with an id lies in 0..27.
 [[nodiscard]] int32_t GetMcuSensorId(int32_t handle);
 
-inline constexpr size_t kMaxMcuParameterSize = 6;  // bytes
-
 // Bytes of the calibration parameter of an MCU sensor: 6, 4, or 0 for sensors without one.
 [[nodiscard]] size_t McuParameterSize(int32_t mcu_sensor_id);
+
+// Whether a recovery switches the sensor of a handle on again when it was on.
+[[nodiscard]] bool IsRestoredAfterReboot(int32_t handle);
 
 struct SensorState {
     int32_t enable;          // 1 while a client has the sensor activated
@@ -69,7 +51,8 @@ struct SensorState {
 extern Mutex g_sensor_state_mutex;
 
 // Indexed by handle.
-extern std::array<SensorState, kSensorHandleCount> g_sensor_state GUARDED_BY(g_sensor_state_mutex);
+extern std::array<SensorState, shd::kSensorHandleCount> g_sensor_state
+    GUARDED_BY(g_sensor_state_mutex);
 
 // The state of a handle that is known to have an MCU sensor id.
 [[nodiscard]] inline SensorState& StateOf(int32_t handle) REQUIRES(g_sensor_state_mutex) {
