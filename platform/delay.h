@@ -1,5 +1,5 @@
-// Every way in which the daemon lets time pass or reads the wall clock, beside CondVar::WaitUntil
-// (mutex.h). Tests link their own implementation, so that no test really waits.
+// Every way in which the daemon lets time pass or reads the wall clock, beside mutex.h. Tests link
+// their own implementation, so that no test really waits.
 #pragma once
 
 #include <chrono>

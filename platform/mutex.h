@@ -1,5 +1,6 @@
 // Mutex, lock and condition variable on POSIX threads with default attributes, annotated for
-// clang's thread-safety analysis. Every lock of the daemon is one of these.
+// clang's thread-safety analysis. Every lock of the daemon is one of these; tests link their own
+// implementation of what may block.
 #pragma once
 
 #include <pthread.h>
@@ -27,8 +28,8 @@ class CAPABILITY("mutex") Mutex {
     Mutex(const Mutex&) = delete;
     Mutex& operator=(const Mutex&) = delete;
 
-    void Lock() ACQUIRE() { pthread_mutex_lock(&mutex_); }
-    void Unlock() RELEASE() { pthread_mutex_unlock(&mutex_); }
+    void Lock() ACQUIRE();
+    void Unlock() RELEASE();
 
   private:
     friend class CondVar;
@@ -57,7 +58,7 @@ class CondVar {
     void Wait(Mutex& mutex) REQUIRES(mutex) { pthread_cond_wait(&condition_, &mutex.mutex_); }
 
     // Waits until signalled or until the wall clock reaches deadline_sec (0 ns). Returns 0 or
-    // ETIMEDOUT. Tests link their own implementation.
+    // ETIMEDOUT.
     [[nodiscard]] int WaitUntil(Mutex& mutex, std::time_t deadline_sec) REQUIRES(mutex);
 
     void Signal() { pthread_cond_signal(&condition_); }

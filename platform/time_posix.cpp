@@ -1,4 +1,5 @@
-// The daemon's waits and its wall clock on any POSIX system.
+// The daemon's waits, its locks and its wall clock on any POSIX system; the tests' platform has its
+// own.
 #include <poll.h>
 
 #include <algorithm>
@@ -33,6 +34,14 @@ int WaitReadable(int fd, std::chrono::microseconds timeout) {
 
 std::time_t WallClockSec() {
     return std::time(nullptr);
+}
+
+void Mutex::Lock() {
+    pthread_mutex_lock(&mutex_);
+}
+
+void Mutex::Unlock() {
+    pthread_mutex_unlock(&mutex_);
 }
 
 int CondVar::WaitUntil(Mutex& mutex, std::time_t deadline_sec) {

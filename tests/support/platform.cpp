@@ -50,6 +50,11 @@ void AddEntry(std::string_view tag, std::string entry) {
     g_journal.emplace_back(tag, std::move(entry));
 }
 
+void NoteLock(const Mutex* mutex, const std::string& what) {
+    const auto found = shdtest::g_hooks.named_locks.find(mutex);
+    if (found != shdtest::g_hooks.named_locks.end()) shdtest::Note(found->second, what);
+}
+
 }  // namespace
 
 namespace shdtest {
@@ -198,10 +203,22 @@ void Delay(std::chrono::microseconds duration) {
 }
 
 int WaitReadable(int fd, std::chrono::microseconds timeout) {
+    Note("readable", std::to_string(timeout.count() / 1000) + " ms");
     return g_hooks.on_readable ? g_hooks.on_readable(fd, timeout) : 0;
 }
 
-int CondVar::WaitUntil(Mutex& mutex, std::time_t /*deadline_sec*/) {
+void Mutex::Lock() {
+    pthread_mutex_lock(&mutex_);
+    NoteLock(this, "taken");
+}
+
+void Mutex::Unlock() {
+    NoteLock(this, "released");
+    pthread_mutex_unlock(&mutex_);
+}
+
+int CondVar::WaitUntil(Mutex& mutex, std::time_t deadline_sec) {
+    Note("wait", std::to_string(deadline_sec - g_wall_sec) + " s");
     mutex.Unlock();
     const bool go_on = g_hooks.on_wait && g_hooks.on_wait();
     mutex.Lock();

@@ -10,9 +10,12 @@
 #include <ctime>
 #include <functional>
 #include <initializer_list>
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
+
+class Mutex;
 
 namespace shdtest {
 
@@ -25,6 +28,7 @@ struct Hooks {
     std::function<bool()> on_wait;  // CondVar::WaitUntil, mutex released; false: deadline
     std::function<int(int fd, std::chrono::microseconds timeout)> on_readable;  // WaitReadable
     std::function<int(const std::string& name)> on_local_server;  // returns the descriptor
+    std::map<const Mutex*, std::string> named_locks;              // the locks that are journalled
 };
 
 inline Hooks g_hooks;
@@ -34,9 +38,14 @@ inline std::time_t g_wall_sec = 0;  // 1,500,000,000 at the start of a test
 // Everything back to its defaults, with an empty root directory. Removes the previous one.
 void ResetPlatform();
 
-// The journal holds in one order what the daemon did: log messages as "E/tag text", delays as
-// "delay MICROSECONDS", stored properties as "property NAME=VALUE" and what fakes note, as "tag
-// text"; a line end within it as "\n". Thread-safe.
+// The journal holds in one order what the daemon did, each entry as "tag text" with a line end
+// within it as "\n". Thread-safe. Beside what fakes note there are
+//   E/tag text                    log messages, with the log's own tag
+//   delay MICROSECONDS            Delay
+//   readable MS ms                WaitReadable, as it begins
+//   wait SECONDS s                CondVar::WaitUntil, as it begins: its deadline from now
+//   NAME taken, NAME released     locks in Hooks::named_locks
+//   property NAME=VALUE           stored properties
 void Note(std::string_view tag, const std::string& text);
 
 // Empties the journal and returns its entries, or those with the given tags.

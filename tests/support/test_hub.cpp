@@ -11,6 +11,7 @@
 
 #include "core/hub/debug_flag.h"
 #include "mcu_link/exchange/reboot_trigger.h"
+#include "mcu_link/line.h"
 
 using namespace shd;
 
@@ -156,6 +157,7 @@ bool FakeMcu::Deliver() {
 
 CleanProcess::CleanProcess() {
     ResetPlatform();
+    g_hooks.named_locks = {{&g_line.mutex(), "line"}};
     g_shd_log_debug = 0;
     g_mcu_rebooting = 0;
     g_mcu_rebooted = 0;

@@ -265,6 +265,7 @@ TEST_F(EventTest, MessagesAreRoutedByChannelAndCalibrationIsKept) {
         {"04 68 25 64 00 69", false, "D/mcu h%d", "07"},
     };
     for (const auto& c : cases) {
+        (void)TakeJournal();
         Receive(c.message);
         EXPECT_EQ(TakeJournal(), List(c.journal)) << c.message;
         const McuMessagePtr queued(hub.reply_queue.DequeueMessageTimeout(0));
@@ -273,6 +274,7 @@ TEST_F(EventTest, MessagesAreRoutedByChannelAndCalibrationIsKept) {
     }
     auto unknown = Message("04");
     unknown->channel = 6;
+    (void)TakeJournal();
     (void)hub.OnEvent(unknown.release());
     EXPECT_EQ(TakeJournal(), List("W/shd OnEvent Receive Mcu unknown message"));
     ResetPlatform();  // without /nvdata

@@ -63,22 +63,24 @@ TEST_F(RebootTest, ResetsReopensAndRestoresInOrder) {
     EXPECT_EQ(TakeJournal(), List(R"(
         D/shd sensorhub_write_proc_file filename:/proc/mcusleep/lpm 0 ret:1 !\n
         D/shd SensorWakeLockAcquiredLocked :1
-        delay 12000 | pins 000 | delay 2000000 | pins 001
-        D/shd SensorMcuReboot ReInit uart | delay 20000 | pins 001 | delay 1000000 | pins 001
-        mcu 00 00 00 | D/shd OnEvent Receive Mcu Control response
+        line taken | delay 12000 | pins 000 | delay 2000000 | pins 001
+        D/shd SensorMcuReboot ReInit uart | delay 20000 | pins 001 | line released
+        delay 1000000 | pins 001 | mcu 00 00 00 | wait 2 s
+        D/shd OnEvent Receive Mcu Control response
         D/shd SensorMcuReboot Handshake OK
-        property persist.velmar.shd.mculog=3 | mcu 01 00 0D 00 01 03
+        property persist.velmar.shd.mculog=3 | mcu 01 00 0D 00 01 03 | wait 10 s
         D/shd SensorMcuReboot Set MCU Log Level : 3
         D/shd SensorMcuReboot Set parameter
-        mcu 01 00 10 13 00 00 00 00 00 00 | mcu 01 00 16 13 00 00 00 00
-        mcu 01 00 17 13 05 00 00 00 | mcu 01 00 11 13 00 00 00 00
+        mcu 01 00 10 13 00 00 00 00 00 00 | wait 10 s | mcu 01 00 16 13 00 00 00 00 | wait 10 s
+        mcu 01 00 17 13 05 00 00 00 | wait 10 s | mcu 01 00 11 13 00 00 00 00 | wait 10 s
         D/shd SensorMcuReboot SensorActive:18
-        mcu 01 00 30 01 | mcu 01 00 30 03 64 00 00 00 05 00 00 00 00 00 00 00 | mcu 01 00 30 00
+        mcu 01 00 30 01 | wait 2 s
+        mcu 01 00 30 03 64 00 00 00 05 00 00 00 00 00 00 00 | wait 2 s | mcu 01 00 30 00 | wait 2 s
         D/shd SensorMcuReboot SensorActive:19
         D/shd SensorMcuReboot sensor:26 not enable
-        mcu 01 00 40 01
-        mcu 01 00 0C 01 00 98 F7 3E 5D 01 00 00 | mcu 01 00 40 20 34 78 45 23 CD AB
-        mcu 01 00 40 03 00 00 00 00 00 00 00 00 00 00 00 00 | mcu 01 00 40 00
+        mcu 01 00 40 01 | wait 2 s | mcu 01 00 0C 01 00 98 F7 3E 5D 01 00 00 | wait 2 s
+        mcu 01 00 40 20 34 78 45 23 CD AB | wait 2 s
+        mcu 01 00 40 03 00 00 00 00 00 00 00 00 00 00 00 00 | wait 2 s | mcu 01 00 40 00 | wait 2 s
         D/shd SensorMcuReboot SensorActive:27
         D/shd sensorhub_write_proc_file filename:/proc/mcusleep/lpm 1 ret:1 !\n
         D/shd SensorWakeLockAcquiredLocked :0)"));

@@ -122,7 +122,7 @@ TEST_F(CommandTest, ParametersGoOutInTheirOrderAndWithinThePacket) {
     g_acc_calibration[1] = 0;
     g_baro_calibration = 0;
     (void)SensorSetParameter(h, 16, std::vector<uint8_t>(29));
-    EXPECT_EQ(TakeJournal(), List(R"(
+    EXPECT_EQ(TakeJournal({"mcu"}), List(R"(
         mcu 01 00 10 13 00 00 C8 FE 00 00 | mcu 01 00 16 13 F3 01 00 00
         mcu 01 00 17 13 05 00 00 00 | mcu 01 00 11 13 00 00 00 00 | mcu 01 00 10 13)"));
     (void)SensorSetParameter(h, 16, std::vector<uint8_t>(28));
@@ -144,14 +144,14 @@ TEST_F(CommandTest, TextsAreBounded) {
         EXPECT_EQ(info, std::string(info_size, 'x'));
         EXPECT_EQ(version, std::string(version_size, 'x'));
         const std::string line = too_long ? "16 data too long" : info;
-        EXPECT_EQ(TakeJournal(),
+        EXPECT_EQ(TakeJournal({"mcu", "shd"}),
                   (Lines{"mcu 01 00 10 22", "E/shd Sensor GetInfo :" + line, "mcu 01 00 0F 00"}));
     }
     char text[256] = {};
     mcu.script = {"", "", FakeMcu::kSilence};
     EXPECT_EQ(SensorGetInfo(h, 16, text) + SensorVersion(h, 7, text), -2);
     EXPECT_EQ(SensorGetInfo(h, 16, nullptr) + SensorVersion(h, 0, nullptr), -2);
-    EXPECT_EQ(TakeJournal(), List(R"(
+    EXPECT_EQ(TakeJournal({"mcu", "shd"}), List(R"(
         mcu 01 00 10 22 | E/shd Sensor GetInfo :16 data len < 1
         mcu 01 00 0F 01 | E/shd Sensor Version :7 data len < 1
         E/shd Sensor GetInfo invalid param | E/shd Sensor Version invalid param)"));
@@ -178,7 +178,7 @@ TEST_F(CommandTest, RawDataTypeIsStoredThenSent) {
                 expected.push_back(std::string("property persist.velmar.shd.rawdatatype=") + type);
         }
         expected.push_back(row[3]);
-        EXPECT_EQ(TakeJournal(), expected) << row[0];
+        EXPECT_EQ(TakeJournal({"mcu", "property", "shd"}), expected) << row[0];
         EXPECT_EQ(ReadFile(alg) + ReadFile(hrm), row[4] + row[4]);
     }
     mcu.script = {"", "07", FakeMcu::kSilence};

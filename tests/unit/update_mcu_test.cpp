@@ -41,22 +41,19 @@ Lines Journal() {
 }
 
 const std::string kStart = R"(
-    I mcu_update enter! | I mcu_init enter! | I set_update_gpio, set mcu to update mode!
-    delay 20000 | delay 80000 | D send 7F cmd to handshake with mcu. | delay 50000 | uart 7F |)";
+    line taken | I mcu_update enter! | I mcu_init enter!
+    I set_update_gpio, set mcu to update mode! | delay 20000 | delay 80000
+    D send 7F cmd to handshake with mcu. | delay 50000 | readable 200 ms | uart 7F |)";
 const std::string kErase = R"(D read 7F cmd response buf = 79. | D mcu_init_cmd ok!
-    D extended_erase_cmd enter! | uart 44 BB |)";
-const std::string kErased = kErase + " uart FF FF 00 | D write extended erase cmd ok! |";
+    D extended_erase_cmd enter! | readable 1000 ms | uart 44 BB |)";
+const std::string kErased = kErase + R"(
+    readable 40000 ms | uart FF FF 00 | D write extended erase cmd ok! |)";
 
 TEST_F(UpdateTest, WritesTheImageBlockByBlock) {
     std::string payload(513, '\0');
     for (size_t i = 0; i < 256; ++i) payload[i] = static_cast<char>(i);
     payload[512] = '\x5A';
     WriteFirmwareImage("1.900.7", payload, 230);
-    std::string limits;  // of the waits, in ms
-    g_hooks.on_readable = [&, answer = g_hooks.on_readable](int fd, auto limit) {
-        limits += std::to_string(limit.count() / 1000) + " ";
-        return answer(fd, limit);
-    };
     const auto open_files = [] {
         return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
     };
@@ -67,14 +64,17 @@ TEST_F(UpdateTest, WritesTheImageBlockByBlock) {
               List(kStart + "D read 7F cmd response buf = 0. | D read 7F cmd response buf = ff. |" +
                    kErased + R"(
         D file_size = 743, mcu image_size = 513, begin write mcu memory!
-        uart 31 CE | uart 08 00 00 00 08 | uart FF )" +
+        readable 1000 ms | uart 31 CE | readable 1000 ms | uart 08 00 00 00 08
+        readable 1000 ms | uart FF )" +
                    Hex(payload.substr(0, 256)) + R"( FF
-        uart 31 CE | uart 08 00 01 00 09 | uart FF )" +
+        readable 1000 ms | uart 31 CE | readable 1000 ms | uart 08 00 01 00 09
+        readable 1000 ms | uart FF )" +
                    Hex(payload.substr(256, 256)) + R"( FF
-        D write last mcu memory! | uart 31 CE | uart 08 00 02 00 0A | uart 00 5A 5A
+        D write last mcu memory!
+        readable 1000 ms | uart 31 CE | readable 1000 ms | uart 08 00 02 00 0A
+        readable 1000 ms | uart 00 5A 5A
         property persist.mcu.version=1.900.7 | delay 12000 | delay 2000000
-        I mcu_end(set gpio to normal mode) ok! | I mcu_update ok!)"));
-    EXPECT_EQ(limits, "200 1000 40000 1000 1000 1000 1000 1000 1000 1000 1000 1000 ");
+        I mcu_end(set gpio to normal mode) ok! | I mcu_update ok! | line released)"));
     EXPECT_EQ(open_files(), open_before);
     EXPECT_EQ(ReadFile("/proc/mcu/gpio_mcu_boot0") + ReadFile("/proc/mcu/gpio_mcu_reset"), "01");
 }
@@ -84,60 +84,62 @@ TEST_F(UpdateTest, StopsAtTheFirstMissingAcknowledgement) {
     const std::string nothing = "| E read mcu_send_cmd return 0,error! |";
     const std::string begin = kErased + R"(
         D file_size = 225, mcu image_size = 1, begin write mcu memory! | D write last mcu memory!
-        uart 31 CE )";
+        readable 1000 ms | uart 31 CE )";
+    const std::string address = begin + "| readable 1000 ms | uart 08 00 00 00 08";
     const std::string last = "| E write_memory_cmd last error! | E mcu_image_update error!";
     const std::pair<std::deque<std::string>, std::string> cases[] = {
         {{"79", "1F 79"},
          kErase + nack + "E write extended erase fail! | E extended_erase_cmd error!"},
         {{"79", "79", FakeUart::kSilence},
-         kErase + "uart FF FF 00" + nothing +
+         kErase + "readable 40000 ms | uart FF FF 00" + nothing +
              "E write erase all fail! | E extended_erase_cmd error!"},
         {{"79", "79", "79", ""}, begin + nothing + last},
-        {{"79", "79", "79", "79", "1F"},
-         begin + "| uart 08 00 00 00 08" + nack + "E write memory address fail!" + last},
+        {{"79", "79", "79", "79", "1F"}, address + nack + "E write memory address fail!" + last},
         {{"79", "79", "79", "79", "79", "1F"},
-         begin + "| uart 08 00 00 00 08 | uart 00 78 78" + nack + "E write memory data fail!" +
+         address + "| readable 1000 ms | uart 00 78 78" + nack + "E write memory data fail!" +
              last},
     };
     WriteFirmwareImage("1.900", "x");
     for (const auto& [script, journal] : cases) {
         uart.script = script;
         EXPECT_EQ(mcu_update(), -1);
-        EXPECT_EQ(Journal(), List(kStart + journal)) << script.size();
+        EXPECT_EQ(Journal(), List(kStart + journal + "| line released")) << script.size();
         EXPECT_EQ(ReadFile("/proc/mcu/gpio_mcu_boot0"), "1");  // stays in the bootloader
     }
     WriteFirmwareImage("1.900", std::string(256, 'x'));
     uart.script = {"79", "79", "79", "1F"};
     EXPECT_EQ(mcu_update(), -1);
     const Lines log = Journal();
-    EXPECT_EQ(log[log.size() - 2], "E write_memory_cmd current error!");
+    EXPECT_EQ(log[log.size() - 3], "E write_memory_cmd current error!");
     EXPECT_EQ(Property("persist.mcu.version"), "");
 }
 
 TEST_F(UpdateTest, HandshakeIsTriedTwentyTimes) {
     uart.unscripted = "78";
     EXPECT_EQ(mcu_update(), -1);
-    std::string expected = "I mcu_update enter! | I mcu_init enter!";
+    std::string expected = "line taken | I mcu_update enter! | I mcu_init enter!";
     for (int cycle = 1; cycle <= 4; ++cycle) {
         expected += "| I set_update_gpio, set mcu to update mode! | delay 20000 | delay 80000";
         for (int attempt = 0; attempt < 5; ++attempt) {
             expected +=
-                "| D send 7F cmd to handshake with mcu. | delay 50000 | uart 7F | D read 7F cmd "
-                "response buf = 78.";
+                "| D send 7F cmd to handshake with mcu. | delay 50000 | readable 200 ms | uart 7F "
+                "| D read 7F cmd response buf = 78.";
             for (int byte = 1; byte < 8; ++byte) expected += "| D read 7F cmd response buf = 0.";
         }
         expected += "| E handshake over 5 times(retry:" + std::to_string(cycle) + "), error!";
     }
-    EXPECT_EQ(Journal(),
-              List(expected + "| E mcu init over 3 times, mcu int fail ! | E mcu_init error!"));
+    EXPECT_EQ(Journal(), List(expected + R"(|
+        E mcu init over 3 times, mcu int fail ! | E mcu_init error! | line released)"));
     std::filesystem::remove(HostPath("/dev/ttyHSL1"));
     EXPECT_EQ(mcu_update(), -1);
-    EXPECT_EQ(Journal(), List(R"(I mcu_update enter! | I mcu_init enter!
-        E open update tty device error! | E open_mcu_tty error! | E mcu_init error!)"));
+    EXPECT_EQ(Journal(), List(R"(line taken | I mcu_update enter! | I mcu_init enter!
+        E open update tty device error! | E open_mcu_tty error! | E mcu_init error!
+        line released)"));
     LinkFile("/dev/ttyHSL1", "/dev/full");
     EXPECT_EQ(mcu_update(), -1);
     const Lines log = Journal();
-    EXPECT_EQ(log[log.size() - 2] + log.back(), "E write 7F cmd error!E mcu_init error!");
+    EXPECT_EQ(Lines(log.end() - 3, log.end()),
+              List("E write 7F cmd error! | E mcu_init error! | line released"));
 }
 
 TEST_F(UpdateTest, ImageFileIsCheckedBeforeAnythingIsWritten) {
@@ -188,9 +190,10 @@ TEST_F(UpdateTest, VersionsDecideOnTheUpdate) {
         if (image == "no file") std::filesystem::remove(HostPath(kImage));
         uart.script = {Hex(Frame("01 01 0F 00 " + Hex(running + std::string(1, '\0'))))};
         EXPECT_EQ(mcu_version_check(), result);
-        EXPECT_EQ(Journal(), List("uart 01 00 0F 00 AD 63 7E | D get mcu current version:" +
-                                  running + ", length:" + std::to_string(running.size()) + ". |" +
-                                  log + (result == 0 ? "" : "| delay 12000 | delay 2000000")))
+        EXPECT_EQ(Journal(),
+                  List("readable 200 ms | uart 01 00 0F 00 AD 63 7E | D get mcu current version:" +
+                       running + ", length:" + std::to_string(running.size()) + ". |" + log +
+                       (result == 0 ? "" : "| delay 12000 | delay 2000000")))
             << image;
     }
 }
@@ -200,18 +203,18 @@ TEST_F(UpdateTest, VersionIsAskedForFourTimesWithAResetBeforeTheLast) {
                    Hex(Frame("01 01 0F 00 " + Hex(std::string(64, '9')) + " 00")), "04 41"};
     EXPECT_EQ(mcu_version_check(), 0);
     EXPECT_EQ(Journal(), List(R"(
-        uart 01 00 0F 00 AD 63 7E | E mcu serial select error or timeout ret = 0.
+        readable 200 ms | uart 01 00 0F 00 AD 63 7E | E mcu serial select error or timeout ret = 0.
         E mcu response not DECODER_FINISH(0), error!
         E mcu_parse_version_data fail, continue get mcu version(1/3)!
-        uart 01 00 0F 00 AD 63 7E | E channel =1, type =1, serivce = f, cmd = 1!
+        readable 200 ms | uart 01 00 0F 00 AD 63 7E | E channel =1, type =1, serivce = f, cmd = 1!
         E mcu response not DECODER_FINISH(2), error!
         E mcu_parse_version_data fail, continue get mcu version(2/3)!
-        uart 01 00 0F 00 AD 63 7E | D get mcu current version:)" +
+        readable 200 ms | uart 01 00 0F 00 AD 63 7E | D get mcu current version:)" +
                               std::string(64, '9') + R"(, length:64.
         E mcu version length too long 64!
         E mcu_parse_version_data fail, continue get mcu version(3/3)!
         E mcu_get_current_version over 3 times,reset mcu! | delay 12000 | delay 2000000
-        uart 01 00 0F 00 AD 63 7E | E mcu response not DECODER_FINISH(0), error!
+        readable 200 ms | uart 01 00 0F 00 AD 63 7E | E mcu response not DECODER_FINISH(0), error!
         E mcu_parse_version_data fail, continue get mcu version(5/3)!
         I get mcu current version error, go to update!)"));
     std::filesystem::remove(HostPath("/dev/ttyHSL1"));
