@@ -11,6 +11,8 @@
 #include "update_mcu/gpio.h"
 #include "update_mcu/mcu_update.h"
 
+using namespace shd;
+
 namespace {
 
 constexpr char kLogTag[] = "update_mcu";

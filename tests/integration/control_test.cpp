@@ -89,7 +89,7 @@ TEST(Control, EveryCommandIsAnsweredAsPrescribed) {
     EXPECT_EQ(requests,
               (std::vector<std::string>{
                   "accelerometer active", "gravity active", "accelerometer deactive",
-                  "gyroscope set delay 50 ms", "ppg self test",
+                  "gyroscope set delay 50 ms", "raw-25 self test",
                   "accelerometer set parameter 01 00 02 00 03 00", "step-counter set parameter",
                   "accelerometer calibration", "log level 01 04", "raw-data config 01 00",
                   "motion-health health config 01 02 00 00 00 00",

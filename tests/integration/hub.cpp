@@ -18,7 +18,8 @@
 #include <iterator>
 
 #include "tools/client/local_socket.h"
-#include "tools/mcusim/firmware_image.h"
+#include "tools/firmware/image.h"
+#include "tools/firmware/payload.h"
 
 using namespace shd;
 
@@ -124,9 +125,9 @@ void Hub::WriteFile(std::string_view device_path, std::string_view content) cons
 }
 
 void Hub::InstallImage(const std::string& version, size_t size, bool runnable) const {
-    std::vector<uint8_t> payload = mcusim::BuildFirmwarePayload(version, size, 7);
+    std::vector<uint8_t> payload = firmware::BuildPayload(version, size, 7);
     if (!runnable) payload.back() ^= 1;
-    const std::vector<uint8_t> image = mcusim::WrapImage(version, payload);
+    const std::vector<uint8_t> image = firmware::WrapImage(version, payload);
     WriteFile("/system/bin/mcu.bin", std::string(image.begin(), image.end()));
 }
 

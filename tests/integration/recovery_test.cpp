@@ -26,7 +26,7 @@ std::vector<std::string> Restoration() {
     return {"handshake",
             "accelerometer set parameter 00 00 00 00 00 00",
             "pressure set parameter 00 00 00 00",
-            "ppg set parameter 05 00 00 00",
+            "raw-25 set parameter 05 00 00 00",
             "gyroscope set parameter 00 00 00 00",
             "step-counter deactive",
             "step-counter batch every 100 ms, 0 to a report",

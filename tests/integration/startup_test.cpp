@@ -38,7 +38,7 @@ TEST(StartUp, AppliesCalibrationAndPropertiesBeforeTheMainLoop) {
         "log level 01 05",
         "accelerometer set parameter 38 01 C8 FE 00 00",
         "pressure set parameter 0D FE FF FF",
-        "ppg set parameter 05 00 00 00",
+        "raw-25 set parameter 05 00 00 00",
         "gyroscope set parameter 00 00 00 00",
         "raw-data config 03 00",
     };

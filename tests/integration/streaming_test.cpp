@@ -22,12 +22,12 @@ struct Stream {
 
 // Together nine tenths of what 115,200 bit/s carry.
 constexpr Stream kStreams[] = {
-    {0, "accelerometer", 5, 20, true},   {5, "gyroscope", 5, 20, true},
-    {6, "pressure", 20, 10, true},       {25, "ppg", 10, 10, false},
-    {9, "gravity", 10, 0, false},        {10, "linear-acceleration", 10, 0, false},
-    {11, "rotation", 10, 0, false},      {15, "rotation", 10, 0, false},
-    {19, "step-counter", 200, 0, false}, {21, "heart-rate", 1000, 0, false},
-    {26, "wrist-tilt", 100, 0, false},   {27, "motion-health", 250, 4, false},
+    {0, "accelerometer", 5, 20, true},     {5, "gyroscope", 5, 20, true},
+    {6, "pressure", 20, 10, true},         {25, "raw-25", 10, 10, false},
+    {9, "gravity", 10, 0, false},          {10, "linear-acceleration", 10, 0, false},
+    {11, "rotation-vector", 10, 0, false}, {15, "rotation-vector", 10, 0, false},
+    {19, "step-counter", 200, 0, false},   {21, "heart-rate", 1000, 0, false},
+    {26, "wrist-tilt", 100, 0, false},     {27, "motion-health", 250, 4, false},
 };
 
 // After the first batch, whose interval is not measured yet.
@@ -56,7 +56,7 @@ TEST(Streaming, LosesNothingAndStampsEvenlyOnAFullLine) {
     Must(client.Activate(18));
     constexpr int32_t kNoSampleYetMs = 60'000;  // until both rotation vectors are enabled
     for (const Stream& stream : kStreams) {
-        const bool rotation = stream.sensor == std::string_view("rotation");
+        const bool rotation = stream.sensor == std::string_view("rotation-vector");
         Must(client.Batch(stream.handle, rotation ? kNoSampleYetMs : stream.period_ms,
                           stream.batch));
         Must(client.Activate(stream.handle));

@@ -17,6 +17,7 @@
 
 namespace {
 
+using namespace shd;
 using namespace shdtest;
 
 const std::string kImage = "/system/bin/mcu.bin";

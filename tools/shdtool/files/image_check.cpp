@@ -4,17 +4,17 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cstring>
 #include <utility>
 
-#include "tools/mcusim/firmware_image.h"
-#include "update_mcu/firmware_image.h"
+#include "tools/firmware/image.h"
+#include "tools/firmware/payload.h"
 
 namespace shdtool {
 namespace {
 
+using shd::mcu_head;
+
 constexpr std::string_view kBoardCode = "900";
-constexpr size_t kLastVersionByte = sizeof(mcu_head::version) - 1;
 
 bool AllZero(std::span<const uint8_t> bytes) {
     return std::all_of(bytes.begin(), bytes.end(), [](uint8_t byte) { return byte == 0; });
@@ -24,8 +24,8 @@ void Judge(ImageReport& image) {
     const auto refuse = [&image](std::string reason) {
         image.refusals.push_back(std::move(reason));
     };
-    if (image.magic != kFirmwareMagic) {
-        refuse(fmt::format("magic is 0x{:08x}, not 0x{:08x}", image.magic, kFirmwareMagic));
+    if (image.magic != shd::kFirmwareMagic) {
+        refuse(fmt::format("magic is 0x{:08x}, not 0x{:08x}", image.magic, shd::kFirmwareMagic));
     }
     if (image.version.find('.') == std::string::npos) {
         refuse("the version has no '.', so there is no board code behind it");
@@ -46,7 +46,7 @@ void Judge(ImageReport& image) {
 
 void Note(ImageReport& image, const mcu_head& header) {
     const auto note = [&image](const char* text) { image.notes.emplace_back(text); };
-    if (header.version[kLastVersionByte] != '\0') {
+    if (header.version[firmware::kMaxVersionLength] != '\0') {
         note("byte 95 is not NUL; the daemon reads it as NUL");
     }
     if (!AllZero(header.reserved0) || !AllZero(header.reserved1)) {
@@ -58,7 +58,7 @@ void Note(ImageReport& image, const mcu_head& header) {
     if (image.image_size == 0) {
         note("there is no payload; an update would leave the MCU without an application");
     }
-    if (image.image_size > mcusim::kFlashSizeBytes) {
+    if (image.image_size > firmware::kFlashSizeBytes) {
         note("the payload does not fit the simulated MCU's 512 KiB of flash");
     }
     if (!image.firmware_version.empty() && image.firmware_version != image.version) {
@@ -69,20 +69,17 @@ void Note(ImageReport& image, const mcu_head& header) {
 }  // namespace
 
 ImageReport ExamineImage(std::span<const uint8_t> file) {
-    mcu_head header{};
-    if (!file.empty()) std::memcpy(&header, file.data(), std::min(file.size(), sizeof(header)));
+    const firmware::Image parsed = firmware::ParseImage(file);
+    const mcu_head& header = parsed.header;
     ImageReport image;
     image.file_size = file.size();
     image.magic = header.magic;
     image.header_len = header.header_len;
     image.image_size = header.image_size;
-    image.version.assign(header.version, strnlen(header.version, kLastVersionByte));
+    image.version = parsed.version;
     const size_t dot = image.version.find('.');
     if (dot != std::string::npos) image.board_code = image.version.substr(dot + 1, 3);
-    if (image.header_len <= file.size()) {
-        const auto payload = file.subspan(image.header_len);
-        image.firmware_version = mcusim::FirmwareVersion(payload).value_or("");
-    }
+    image.firmware_version = firmware::PayloadVersion(parsed.payload).value_or("");
     Judge(image);
     Note(image, header);
     return image;

@@ -10,7 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "tools/mcusim/firmware_image.h"
+#include "tools/firmware/image.h"
+#include "tools/firmware/payload.h"
 #include "tools/shdtool/commands.h"
 #include "tools/shdtool/files/file_io.h"
 #include "tools/shdtool/files/image_check.h"
@@ -79,7 +80,7 @@ struct BuildOptions {
 
 Result<std::vector<uint8_t>> Payload(const BuildOptions& options) {
     if (options.simulated) {
-        return mcusim::BuildFirmwarePayload(options.version, options.size, options.seed);
+        return firmware::BuildPayload(options.version, options.size, options.seed);
     }
     if (options.payload_path.empty()) {
         return Error{ErrorCode::kInvalidArgument,
@@ -99,7 +100,7 @@ Result<std::vector<uint8_t>> BuildImage(const BuildOptions& options) {
     try {
         Result<std::vector<uint8_t>> payload = Payload(options);
         if (!payload) return payload;
-        return mcusim::WrapImage(options.version, *payload);
+        return firmware::WrapImage(options.version, *payload);
     } catch (const std::invalid_argument& error) {
         return Error{ErrorCode::kInvalidArgument, fmt::format("image build: {}", error.what())};
     }

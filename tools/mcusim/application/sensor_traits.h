@@ -1,0 +1,60 @@
+// The sensors that the MCU offers: what each is called, how its samples look on the wire and when
+// it reports. The sensor bank runs them, the application answers for them.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string_view>
+
+#include "tools/mcusim/line/packet.h"
+
+namespace mcusim {
+
+enum SensorId : uint8_t {
+    kAccelerometer = 16,
+    kGyroscope = 17,
+    kPressure = 22,
+    kPpg = 23,
+    kLinearAcceleration = 32,
+    kGravity = 33,
+    kRotation = 35,
+    kStepCounter = 48,
+    kHeartRate = 50,
+    kWristTilt = 51,
+    kMotionHealth = 64,
+};
+
+enum class Reporting {
+    kBatched,   // a sample each period, as many to a report as commanded
+    kSingle,    // a sample each period, each its own report
+    kOnChange,  // looks each period, reports when the value has changed
+    kOnEvent,   // reports when something happens
+};
+
+// A sample in the units and axes of the daemon's events; unused values are 0.
+inline constexpr size_t kMaxSampleValues = 5;
+using SampleValues = std::array<double, kMaxSampleValues>;
+
+struct SensorTraits {
+    uint8_t id;
+    uint8_t sample_bytes;
+    uint8_t value_count;        // of SampleValues
+    uint8_t calibration_bytes;  // of its calibration and parameter, 0: it has none
+    int32_t default_period_ms;
+    Reporting reporting;
+    std::string_view name;
+    std::string_view info;
+};
+
+[[nodiscard]] std::span<const SensorTraits> Sensors();
+// By MCU sensor id or by name; nullptr when there is none.
+[[nodiscard]] const SensorTraits* FindSensor(uint8_t id);
+[[nodiscard]] const SensorTraits* FindSensor(std::string_view name_or_id);
+
+// Appends one sample as the MCU sends it: raw units, the chip's axes. Values beyond the range of
+// the wire's fields stop at its ends.
+void AppendSample(Bytes& out, uint8_t sensor, const SampleValues& values);
+
+}  // namespace mcusim

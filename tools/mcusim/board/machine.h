@@ -1,0 +1,74 @@
+// The simulated machine without its surroundings: line, board, MCU and flash wired together. The
+// simulator moves the bytes between it and the device files and passes commands on to it.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "tools/mcusim/application/application.h"
+#include "tools/mcusim/application/sensor_signals.h"
+#include "tools/mcusim/board/board.h"
+#include "tools/mcusim/board/bootloader.h"
+#include "tools/mcusim/board/flash.h"
+#include "tools/mcusim/board/observer.h"
+#include "tools/mcusim/line/faults.h"
+#include "tools/mcusim/line/serial_line.h"
+#include "tools/mcusim/line/transmitter.h"
+
+namespace mcusim {
+
+struct MachineOptions {
+    uint32_t baud = 115200;  // 0: bytes take no time
+    uint64_t seed = 1;
+    TimePoint boot_delay = std::chrono::milliseconds(300);
+    BootloaderTimings bootloader_timings;
+};
+
+class Machine {
+  public:
+    // flash must outlive the machine. Switches the power on at time 0.
+    Machine(Flash& flash_memory, const MachineOptions& options);
+
+    // The host has written these bytes.
+    void HostWrote(TimePoint at, std::span<const uint8_t> bytes);
+    // The MCU has been woken through its sleep file.
+    void CountWakeups(uint64_t count) { wakeups_ += count; }
+
+    // Lets everything happen that is due by now. Times passed in must not go back.
+    void Advance(TimePoint now);
+    // The next bytes that have reached the host by now; call until there are none.
+    [[nodiscard]] std::optional<Burst> TakeOutput(TimePoint now);
+    [[nodiscard]] std::optional<TimePoint> NextDue() const;
+
+    // The firmware crashes: it sends a core dump in that many pieces, which asks the host for a
+    // reset or does not, and stands still. Returns the dump. The application must be running.
+    std::vector<uint8_t> Crash(TimePoint now, int pieces, bool ask_for_reset);
+
+    // The figures of the "stats" command as one line of JSON.
+    [[nodiscard]] std::string Stats(TimePoint now) const;
+
+    // observer must outlive the machine; it is told the present mode at once.
+    void AddObserver(Observer& observer, TimePoint now);
+
+    Flash& flash;
+    SerialLine line;
+    Faults faults;
+    SensorSignals signals;
+    Transmitter transmitter;
+    Application application;
+    Bootloader bootloader;
+    Board board;
+
+  private:
+    void ConnectWatchers();
+
+    const uint64_t seed_;
+    std::vector<Observer*> observers_;
+    uint64_t wakeups_ = 0;
+    uint64_t crashes_ = 0;
+};
+
+}  // namespace mcusim

@@ -1,0 +1,224 @@
+// The event loop and the preparation of what it serves.
+#include "tools/mcusim/host/simulator.h"
+
+#include <fmt/format.h>
+#include <sys/prctl.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <array>
+#include <csignal>
+#include <cstdio>
+#include <ctime>
+#include <filesystem>
+
+#include "tools/firmware/image.h"
+#include "tools/firmware/payload.h"
+#include "tools/mcusim/host/signal_file.h"
+#include "tools/mcusim/host/tester_commands.h"
+#include "tools/mcusim/host/trace.h"
+
+namespace mcusim {
+namespace {
+
+constexpr const char* kDefaultVersion = "SIM.900.0001";
+constexpr size_t kFirmwareSizeBytes = 49'152;
+
+// A host that answers a late byte answers late; up to this much is taken back, so that waking up
+// late does not slow the line down.
+constexpr TimePoint kMaxLateness = std::chrono::milliseconds(20);
+
+TimePoint Monotonic() {
+    timespec time{};
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+}
+
+UniqueFd EndingSignals() {
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int number : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&set, number);
+    sigprocmask(SIG_BLOCK, &set, nullptr);
+    return UniqueFd(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
+}
+
+std::vector<uint8_t> Firmware(const std::string& version, uint64_t seed) {
+    return firmware::BuildPayload(version, kFirmwareSizeBytes, static_cast<uint32_t>(seed));
+}
+
+constexpr size_t kMaxInputBytes = 4096;
+
+// A host that writes faster than the line gets no more than this ahead of it.
+bool HasRoom(const Machine& machine) {
+    return machine.line.input_bytes() < kMaxInputBytes;
+}
+
+// Everything that has been written to a control file since the last time.
+std::string Drain(int fd) {
+    std::string text;
+    std::array<char, 256> buffer;
+    ssize_t count = 0;
+    while ((count = read(fd, buffer.data(), buffer.size())) > 0) {
+        text.append(buffer.data(), static_cast<size_t>(count));
+    }
+    return text;
+}
+
+}  // namespace
+
+Simulator::Simulator(const SimulatorOptions& options)
+    : tree_(options.root),
+      state_directory_(tree_.Path("mcusim")),
+      signals_(EndingSignals()),
+      start_(Monotonic()) {
+    prctl(PR_SET_TIMERSLACK, 1UL);
+    if (options.keep) tree_.KeepState();
+    if (options.script) script_.emplace(*options.script);
+    PrepareFlash(options);
+    MakeTree();
+    start_ = Monotonic();
+    machine_ = std::make_unique<Machine>(*flash_, options.machine);
+    for (const auto& [sensor, path] : options.signals) {
+        machine_->signals.Play(sensor->id, LoadSignal(path, *sensor));
+    }
+    if (options.trace) observers_.push_back(std::make_unique<Trace>(*options.trace));
+    if (options.record) observers_.push_back(std::make_unique<Recorder>(*options.record));
+    for (const auto& observer : observers_) machine_->AddObserver(*observer, TimePoint(0));
+
+    const std::string socket = kCommandSocket;
+    std::filesystem::remove(tree_.Path(socket));  // of a simulator that was killed
+    tree_.Adopt(socket);
+    channel_ =
+        std::make_unique<CommandChannel>(tree_.Path(socket), [this](const std::string& line) {
+            CommandContext context{*machine_, Now(), quit_, state_directory_};
+            machine_->Advance(context.now);
+            return RunCommand(line, context);
+        });
+}
+
+void Simulator::PrepareFlash(const SimulatorOptions& options) {
+    const std::string path = "mcusim/flash.bin";
+    const bool fresh = !std::filesystem::exists(tree_.Path(path));
+    tree_.Adopt(path);
+    tree_.Adopt("mcusim/last_dump.bin");
+    flash_.emplace(tree_.Path(path));
+    const std::string version = options.firmware_version.value_or(kDefaultVersion);
+    if (options.blank) {
+        flash_->EraseAll();
+    } else if (fresh || options.firmware_version) {
+        flash_->EraseAll();
+        flash_->Program(kFlashBase, Firmware(version, options.machine.seed));
+    }
+
+    const std::string in_flash = RunningVersion(*flash_).value_or(version);
+    tree_.MakeDirectory("system/bin");
+    tree_.MakeFile("system/bin/mcu.bin",
+                   firmware::WrapImage(in_flash, Firmware(in_flash, options.machine.seed)));
+}
+
+void Simulator::MakeTree() {
+    for (const char* path : {"dev/socket", "proc/mcusleep", "proc/mcu", "data/property", "nvdata",
+                             "data/mcudumplog", "data/logdata"}) {
+        tree_.MakeDirectory(path);
+    }
+    files_.sleep = tree_.OpenFifo("proc/mcusleep/sleep");
+    files_.lpm = tree_.OpenFifo("proc/mcusleep/lpm");
+    files_.boot0 = tree_.OpenFifo("proc/mcu/gpio_mcu_boot0");
+    files_.boot1 = tree_.OpenFifo("proc/mcu/gpio_mcu_boot1");
+    files_.reset = tree_.OpenFifo("proc/mcu/gpio_mcu_reset");
+    tree_.Link("dev/ttyHSL1", pty_.far_name());
+}
+
+TimePoint Simulator::Now() const {
+    return Monotonic() - start_;
+}
+
+void Simulator::ServeControlFiles(TimePoint now) {
+    // The reset line is read first: whatever the host put onto the boot pins before it is then
+    // surely there.
+    const std::string reset = Drain(files_.reset.get());
+    const std::string boot0 = Drain(files_.boot0.get());
+    Drain(files_.boot1.get());  // no mode that boot pin 1 would select is simulated
+    Drain(files_.lpm.get());
+    machine_->CountWakeups(Drain(files_.sleep.get()).size());
+
+    for (const char level : boot0) {
+        if (level == '0' || level == '1') machine_->board.SetBoot0(level == '1');
+    }
+    for (const char level : reset) {
+        if (level == '0' || level == '1') machine_->board.SetReset(level == '1', now);
+    }
+}
+
+void Simulator::ServeInput(TimePoint now) {
+    while (HasRoom(*machine_)) {
+        const std::vector<uint8_t> bytes = pty_.Read();
+        if (bytes.empty()) return;
+        machine_->HostWrote(now - lateness_, bytes);
+        lateness_ = TimePoint(0);
+    }
+}
+
+void Simulator::ServeOutput(TimePoint now) {
+    while (const std::optional<Burst> burst = machine_->TakeOutput(now)) {
+        pty_.Write(burst->bytes);
+        lateness_ = std::min(Now() - burst->due, kMaxLateness);
+    }
+    machine_->transmitter.set_stalled_bytes(pty_.pending());
+}
+
+void Simulator::RunScript(TimePoint now) {
+    const auto report = [](const std::string& where, const std::string& answer, bool ok) {
+        fmt::print(ok ? stdout : stderr, "{}: {}{}\n", where, ok ? "" : "error: ", answer);
+        std::fflush(stdout);
+    };
+    while (script_ && script_->NextDue().value_or(TimePoint::max()) <= now && !quit_) {
+        CommandContext context{*machine_, *script_->NextDue(), quit_, state_directory_};
+        machine_->Advance(context.now);
+        script_->RunNext(context, report);
+    }
+}
+
+std::optional<TimePoint> Simulator::NextDue() const {
+    const std::optional<TimePoint> of_machine = machine_->NextDue();
+    const std::optional<TimePoint> of_script = script_ ? script_->NextDue() : std::nullopt;
+    if (of_machine && of_script) return std::min(*of_machine, *of_script);
+    return of_machine ? of_machine : of_script;
+}
+
+void Simulator::Wait() {
+    std::vector<pollfd> fds = {{signals_.get(), POLLIN, 0}, {pty_.fd(), 0, 0}};
+    if (HasRoom(*machine_)) fds.back().events |= POLLIN;
+    if (pty_.pending() > 0) fds.back().events |= POLLOUT;
+    for (const UniqueFd* file :
+         {&files_.sleep, &files_.lpm, &files_.boot0, &files_.boot1, &files_.reset}) {
+        fds.push_back({file->get(), POLLIN, 0});
+    }
+    channel_->AddPollFds(fds);
+
+    timespec timeout{};
+    const std::optional<TimePoint> due = NextDue();
+    if (due) {
+        const TimePoint left = std::max(*due - Now(), TimePoint(0));
+        timeout.tv_sec = static_cast<time_t>(left / std::chrono::seconds(1));
+        timeout.tv_nsec = static_cast<long>((left % std::chrono::seconds(1)).count());
+    }
+    if (ppoll(fds.data(), fds.size(), due ? &timeout : nullptr, nullptr) < 0) return;
+    if (fds.front().revents != 0) quit_ = true;
+    channel_->Serve(fds);
+}
+
+void Simulator::Run() {
+    while (!quit_) {
+        const TimePoint now = Now();
+        RunScript(now);
+        machine_->Advance(now);
+        ServeControlFiles(now);
+        ServeInput(now);
+        machine_->Advance(now);
+        ServeOutput(now);
+        if (!quit_) Wait();
+    }
+}
+
+}  // namespace mcusim

@@ -1,0 +1,71 @@
+// The observers behind --trace and --record.
+#include "tools/mcusim/host/trace.h"
+
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+#include "tools/mcusim/application/describe.h"
+
+namespace mcusim {
+namespace {
+
+constexpr size_t kMaxShownBytes = 16;
+
+const char* Speaker(Direction direction) {
+    return direction == Direction::kHostToMcu ? "host" : "mcu ";
+}
+
+std::FILE* OpenText(const std::string& path) {
+    std::FILE* file = path == "-" ? stderr : std::fopen(path.c_str(), "we");
+    if (file == nullptr) {
+        throw std::runtime_error(fmt::format("{}: {}", path, std::strerror(errno)));
+    }
+    (void)setvbuf(file, nullptr, _IOLBF, 0);
+    return file;
+}
+
+}  // namespace
+
+TextOutput::TextOutput(const std::string& path) : path_(path), file_(OpenText(path)) {}
+
+void TextOutput::Write(const std::string& line) {
+    if (!file_ || std::fputs(line.c_str(), file_.get()) >= 0) return;
+    const std::string complaint =
+        fmt::format("mcusim: {}: {}; it ends here\n", path_, std::strerror(errno));
+    file_.reset();
+    (void)std::fputs(complaint.c_str(), stderr);
+}
+
+void Trace::OnBytes(TimePoint at, Direction direction, std::span<const uint8_t> bytes,
+                    bool bootloader) {
+    if (!bootloader) return;
+    const auto shown = bytes.first(std::min(bytes.size(), kMaxShownBytes));
+    output_.Write(fmt::format(
+        "{:12.6f} {} bootloader {:02X}{}\n", Seconds(at), Speaker(direction), fmt::join(shown, " "),
+        shown.size() < bytes.size() ? fmt::format(" ... {} bytes", bytes.size()) : ""));
+}
+
+void Trace::OnPacket(TimePoint at, Direction direction, std::span<const uint8_t> packet,
+                     std::string_view note) {
+    output_.Write(fmt::format("{:12.6f} {} {}{}{}\n", Seconds(at), Speaker(direction),
+                              packet.empty() ? "frame" : DescribePacket(packet),
+                              note.empty() ? "" : ": ", note));
+}
+
+void Trace::OnMode(TimePoint at, std::string_view mode) {
+    output_.Write(fmt::format("{:12.6f} ---- {}\n", Seconds(at), mode));
+}
+
+void Recorder::OnBytes(TimePoint at, Direction direction, std::span<const uint8_t> bytes,
+                       bool /*bootloader*/) {
+    output_.Write(fmt::format("{:.6f} {} {:02x}\n", Seconds(at),
+                              direction == Direction::kHostToMcu ? '>' : '<',
+                              fmt::join(bytes, "")));
+}
+
+}  // namespace mcusim
