@@ -2,8 +2,23 @@
 #include <cstdio>
 
 #include "core/startup.h"
+#include "platform/sole_daemon.h"
+#include "platform/standard_descriptors.h"
 
-int main() {
+namespace {
+
+constexpr int kExitSecondDaemon = 1;
+constexpr int kExitUsage = 2;
+
+}  // namespace
+
+int main(int argc, char** /*argv*/) {
+    FillStandardDescriptors();  // else 0 may become the UART's, where it means closed
+    if (argc > 1) {
+        std::fputs("usage: shd (no arguments; it runs until it is killed)\n", stderr);
+        return kExitUsage;
+    }
+    if (!ClaimHub()) return kExitSecondDaemon;
     // The servers' trace lines appear as they are written, also in a file or a pipe.
     setvbuf(stdout, nullptr, _IOLBF, 0);
     return RunDaemon();

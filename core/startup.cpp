@@ -29,7 +29,6 @@
 #include "platform/delay.h"
 #include "platform/device_path.h"
 #include "platform/log.h"
-#include "platform/standard_descriptors.h"
 #include "platform/unique_fd.h"
 #include "protocol/system.h"
 #include "sensor_commands/mcu_config.h"
@@ -188,7 +187,6 @@ int GetInheritedSocket(const char* name) {
 }
 
 int RunDaemon() {
-    FillStandardDescriptors();  // else 0 may become the UART's, where it means closed
     // A client or a control file whose other end has gone must show as a failed write.
     std::signal(SIGPIPE, SIG_IGN);
     {

@@ -9,7 +9,23 @@
 #include <string>
 
 #include "platform/device_path.h"
+#include "platform/log.h"
 #include "platform/unique_fd.h"
+
+namespace {
+
+constexpr char kLogTag[] = "shd";
+
+// Removes a socket that a process left behind when it was killed, but none that somebody listens
+// on.
+void RemoveAbandoned(const sockaddr_un& address, int type) {
+    const UniqueFd probe(socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    const auto* generic = reinterpret_cast<const sockaddr*>(&address);
+    const bool answered = connect(probe.get(), generic, sizeof(address)) == 0;
+    if (!answered && errno == ECONNREFUSED) unlink(address.sun_path);
+}
+
+}  // namespace
 
 int socket_local_server(const char* name, int /*namespace_id*/, int type) {
     constexpr int kBacklog = 4;
@@ -24,9 +40,11 @@ int socket_local_server(const char* name, int /*namespace_id*/, int type) {
 
     UniqueFd fd(socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
     if (!fd.valid()) return -1;
-    unlink(path.c_str());  // left behind by a process that was killed
-    if (bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0)
+    RemoveAbandoned(address, type);
+    if (bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+        if (errno == EADDRINUSE) LOGW("Another process listens on %s", path.c_str());
         return -1;
+    }
     if (listen(fd.get(), kBacklog) != 0) return -1;
     return fd.Release();
 }

@@ -2,9 +2,13 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 
 #include "tests/integration/hub.h"
 
@@ -46,16 +50,22 @@ TEST(StartUp, AppliesCalibrationAndPropertiesBeforeTheMainLoop) {
     EXPECT_EQ(hub.Stats().at("wakeups"), requests.size());  // one before each frame
 }
 
-TEST(StartUp, RequestsOnAnInheritedSocketWaitForTheHandshake) {
-    Hub hub;
-    hub.StartSimulator();
-    hub.Simulate("noreply 0 0 1");
+// A socket with the control server's name.
+UniqueFd BindControlSocket(const Hub& hub) {
     const std::string path = hub.root() + "/dev/socket/shdctl";
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-    UniqueFd socket_fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    ASSERT_EQ(bind(socket_fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    EXPECT_EQ(bind(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    return fd;
+}
+
+TEST(StartUp, RequestsOnAnInheritedSocketWaitForTheHandshake) {
+    Hub hub;
+    hub.StartSimulator();
+    hub.Simulate("noreply 0 0 1");
+    UniqueFd socket_fd = BindControlSocket(hub);
     hub.StartDaemon({"ANDROID_SOCKET_shdctl=" + std::to_string(socket_fd.get())}, socket_fd.get());
     socket_fd.Reset();
 
@@ -68,6 +78,62 @@ TEST(StartUp, RequestsOnAnInheritedSocketWaitForTheHandshake) {
               SHB_MCU_RAWDATA_CONFIG);  // what a version reply carries
     hub.WaitForLog("Handshake OK", "Set parameter OK, start loop", "ProcessMcuVersion type:0");
     EXPECT_EQ(hub.CountInLog("Failed to get shdctl"), 0);
+}
+
+TEST(StartUp, StrayDaemonsEndWithoutTouchingTheHubThatRuns) {
+    Hub hub;
+    hub.StartUp();
+    const UniqueFd client = ConnectRaw(hub);
+    const nlohmann::json before = hub.Stats();
+    const std::string link = hub.root() + "-link";
+    std::filesystem::create_symlink(hub.root(), link);
+    const struct {
+        const char* what;
+        std::vector<std::string> command;
+        int status;
+        const char* says;
+    } strays[] = {
+        {"argument", {"SHD_ROOT=" + hub.root(), SHD_BINARY, "--help"}, 2, "usage: shd"},
+        {"argument, no tree", {"SHD_ROOT=/none", SHD_BINARY, ""}, 2, "usage: shd"},
+        {"second daemon", {"SHD_ROOT=" + hub.root(), SHD_BINARY}, 1, "Another daemon serves"},
+        {"second daemon, by another path", {"SHD_ROOT=" + link, SHD_BINARY}, 1, "Another daemon"},
+    };
+    for (const auto& stray : strays) {
+        SCOPED_TRACE(stray.what);
+        const std::string errors = hub.root() + "-errors";
+        Process process(stray.command, errors);
+        Eventually("it ends", [&] { return process.Status().has_value(); });
+        EXPECT_EQ(WEXITSTATUS(*process.Status()), stray.status);
+        std::ifstream file(errors);
+        const std::string text{std::istreambuf_iterator<char>(file), {}};
+        EXPECT_NE(text.find(stray.says), std::string::npos) << text;
+        EXPECT_EQ(std::ranges::count(text, '\n'), 1) << text;
+        EXPECT_EQ(hub.Stats().at("resets"), before.at("resets"));
+        SendRaw(client.get(), Request(0, SHB_SENSOR_ACTIVE));
+        EXPECT_EQ(ReceiveRaw(client.get()).result, 0);
+        EXPECT_TRUE(hub.Client().Deactivate(0).ok());  // the socket is still there
+    }
+}
+
+TEST(StartUp, TreeOfAKilledDaemonIsTakenOver) {
+    Hub hub;
+    hub.StartUp();
+    hub.StopDaemon();  // by a signal that it does not handle
+    hub.StartDaemon();
+    hub.WaitForLog("Set parameter OK, start loop");
+    EXPECT_TRUE(hub.Client().Activate(0).ok());
+}
+
+TEST(StartUp, SocketThatSomebodyListensOnIsLeftToThem) {
+    Hub hub;
+    hub.StartSimulator();
+    const UniqueFd listener = BindControlSocket(hub);
+    ASSERT_EQ(listen(listener.get(), 8), 0);
+    hub.StartDaemon();
+    hub.WaitForLog("Another process listens on", "Set parameter OK, start loop");
+    while (UniqueFd(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC)).valid()) continue;
+    const UniqueFd client = ConnectRaw(hub);
+    EXPECT_TRUE(UniqueFd(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC)).valid());
 }
 
 }  // namespace
