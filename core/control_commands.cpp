@@ -18,7 +18,7 @@
 #include "protocol/system.h"
 #include "sensor_commands/mcu_config.h"
 #include "sensor_commands/sensor_commands.h"
-#include "sockets/socket_io.h"
+#include "sockets/control_server.h"
 
 using namespace shd;
 
@@ -56,18 +56,24 @@ char* TextOf(ControlReply* reply) {
     return reinterpret_cast<char*>(reply) + kControlReplyTextOffset;
 }
 
+// Returns 0, or -1 when the client has gone or does not read.
+int Send(const Call& call, const ControlReply& reply) {
+    return call.hub->control_server->Reply(call.client, reply);
+}
+
 int Answer(const Call& call, int32_t result) {
     // A client that has gone misses its reply.
-    (void)SendReply(call.client, MakeReply(call.request.handle, call.request.command, result));
+    (void)Send(call, MakeReply(call.request.handle, call.request.command, result));
     return 0;
 }
 
 int AnswerMcuWide(const Call& call, int32_t result) {
-    return SendReply(call.client, MakeReply(0, call.request.command, result));
+    return Send(call, MakeReply(0, call.request.command, result));
 }
 
-void AnswerError(int client, const ClientRequest& request) {
-    (void)SendReply(client, MakeReply(request.handle, kErrorReplyCommand, -1));
+int AnswerError(const Call& call) {
+    (void)Send(call, MakeReply(call.request.handle, kErrorReplyCommand, -1));
+    return 0;
 }
 
 // Starts the measurement of a sensor's sample interval afresh.
@@ -123,7 +129,7 @@ int SetParameter(const Call& call) {
 int Calibrate(const Call& call) {
     ControlReply reply = MakeReply(call.request.handle, call.request.command, 0);
     reply.result = SensorCalibration(call.hub, call.id, reply.data);
-    (void)SendReply(call.client, reply);
+    (void)Send(call, reply);
     return 0;
 }
 
@@ -210,7 +216,7 @@ int Flush(const Call& call) {
 int GetInformation(const Call& call) {
     ControlReply reply = MakeReply(call.request.handle, call.request.command, 0);
     (void)SensorGetInfo(call.hub, call.id, TextOf(&reply));  // a failure shows as an empty text
-    (void)SendReply(call.client, reply);
+    (void)Send(call, reply);
     return 0;
 }
 
@@ -219,7 +225,7 @@ int GetMcuVersion(const Call& call) {
     ControlReply reply = MakeReply(0, FindCommand(SHB_MCU_VERSION)->reply_command, 0);
     const int result = SensorVersion(call.hub, number, TextOf(&reply));
     LOGD("ProcessMcuVersion type:%d ret:%d", number, result);
-    (void)SendReply(call.client, reply);
+    (void)Send(call, reply);
     return 0;
 }
 
@@ -268,7 +274,8 @@ constexpr CommandHandler kHandlers[] = {
 };
 
 // Virtual sensors are answered here, whatever the command, also while the MCU is away.
-void ProcessVirtualSensor(SensorHub* hub, int client, const ClientRequest& request) {
+int ProcessVirtualSensor(const Call& call) {
+    const ClientRequest& request = call.request;
     LOGD("ProcessVirtualSensor type:%d cmd:%d", request.handle, request.command);
     {
         const MutexLock lock(g_sensor_state_mutex);
@@ -280,8 +287,9 @@ void ProcessVirtualSensor(SensorHub* hub, int client, const ClientRequest& reque
             state.flush_count = 0;
         }
     }
-    if (request.command == SHB_SENSOR_FLUSH) SendFlushComplete(hub, request.handle);
-    (void)SendReply(client, MakeReply(request.handle, kVirtualReplyCommand, 0));
+    if (request.command == SHB_SENSOR_FLUSH) SendFlushComplete(call.hub, request.handle);
+    (void)Send(call, MakeReply(request.handle, kVirtualReplyCommand, 0));
+    return 0;
 }
 
 }  // namespace
@@ -289,27 +297,19 @@ void ProcessVirtualSensor(SensorHub* hub, int client, const ClientRequest& reque
 int ProcessMessage(SensorHub* hub, const QueuedRequest& queued) {
     const ClientRequest& request = queued.request;
     const int32_t id = GetMcuSensorId(request.handle);
-    if (id == kMcuVirtualSensor) {
-        ProcessVirtualSensor(hub, queued.client, request);
-        return 0;
-    }
+    const Call call{hub, queued.client, request, id};
+    if (id == kMcuVirtualSensor) return ProcessVirtualSensor(call);
     if (g_mcu_rebooting != 0) {
         LOGE("Process msg mcu in reboot ignore sensor %4d ,command id = %4d", id, request.command);
         Delay(kRebootPause);
-        AnswerError(queued.client, request);
-        return 0;
+        return AnswerError(call);
     }
     if (id == kMcuNoSensor) {
         LOGE("Process msg Invalid sensor %4d ,command id = %4d", id, request.command);
-        AnswerError(queued.client, request);
-        return 0;
+        return AnswerError(call);
     }
     const auto* handler = std::find_if(
         std::begin(kHandlers), std::end(kHandlers),
         [&request](const CommandHandler& entry) { return entry.command == request.command; });
-    if (handler == std::end(kHandlers)) {
-        AnswerError(queued.client, request);
-        return 0;
-    }
-    return handler->handle(Call{hub, queued.client, request, id});
+    return handler == std::end(kHandlers) ? AnswerError(call) : handler->handle(call);
 }

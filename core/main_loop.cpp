@@ -6,12 +6,12 @@
 #include "core/control_commands.h"
 #include "sockets/control_server.h"
 
-void RunMainLoopOnce(SensorHub* hub, ControlServer* control_server) {
+void RunMainLoopOnce(SensorHub* hub) {
     const std::unique_ptr<QueuedRequest, FreeDeleter> queued(hub->request_queue.DequeueMessage());
     (void)ProcessMessage(hub, *queued);
-    control_server->RequestDone(queued->client);
+    hub->control_server->RequestDone(queued->client);
 }
 
-void RunMainLoop(SensorHub* hub, ControlServer* control_server) {
-    while (true) RunMainLoopOnce(hub, control_server);
+void RunMainLoop(SensorHub* hub) {
+    while (true) RunMainLoopOnce(hub);
 }

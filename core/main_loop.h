@@ -3,10 +3,8 @@
 
 #include "core/hub/sensor_hub.h"
 
-class ControlServer;
-
 // Executes the next queued request and releases it; blocks while there is none.
-void RunMainLoopOnce(SensorHub* hub, ControlServer* control_server);
+void RunMainLoopOnce(SensorHub* hub);
 
 // Executes requests in the order of their arrival for ever.
-[[noreturn]] void RunMainLoop(SensorHub* hub, ControlServer* control_server);
+[[noreturn]] void RunMainLoop(SensorHub* hub);

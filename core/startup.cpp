@@ -204,6 +204,7 @@ int RunDaemon() {
     SensorHub hub;
     ControlServer control_server(control_socket);
     control_server.set_owner(&hub);
+    hub.control_server = &control_server;
     DataServer data_server(data_socket);
     (void)control_server.Start();  // without one of its sockets the daemon serves the other
     (void)data_server.Start();
@@ -219,5 +220,5 @@ int RunDaemon() {
     SendMcuParameters(&hub);
     LOGD("Set parameter OK, start loop");
     ApplyRawDataProperty(&hub);
-    RunMainLoop(&hub, &control_server);
+    RunMainLoop(&hub);
 }

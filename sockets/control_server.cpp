@@ -1,13 +1,12 @@
-// Receives control requests and keeps the descriptors that replies still need.
+// Receives control requests and knows which of their clients are still there to be answered.
 #include "sockets/control_server.h"
-
-#include <sys/socket.h>
 
 #include <cstdlib>
 #include <memory>
 
 #include "core/hub/sensor_hub.h"
 #include "platform/log.h"
+#include "protocol/system.h"
 #include "sockets/socket_io.h"
 
 namespace {
@@ -15,6 +14,8 @@ namespace {
 constexpr char kLogTag[] = "shd";
 
 }  // namespace
+
+ControlServer::ControlServer(int listen_fd) : SocketServer(shd::kControlSocketName, listen_fd) {}
 
 int ControlServer::OnData(int client) {
     std::unique_ptr<QueuedRequest, FreeDeleter> buffer(
@@ -29,26 +30,38 @@ int ControlServer::OnData(int client) {
     return owner_->request_queue.EnqueueMessage(buffer.release());
 }
 
+int ControlServer::Reply(int client, const shd::ControlReply& reply) {
+    const MutexLock lock(clients_mutex_);
+    if (open_requests_[static_cast<size_t>(client)].orphaned > 0) return -1;
+    return SendReply(client, reply);
+}
+
 void ControlServer::RequestQueued(int client) {
-    const MutexLock lock(requests_mutex_);
-    ++requests_[static_cast<size_t>(client)].open;
+    const MutexLock lock(clients_mutex_);
+    OpenRequests& open = open_requests_[static_cast<size_t>(client)];
+    if (++open.own == kMaxOpenRequests) open.held_back = true;
 }
 
 void ControlServer::RequestDone(int client) {
-    const MutexLock lock(requests_mutex_);
-    Requests& requests = requests_[static_cast<size_t>(client)];
-    if (--requests.open > 0 || !requests.gone) return;
-    requests.gone = false;
-    close(client);
+    {
+        const MutexLock lock(clients_mutex_);
+        OpenRequests& open = open_requests_[static_cast<size_t>(client)];
+        if (open.orphaned > 0) {
+            --open.orphaned;
+            return;
+        }
+        --open.own;
+        if (!open.held_back || open.own > kMaxOpenRequests / 2) return;
+        open.held_back = false;
+    }
+    Wake();
 }
 
-void ControlServer::ReleaseClient(int client) {
-    const MutexLock lock(requests_mutex_);
-    Requests& requests = requests_[static_cast<size_t>(client)];
-    if (requests.open == 0) {
-        close(client);
-        return;
-    }
-    requests.gone = true;
-    shutdown(client, SHUT_RDWR);
+bool ControlServer::IsHeldBack(int client) const {
+    return open_requests_[static_cast<size_t>(client)].held_back;
+}
+
+void ControlServer::ForgetClient(int client) {
+    OpenRequests& open = open_requests_[static_cast<size_t>(client)];
+    open = {open.orphaned + open.own, 0, false};
 }

@@ -1,5 +1,5 @@
-// Server of the control socket "shdctl": reads requests and queues them for the main thread, which
-// answers the client directly.
+// Server of the control socket "shdctl": reads requests, queues them for the main thread, and
+// passes the replies on to clients that are still there.
 #pragma once
 
 #include <sys/select.h>
@@ -7,38 +7,50 @@
 #include <array>
 #include <cstdint>
 
+#include "protocol/control.h"
 #include "sockets/socket_server.h"
 
 class SensorHub;
 
 class ControlServer final : public SocketServer {
   public:
-    using SocketServer::SocketServer;
+    // Takes ownership of the listening socket, see SocketServer.
+    explicit ControlServer(int listen_fd);
 
     // Sets whose request queue receives the requests; borrowed. Before Start.
     void set_owner(SensorHub* owner) { owner_ = owner; }
 
     // Reads one request; blocks this server until all of its bytes have arrived.
-    int OnData(int client) override;
+    int OnData(int client) override EXCLUDES(clients_mutex_);
 
-    // Called by the main thread when a request has been executed and answered. The descriptor
-    // number of a client that has gone stays reserved until then, so that a late reply never
-    // reaches a client that came after it.
-    void RequestDone(int client) EXCLUDES(requests_mutex_);
+    // Sends the reply to the request that the main thread executes, whose client is the one given.
+    // Never blocks. Returns 0, or -1 when the client has gone or the reply could not be sent whole.
+    int Reply(int client, const shd::ControlReply& reply) EXCLUDES(clients_mutex_);
+
+    // Called by the main thread when it has executed a client's request, answered or not. Lets the
+    // server read again from a client that was held back.
+    void RequestDone(int client) EXCLUDES(clients_mutex_);
 
   protected:
-    void ReleaseClient(int client) override;
+    [[nodiscard]] bool IsHeldBack(int client) const override REQUIRES(clients_mutex_);
+    void ForgetClient(int client) override REQUIRES(clients_mutex_);
 
   private:
-    struct Requests {
-        uint32_t open = 0;  // queued or running
-        bool gone = false;  // the client has been dropped
+    // A client with this many requests queued is not read from until half of them are done.
+    static constexpr uint32_t kMaxOpenRequests = 4096;
+
+    // The requests that came from one descriptor's number and are queued or running. They are
+    // executed in the order of arrival: first those of clients that have gone, which nobody may be
+    // sent a reply to, then those of the client that has the number now.
+    struct OpenRequests {
+        uint32_t orphaned = 0;
+        uint32_t own = 0;
+        bool held_back = false;
     };
 
-    void RequestQueued(int client) EXCLUDES(requests_mutex_);
+    void RequestQueued(int client) EXCLUDES(clients_mutex_);
 
     SensorHub* owner_ = nullptr;
 
-    Mutex requests_mutex_;
-    std::array<Requests, FD_SETSIZE> requests_ GUARDED_BY(requests_mutex_){};  // by descriptor
+    std::array<OpenRequests, FD_SETSIZE> open_requests_ GUARDED_BY(clients_mutex_){};
 };

@@ -11,8 +11,9 @@
 
 class SocketServer {
   public:
-    // Takes ownership of the listening socket; a negative descriptor means that there is none.
-    explicit SocketServer(int listen_fd);
+    // Takes ownership of the listening socket; a negative descriptor means that there is none. The
+    // name is borrowed for the server's life.
+    SocketServer(const char* name, int listen_fd);
     SocketServer(const SocketServer&) = delete;
     SocketServer& operator=(const SocketServer&) = delete;
 
@@ -23,31 +24,44 @@ class SocketServer {
     // Reads from a readable client on the server's thread. A negative result drops the client.
     virtual int OnData(int client) = 0;
 
-    // Starts the server's thread. Returns 0, or -1 without a thread when there is no socket to
-    // listen on.
+    // Starts the server's thread. Returns 0, or -1 without a thread: silently when there is no
+    // socket to listen on, else with one warning that says why.
     [[nodiscard]] int Start();
 
-    // One pass of the server's loop: blocks until a client or a connection is ready, and serves
-    // all that are. Clients accepted in a pass are first read from in the next one.
+    // One pass of the server's loop: blocks until a client or a connection is ready, or Wake is
+    // called, and serves all that are ready. Clients accepted in a pass are first read from in the
+    // next one.
     void ServeOnce();
 
   protected:
-    // Ends a client that is no longer in the list. The base closes its descriptor.
-    virtual void ReleaseClient(int client);
+    // Called with each new client before it gets anything.
+    virtual void PrepareClient(int /*client*/) {}
 
-    // Clients in the order of acceptance. The server's thread alone adds and removes; a client is
-    // closed only after it has left the list.
-    Mutex clients_mutex_;
+    // Whether a client is left unread for now. Wake ends the wait of a server for clients that are
+    // no longer held back.
+    [[nodiscard]] virtual bool IsHeldBack(int /*client*/) const REQUIRES(clients_mutex_) {
+        return false;
+    }
+
+    // Called when a client has left the list, just before its descriptor is closed.
+    virtual void ForgetClient(int /*client*/) REQUIRES(clients_mutex_) {}
+
+    // Ends the wait of ServeOnce, or the next one. Never blocks. Any thread.
+    void Wake();
+
+    // Clients in the order of acceptance. The server's thread alone adds, removes and closes.
+    mutable Mutex clients_mutex_;
     std::vector<int> clients_ GUARDED_BY(clients_mutex_);
 
   private:
     static void* Run(void* server);
     void AcceptClient();
-    UniqueFd TakeConnection();
-    void RefuseConnection();
-    void DropClient(int client);
+    [[nodiscard]] int TakeConnection(UniqueFd* client);
+    void DropClient(int client) EXCLUDES(clients_mutex_);
 
+    const char* const name_;
     const UniqueFd listen_fd_;
+    const UniqueFd wake_fd_;  // an event counter, readable from Wake until the server has woken up
     pthread_t thread_{};
 
     // Server thread: kept open so that one connection can still be taken, and closed at once,

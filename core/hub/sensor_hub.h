@@ -10,6 +10,7 @@
 #include "mcu_link/mcu_packet.h"
 #include "protocol/control.h"
 
+class ControlServer;
 class DataServer;
 class SerialPort;
 
@@ -24,7 +25,7 @@ static_assert(sizeof(QueuedRequest) == 36 && offsetof(QueuedRequest, request) ==
 using ReplyQueue = MessageQueue<McuMessage>;
 using RequestQueue = MessageQueue<QueuedRequest>;
 
-// Start-up fills the pointers before the threads that read them start; both are borrowed.
+// Start-up fills the pointers before the threads that read them start; all are borrowed.
 class SensorHub final : public McuEventSink {
   public:
     SensorHub() = default;
@@ -38,6 +39,7 @@ class SensorHub final : public McuEventSink {
     RequestQueue request_queue;
     SerialPort* serial_port = nullptr;
     DataServer* data_server = nullptr;
+    ControlServer* control_server = nullptr;
 
     // Consecutive failures of the exchange; written by whichever thread sends.
     std::atomic<int32_t> error_count{0};

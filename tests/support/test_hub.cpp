@@ -166,11 +166,14 @@ CleanProcess::CleanProcess() {
     g_sensor_state.fill(SensorState{});
 }
 
-TestHub::TestHub() : data_server(Listen("/data.sock").Release()) {
+TestHub::TestHub()
+    : control_server(Listen("/ctl.sock").Release()), data_server(Listen("/data.sock").Release()) {
+    control_server.set_owner(&hub);
     data_client = Connect("/data.sock");
     data_server.ServeOnce();
     hub.serial_port = &mcu;
     hub.data_server = &data_server;
+    hub.control_server = &control_server;
 }
 
 std::vector<SensorEvent> TestHub::TakeEvents() const {

@@ -1,5 +1,5 @@
-// A SensorHub wired up for tests: a scripted MCU behind its serial port and one client connected to
-// its data server. Used by the unit tests and by the fuzz targets.
+// A SensorHub wired up for tests: a scripted MCU behind its serial port, its two servers and one
+// client connected to the data server. Used by the unit tests and by the fuzz targets.
 #pragma once
 
 #include <deque>
@@ -13,6 +13,7 @@
 #include "mcu_link/serial_port.h"
 #include "platform/unique_fd.h"
 #include "protocol/event.h"
+#include "sockets/control_server.h"
 #include "sockets/data_server.h"
 #include "tests/support/platform.h"
 
@@ -75,6 +76,7 @@ struct TestHub : CleanProcess {
 
     SensorHub hub;
     FakeMcu mcu{&hub};
+    ControlServer control_server;  // listens on /ctl.sock
     DataServer data_server;
     UniqueFd data_client;
 

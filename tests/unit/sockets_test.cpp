@@ -1,13 +1,17 @@
-// The two socket servers: records, dropped clients, late replies, shortage of descriptors.
-#include <fcntl.h>
+// The two socket servers: records, clients that leave or ask for too much, shortage of descriptors.
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <sched.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 
+#include <atomic>
+#include <cstring>
+#include <filesystem>
 #include <thread>
 
 #include "core/main_loop.h"
-#include "sockets/control_server.h"
+#include "mcu_link/exchange/reboot_trigger.h"
 #include "sockets/socket_io.h"
 #include "tests/support/in_child.h"
 #include "tests/support/test_hub.h"
@@ -31,66 +35,166 @@ void Send(const UniqueFd& client, const std::string& bytes) {
 const std::string kRecord = "ABCDEFGHIJKLMNOPQRSTUVWXYZ012345";  // 32 bytes, no known handle
 
 struct ControlServerTest : testing::Test, TestHub {
-    ControlServerTest() : server(Listen("/ctl.sock").Release()) { server.set_owner(&hub); }
-
     UniqueFd Accepted() {
         UniqueFd client = Connect("/ctl.sock");
-        server.ServeOnce();
+        control_server.ServeOnce();
         return client;
     }
-    // The next queued request's client and text.
-    std::pair<int, std::string> Queued() {
+    void Serve(int passes) {
+        while (passes-- > 0) control_server.ServeOnce();
+    }
+    void Execute(int requests) {
+        while (requests-- > 0) RunMainLoopOnce(&hub);
+    }
+    // The next queued request's text.
+    std::string Queued() {
         const std::unique_ptr<QueuedRequest, FreeDeleter> queued(
             hub.request_queue.DequeueMessageTimeout(0));
-        if (queued == nullptr) return {-1, ""};
-        return {queued->client, {reinterpret_cast<const char*>(&queued->request), 32}};
+        if (queued == nullptr) return "";
+        return {reinterpret_cast<const char*>(&queued->request), 32};
     }
-    ControlServer server;
 };
+
+// Sends a request for each handle from first on. Those from 100 on have no sensor: each is answered
+// with an error that carries the handle.
+void Ask(const UniqueFd& client, int32_t first, int count = 1, int32_t command = 0) {
+    std::vector<ClientRequest> requests(static_cast<size_t>(count));
+    for (ClientRequest& request : requests) {
+        request.handle = first++;
+        request.command = command;
+    }
+    const size_t size = requests.size() * sizeof(ClientRequest);
+    ASSERT_EQ(send(client.get(), requests.data(), size, MSG_NOSIGNAL), static_cast<ssize_t>(size));
+}
+
+// The handles in the replies that the client has received since the last call.
+std::vector<int32_t> Replies(const UniqueFd& client) {
+    const std::string received = ReadAvailable(client.get());
+    std::vector<ControlReply> replies(received.size() / sizeof(ControlReply));
+    EXPECT_EQ(received.size() % sizeof(ControlReply), 0U);
+    std::vector<int32_t> handles;
+    for (size_t i = 0; i < replies.size(); ++i) {
+        std::memcpy(&replies[i], received.data() + i * sizeof(ControlReply), sizeof(ControlReply));
+        handles.push_back(replies[i].handle);
+    }
+    return handles;
+}
+
+ptrdiff_t OpenDescriptors() {
+    const std::filesystem::directory_iterator directory("/proc/self/fd");
+    return std::distance(begin(directory), end(directory));
+}
 
 TEST_F(ControlServerTest, StreamIsCutIntoRecordsOf32Bytes) {
     const UniqueFd client = Connect("/ctl.sock");
     Send(client, kRecord + "01234567");
-    server.ServeOnce();  // accepts only; a new client is read from in the next pass
-    EXPECT_EQ(Queued().second, "");
-    server.ServeOnce();
-    EXPECT_EQ(Queued().second, kRecord);
-    EXPECT_EQ(Queued().second, "");
+    control_server.ServeOnce();  // accepts only; a new client is read from in the next pass
+    EXPECT_EQ(Queued(), "");
+    control_server.ServeOnce();
+    EXPECT_EQ(Queued(), kRecord);
+    EXPECT_EQ(Queued(), "");
     std::thread sender([&] {
         for (int i = 0; i < 24; ++i) Send(client, "+");
     });
-    server.ServeOnce();
+    control_server.ServeOnce();
     sender.join();
-    EXPECT_EQ(Queued().second, "01234567" + std::string(24, '+'));
+    EXPECT_EQ(Queued(), "01234567" + std::string(24, '+'));
     Send(client, kRecord.substr(1));  // an incomplete record is dropped with its client
     shutdown(client.get(), SHUT_WR);
-    server.ServeOnce();
-    EXPECT_EQ(Queued().second, "");
+    control_server.ServeOnce();
+    EXPECT_EQ(Queued(), "");
     EXPECT_TRUE(IsAtEnd(client));
 }
 
-TEST_F(ControlServerTest, NumberOfAGoneClientIsReservedUntilItsLastReply) {
+using Handles = std::vector<int32_t>;
+
+TEST_F(ControlServerTest, ClientsThatLeaveOccupyNothingAndTheirRepliesReachNobody) {
+    const UniqueFd bystander = Accepted();
+    Ask(bystander, 100);
+    Serve(1);
+    const auto before = OpenDescriptors();
+    for (int i = 0; i < 1200; ++i) {  // one number after the other, or the same again and again
+        const UniqueFd client = Accepted();
+        Ask(client, 200);
+        Serve(1);
+        shutdown(client.get(), SHUT_WR);
+        Serve(1);
+        ASSERT_TRUE(IsAtEnd(client));
+        ASSERT_LE(OpenDescriptors(), before + 1);
+    }
+    const UniqueFd next = Accepted();
+    Ask(next, 300);
+    Serve(1);
+    Execute(1 + 1200 + 1);
+    EXPECT_EQ(TakeJournal({"shd"}).size(), 1202U);  // all were executed
+    EXPECT_EQ(Replies(bystander), Handles{100});
+    EXPECT_EQ(Replies(next), Handles{300});
+    EXPECT_EQ(Queued(), "");
+}
+
+TEST_F(ControlServerTest, ClientMayLeaveWithSomeRequestsAnsweredAndOneRunning) {
     UniqueFd client = Accepted();
-    Send(client, kRecord + kRecord + kRecord);
-    for (int i = 0; i < 3; ++i) server.ServeOnce();
-    const int number = Queued().first;
-    client.Reset();
-    server.ServeOnce();  // drops the client, whose requests still wait
+    UniqueFd next;
+    Ask(client, 100, 3);
+    Serve(3);
+    Execute(1);
+    EXPECT_EQ(Replies(client), Handles{100});
+    g_mcu_rebooting = 1;  // each request pauses before it is answered
+    g_hooks.on_delay = [&](auto) {
+        if (next.valid()) return;
+        client.Reset();
+        Serve(1);
+        next = Accepted();  // on the number that has become free
+        Ask(next, 200);
+        Serve(1);
+    };
+    Execute(3);
+    EXPECT_EQ(Replies(next), Handles{200});
+    g_mcu_rebooting = 0;
+    (void)TakeJournal();
+    Ask(next, 19, 1, SHB_MCU_DATETIME_CONFIG);
+    Serve(1);
+    next.Reset();
+    Serve(1);
+    Execute(1);
+    EXPECT_EQ(TakeJournal({"shd"}),
+              List(R"(E/shd ProcessDateTimeConifg sensorhub_sendmsg failure\n)"));
+}
+
+TEST_F(ControlServerTest, ClientWith4096OpenRequestsIsNotReadUntilHalfAreDone) {
+    testing::internal::CaptureStdout();
+    const UniqueFd greedy = Accepted();
     const UniqueFd other = Accepted();
-    RunMainLoopOnce(&hub, &server);
-    RunMainLoopOnce(&hub, &server);
-    EXPECT_GE(fcntl(number, F_GETFD), 0);
-    const UniqueFd next = Connect("/ctl.sock");
-    server.RequestDone(number);
-    EXPECT_LT(fcntl(number, F_GETFD), 0);
-    EXPECT_EQ(ReadAvailable(other.get()), "");
-    server.ServeOnce();  // the next client gets the number
-    Send(next, kRecord);
-    server.ServeOnce();
-    EXPECT_GE(fcntl(number, F_GETFD), 0);
-    RunMainLoopOnce(&hub, &server);
-    EXPECT_EQ(ReadAvailable(next.get()).size(), 272U);
-    EXPECT_FALSE(IsAtEnd(next));
+    Ask(greedy, 1000, 5000);
+    Serve(4096);
+    Ask(other, 100);
+    Serve(1);
+    std::atomic<pid_t> server_id{0};
+    std::atomic<bool> awake{false};
+    std::thread server([&] {
+        server_id = gettid();
+        Serve(1);
+        awake = true;
+    });
+    while (!IsAsleep(server_id) && !awake) sched_yield();
+    std::vector<int32_t> replies;
+    const auto execute = [&](int requests) {
+        while (requests-- > 0) {
+            Execute(1);
+            for (const int32_t handle : Replies(greedy)) replies.push_back(handle);
+        }
+    };
+    execute(2047);
+    EXPECT_FALSE(awake);  // nobody was ready, and none too early
+    execute(1);
+    server.join();
+    Serve(904);
+    execute(2048 + 1 + 904);
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(Queued(), "");
+    EXPECT_EQ(Replies(other), Handles{100});
+    ASSERT_EQ(replies.size(), 5000U);
+    for (int32_t i = 0; i < 5000; ++i) ASSERT_EQ(replies[static_cast<size_t>(i)], 1000 + i);
 }
 
 struct DataServerTest : testing::Test, TestHub {};
@@ -115,12 +219,27 @@ TEST_F(DataServerTest, FullClientMissesRecordsThatOthersReceive) {
     data_server.ServeOnce();
     const std::string block(10'000, 'x');
     size_t received = 0;
-    for (int i = 0; i < 200; ++i) {  // far beyond a socket's buffer
+    for (int i = 0; i < 500; ++i) {  // far beyond a socket's buffer
         EXPECT_EQ(data_server.Broadcast(block.data(), block.size()), 0);
         received += ReadAvailable(other.get()).size();
     }
-    EXPECT_EQ(received, 200 * block.size());
-    EXPECT_LT(ReadAvailable(data_client.get()).size(), 200 * block.size());
+    EXPECT_EQ(received, 500 * block.size());
+    EXPECT_LT(ReadAvailable(data_client.get()).size(), 500 * block.size());
+}
+
+TEST_F(DataServerTest, ClientThatReadsLaterMissesNothingOfTheLargestReport) {
+    constexpr size_t kSamples = 374;
+    for (size_t i = 0; i < kSamples; ++i) data_server.Broadcast(std::string(104, 'x').data(), 104);
+    EXPECT_EQ(ReadAvailable(data_client.get()).size(), kSamples * 104);
+}
+
+// Uses up every number below the given one.
+void OccupyDescriptors(int end) {
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 2 * FD_SETSIZE);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    for (int fd = 0; fd < end - 1;) ASSERT_GE(fd = dup(0), 0);
 }
 
 TEST_F(DataServerTest, ConnectionsBeyondTheDescriptorsAreRefused) {
@@ -141,18 +260,57 @@ TEST_F(DataServerTest, ConnectionsBeyondTheDescriptorsAreRefused) {
 TEST_F(DataServerTest, DescriptorsThatSelectCannotWatchAreRefused) {
     InChild([this] {
         const UniqueFd client = Connect("/data.sock");
-        rlimit limit{};
-        getrlimit(RLIMIT_NOFILE, &limit);
-        limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 2 * FD_SETSIZE);
-        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
-        for (int fd = 0; fd < FD_SETSIZE - 1;) ASSERT_GE(fd = dup(0), 0);
+        OccupyDescriptors(FD_SETSIZE);
         data_server.ServeOnce();
         EXPECT_TRUE(IsAtEnd(client));
     });
 }
 
-TEST(SocketServer, WithoutASocketNothingIsServed) {
+TEST_F(DataServerTest, ConnectionThatCanNeitherBeTakenNorRefusedWaitsWithoutASpin) {
+    InChild([] {
+        const UniqueFd low = Listen("/low.sock");
+        const UniqueFd first = Connect("/low.sock");
+        OccupyDescriptors(100);
+        DataServer server(dup(low.get()));
+        const rlimit taken{100, 100};  // as if another thread had the spare's number at once
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &taken), 0);
+        server.ServeOnce();
+        server.ServeOnce();
+        EXPECT_EQ(TakeJournal(), List("delay 100000 | delay 100000"));
+        EXPECT_FALSE(IsAtEnd(first));
+        for (const int fd : {98, 99}) close(fd);
+        server.ServeOnce();  // has a spare again, and a number for the client
+        EXPECT_EQ(TakeJournal(), Lines{});
+        EXPECT_EQ(server.Broadcast("event", 5), 0);
+        EXPECT_EQ(ReadAvailable(first.get()), "event");
+    });
+}
+
+TEST_F(DataServerTest, ServerThatCannotStartSaysWhy) {
+    InChild([this] {
+        const std::string no_thread =
+            std::string("W/shd Server of shdctl cannot start: no thread: ") + strerror(EAGAIN);
+        pthread_attr_t huge;
+        pthread_attr_init(&huge);
+        ASSERT_EQ(pthread_attr_setstacksize(&huge, size_t{1} << (sizeof(void*) * 8 - 2)), 0);
+        ASSERT_EQ(pthread_setattr_default_np(&huge), 0);
+        EXPECT_EQ(control_server.Start(), -1);
+        EXPECT_EQ(TakeJournal(), Lines{no_thread});
+        const UniqueFd low = Listen("/low.sock");
+        OccupyDescriptors(FD_SETSIZE - 1);
+        DataServer without_wake_up(dup(low.get()));
+        EXPECT_EQ(without_wake_up.Start(), -1);
+        DataServer without_listener(dup(low.get()));
+        EXPECT_EQ(without_listener.Start(), -1);
+        const std::string no_number =
+            "W/shd Server of shddata cannot start: no descriptor below 1024";
+        EXPECT_EQ(TakeJournal(), (Lines{no_number, no_number}));
+    });
+}
+
+TEST_F(DataServerTest, WithoutASocketNothingIsServedNorSaid) {
     EXPECT_EQ(DataServer(-1).Start(), -1);
+    EXPECT_EQ(TakeJournal(), Lines{});
     char byte = 0;
     EXPECT_EQ(ReadFull(-1, &byte, 1), -1);
     EXPECT_EQ(ReadFull(-1, &byte, 0), 0);
