@@ -97,6 +97,10 @@ void close_mcu_tty() {
     g_update_port.Reset();
 }
 
+void drop_pending_input(int fd) {
+    (void)tcflush(fd, TCIFLUSH);  // a line that cannot be flushed shows in the answers
+}
+
 int mcu_send_cmd(std::span<const uint8_t> bytes, std::chrono::microseconds timeout) {
     if (bytes.empty()) {
         LOGE("mcu_send_cmd :cmd null!\n");

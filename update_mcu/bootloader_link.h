@@ -48,6 +48,10 @@ inline constexpr std::chrono::seconds kMassEraseTimeout{40};
 [[nodiscard]] int open_mcu_tty();
 void close_mcu_tty();
 
+// Drops what has arrived on the line and was not read: after a reset, what whoever ran before it
+// had to say.
+void drop_pending_input(int fd);
+
 // Sends one command or block to the update port in one write and waits for its acknowledgement.
 // Returns 0 when it came; -1 for any other answer, for none in time, and for failures.
 [[nodiscard]] int mcu_send_cmd(std::span<const uint8_t> bytes,

@@ -90,6 +90,7 @@ bool mcu_init_cmd(int fd) {
     for (int cycle = 1; cycle <= kHandshakeCycles; ++cycle) {
         LOGI("set_update_gpio, set mcu to update mode!\n");
         set_update_gpio();
+        drop_pending_input(fd);  // a 'y' of the application's log would be an acknowledgement
         for (int attempt = 0; attempt < kHandshakeAttempts; ++attempt) {
             const HandshakeResult result = TryHandshake(fd);
             if (result == HandshakeResult::kAcknowledged) return true;

@@ -124,6 +124,7 @@ std::optional<std::string> mcu_get_current_version() {
         if (pass == kResetPass) {
             LOGE("mcu_get_current_version over 3 times,reset mcu!\n");
             set_normal_gpio();
+            drop_pending_input(port.get());  // the rest of an earlier reply is no reply to the next
             continue;
         }
         if (write(port.get(), packet.frame, static_cast<size_t>(packet.frame_len)) < 0) {

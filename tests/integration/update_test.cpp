@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
 
 #include "tests/integration/hub.h"
 
@@ -36,6 +37,21 @@ TEST(Update, ReplacesADifferentFirmware) {
     ExpectHandshakeAtTheFirstTry(hub, "start loop");
     EXPECT_EQ(hub.ReadFile(kVersionProperty), "SIM.900.0002");
     EXPECT_EQ(Must(hub.Client().Version(0)), "SIM.900.0002");
+}
+
+TEST(Update, SucceedsUnderAnApplicationThatNeverStopsTalking) {
+    const char* text = std::getenv("SHD_UPDATES");
+    const int updates = text != nullptr ? std::atoi(text) : 3;
+    Hub hub;
+    hub.WriteFile("/chatter", "every 1ms log y\n");  // a "y" is the bootloader's acknowledgement
+    hub.StartSimulator({"--baud", "115200", "--script", hub.root() + "/chatter"});
+    for (int i = 0; i < updates; ++i) {
+        SCOPED_TRACE(i);
+        hub.InstallImage("SIM.900.000" + std::to_string(2 + i % 2), 1100);
+        hub.StartDaemon();
+        hub.WaitForLog("mcu_update enter!", "mcu_update ok!");
+        hub.StopDaemon();
+    }
 }
 
 // Cuts the power while each of these blocks is written, or during the erase, then lets an update

@@ -1,9 +1,13 @@
 // The firmware updater's other end; used by the tests of the update, the recovery and the start.
 #include "tests/support/fake_uart.h"
 
+#include <fcntl.h>
+#include <poll.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 
 #include "tests/support/test_hub.h"
@@ -31,6 +35,31 @@ int FakeUart::Answer(int fd) {
     answered_ += static_cast<off_t>(bytes.size());
     const bool stored = ftruncate(fd, end) == 0 && pwrite(fd, bytes.data(), bytes.size(), end) >= 0;
     return stored ? 1 : -1;
+}
+
+TerminalUart::TerminalUart() : master_(posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK)) {
+    if (grantpt(master_.get()) != 0 || unlockpt(master_.get()) != 0) std::abort();
+    const std::string name = ptsname(master_.get());
+    slave_.Reset(open(name.c_str(), O_RDWR | O_NOCTTY));
+    LinkFile("/dev/ttyHSL1", name);
+}
+
+void TerminalUart::Send(std::string_view hex) const {
+    const auto bytes = Bytes(hex);
+    if (write(master_.get(), bytes.data(), bytes.size()) < 0) std::abort();
+    pollfd entry{slave_.get(), POLLIN, 0};
+    if (poll(&entry, 1, 10'000) != 1) std::abort();
+}
+
+std::string TerminalUart::Received() const {
+    char bytes[4096];
+    const ssize_t count = read(master_.get(), bytes, sizeof(bytes));
+    return Hex(std::string(bytes, count > 0 ? static_cast<size_t>(count) : 0));
+}
+
+bool TerminalUart::strips_bytes() const {
+    termios settings{};
+    return tcgetattr(slave_.get(), &settings) == 0 && (settings.c_iflag & ISTRIP) != 0;
 }
 
 void WriteFirmwareImage(const std::string& version, const std::string& payload,

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sched.h>
-#include <stdlib.h>
 #include <sys/ioctl.h>
 #include <termios.h>
 
@@ -15,6 +14,7 @@
 #include "mcu_link/recovery/wake.h"
 #include "mcu_link/uart_reader.h"
 #include "sensor_commands/sensor_commands.h"
+#include "tests/support/fake_uart.h"
 #include "tests/support/in_child.h"
 #include "tests/support/test_hub.h"
 #include "update_mcu/bootloader_link.h"
@@ -89,9 +89,7 @@ TEST_F(SerialPortTest, EveryWriteWakesTheMcuFirst) {
 }
 
 TEST_F(SerialPortTest, LineSettingsOfBothLinks) {
-    const UniqueFd master(posix_openpt(O_RDWR | O_NOCTTY));
-    ASSERT_EQ(grantpt(master.get()) + unlockpt(master.get()), 0);
-    LinkFile("/dev/ttyHSL1", ptsname(master.get()));
+    const TerminalUart terminal;
     ASSERT_EQ(port.Open(), 0);
     termios settings{};
     ASSERT_EQ(tcgetattr(port.fd(), &settings), 0);

@@ -1,11 +1,8 @@
 // The recovery of a silent MCU: order of everything it does, and its ways out.
 #include "mcu_link/recovery/mcu_reboot.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>
-#include <stdlib.h>
-#include <termios.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -125,23 +122,16 @@ TEST_F(RebootTest, PortIsOpenedAgainUntilTheTwelfthAttempt) {
 }
 
 TEST_F(RebootTest, LineHasItsNormalSettingsAfterAnUpdateAndAfterAReboot) {
-    const UniqueFd master(posix_openpt(O_RDWR | O_NOCTTY));
-    ASSERT_EQ(grantpt(master.get()) + unlockpt(master.get()), 0);
-    LinkFile("/dev/ttyHSL1", ptsname(master.get()));
+    const TerminalUart terminal;
     g_hooks.on_readable = nullptr;
-    const auto strips = [&] {
-        termios settings{};
-        tcgetattr(master.get(), &settings);
-        return (settings.c_iflag & ISTRIP) != 0;
-    };
     EXPECT_EQ(g_board_serial.Open(), 0);
     EXPECT_EQ(mcu_update(), -1);
-    EXPECT_FALSE(strips());
+    EXPECT_FALSE(terminal.strips_bytes());
     EXPECT_GE(open_mcu_tty(), 0);
     close_mcu_tty();
-    EXPECT_TRUE(strips());
+    EXPECT_TRUE(terminal.strips_bytes());
     SensorMcuReboot(&hub);
-    EXPECT_FALSE(strips());
+    EXPECT_FALSE(terminal.strips_bytes());
 }
 
 TEST_F(RebootTest, OneRunsAtATimeAndNoneWhenDisabled) {

@@ -1,5 +1,6 @@
 // The firmware update against a scripted bootloader, and the version check against a scripted MCU.
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sched.h>
 #include <unistd.h>
 
@@ -143,6 +144,32 @@ TEST_F(UpdateTest, HandshakeIsTriedTwentyTimes) {
               List("E write 7F cmd error! | E mcu_init error! | line released"));
 }
 
+// What the application has to say until its reset, acknowledgements among it, is nothing that the
+// bootloader answers.
+TEST_F(UpdateTest, BytesFromBeforeTheBootloaderAreNoAnswers) {
+    const TerminalUart terminal;
+    WriteFirmwareImage("1.900.7", "x");
+    g_hooks.on_delay = [&](std::chrono::microseconds duration) {
+        if (duration == std::chrono::milliseconds(80)) terminal.Send("04 79 6F 7E 79 79");
+    };
+    int waits = 0;
+    g_hooks.on_readable = [&](int fd, auto /*limit*/) {
+        Note("uart", terminal.Received());
+        if (++waits > 5) terminal.Send(waits == 6 ? "6E 79" : "79");  // noise that comes later
+        pollfd entry{fd, POLLIN, 0};
+        return poll(&entry, 1, 0);
+    };
+    EXPECT_EQ(mcu_update(), 0);
+    const Lines log = Journal();
+    Lines answers = log;
+    std::erase_if(answers, [](const std::string& line) {
+        return !line.starts_with("D read 7F cmd response") || line.ends_with("= 0.");
+    });
+    EXPECT_EQ(answers, List("D read 7F cmd response buf = 6e. | D read 7F cmd response buf = 79."));
+    EXPECT_EQ(std::count(log.begin(), log.end(), "I set_update_gpio, set mcu to update mode!"), 2);
+    EXPECT_EQ(waits, 6 + 5);  // five answers to one erase and one block
+}
+
 TEST_F(UpdateTest, ImageFileIsCheckedBeforeAnythingIsWritten) {
     const auto sizes = [](int32_t result, const std::string& line) {
         EXPECT_EQ(mcu_image_update(), result);
@@ -222,6 +249,28 @@ TEST_F(UpdateTest, VersionIsAskedForFourTimesWithAResetBeforeTheLast) {
     EXPECT_EQ(mcu_version_check(), 0);
     EXPECT_EQ(Journal(), List(R"(E open normal tty device error! | E open_mcu_normal_tty error!
         I get mcu current version error, go to update!)"));
+}
+
+TEST_F(UpdateTest, RestOfAReplyFromBeforeTheResetIsNoVersion) {
+    const TerminalUart terminal;
+    WriteFirmwareImage("1.900.2", "x");
+    const std::string reply = Hex(Frame("01 01 0F 00 31 2E 39 30 30 2E 32 00"));
+    g_hooks.on_delay = [&](std::chrono::microseconds duration) {
+        if (duration == std::chrono::seconds(2)) terminal.Send(reply.substr(18));
+    };
+    int waits = 0;
+    g_hooks.on_readable = [&](auto...) {  // a reply that comes in two pieces, then a whole one
+        ++waits;
+        if (waits == 3) terminal.Send(reply.substr(0, 17));
+        if (waits == 4) terminal.Send(reply);
+        return waits < 3 ? 0 : 1;
+    };
+    EXPECT_EQ(mcu_version_check(), -1);
+    const Lines log = Journal();
+    const Lines last = List(R"(D get mcu current version:1.900.2, length:7.
+        E mcu version same(1.900.2), do not need update! | delay 12000 | delay 2000000)");
+    EXPECT_EQ(Lines(log.end() - 4, log.end()), last);
+    EXPECT_EQ(waits, 4);
 }
 
 TEST_F(UpdateTest, SecondUpdateWaitsForTheFirstAndTakesItsResult) {
