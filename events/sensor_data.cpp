@@ -5,11 +5,12 @@
 
 #include <algorithm>
 #include <cstring>
-#include <optional>
+#include <span>
 
 #include "core/hub/debug_flag.h"
 #include "core/hub/sensor_hub.h"
 #include "events/event_stamp.h"
+#include "events/sample_conversion.h"
 #include "events/step_counter.h"
 #include "mcu_link/byte_order.h"
 #include "platform/log.h"
@@ -20,72 +21,40 @@ namespace {
 
 constexpr char kLogTag[] = "shd";
 constexpr int64_t kNanosPerMilli = 1'000'000;
+constexpr int32_t kNoHandle = -1;
 
-constexpr float kAccelerometerScale = 0.0047856453F;  // m/s^2 per unit
-constexpr float kGyroscopeScale = 0.0012211112F;      // rad/s per unit
-constexpr float kPressureScale = 0.00048828125F;      // hPa per unit: 1 / 2048
-constexpr size_t kRawRecordSize = 10;
-constexpr size_t kMotionHealthSize = 16;
+struct ReportFormat;
 
-// Reader thread only.
-StepCounter g_step_counter;
+// A report on its way to the clients.
+struct Report {
+    SensorHub* hub;
+    const ReportFormat& format;
+    std::span<const uint8_t> data;
+    int64_t now;  // ns: arrival
 
-void ConvertAccelerometer(const uint8_t* sample, SensorEvent* event) {
-    const auto x = static_cast<float>(ReadLe<int16_t>(sample));
-    const auto y = static_cast<float>(ReadLe<int16_t>(sample + 2));
-    const auto z = static_cast<float>(ReadLe<int16_t>(sample + 4));
-    SetDataSlot(event, 0, y * kAccelerometerScale);
-    SetDataSlot(event, 1, -(x * kAccelerometerScale));
-    SetDataSlot(event, 2, z * kAccelerometerScale);
-}
+    // Whole samples; a rest is not looked at.
+    [[nodiscard]] int32_t count() const;
+    [[nodiscard]] const uint8_t* Sample(int32_t number) const;
+};
 
-void ConvertGyroscope(const uint8_t* sample, SensorEvent* event) {
-    const auto x = static_cast<float>(ReadLe<int16_t>(sample));
-    const auto y = static_cast<float>(ReadLe<int16_t>(sample + 2));
-    const auto z = static_cast<float>(ReadLe<int16_t>(sample + 4));
-    SetDataSlot(event, 0, x * kGyroscopeScale);
-    SetDataSlot(event, 1, -(y * kGyroscopeScale));
-    SetDataSlot(event, 2, -(z * kGyroscopeScale));
-}
-
-void ConvertPressure(const uint8_t* sample, SensorEvent* event) {
-    SetDataSlot(event, 0, static_cast<float>(ReadLe<uint32_t>(sample)) * kPressureScale);
-}
-
-void ConvertVector(const uint8_t* sample, SensorEvent* event) {
-    std::memcpy(event->data, sample, 3 * sizeof(float));
-}
-
-void ConvertRotation(const uint8_t* sample, SensorEvent* event) {
-    std::memcpy(event->data, sample, 4 * sizeof(float));
-    SetDataSlot(event, 2, -ReadLe<float>(sample + 2 * sizeof(float)));
-}
-
-struct BatchedSensor {
-    int32_t mcu_sensor_id;
+// How an MCU sensor reports, one row a sensor.
+struct ReportFormat {
     int32_t handle;
-    int32_t type;
-    size_t sample_size;      // bytes
-    bool measures_interval;  // from the arrival times of its batches
-    void (*convert)(const uint8_t* sample, SensorEvent* event);
+    size_t sample_size;                        // bytes
+    int32_t (*process)(const Report& report);  // sends the events, returns the samples consumed
+    void (*convert)(const uint8_t* sample, SensorEvent* event) = nullptr;  // a batched sample
+    bool measures_interval = false;  // from the arrival times of its batches
+    // Gets a copy of each sample without its fourth value, ahead of it. Each of the two handles
+    // then has its events only while it is enabled itself; every other sensor always has them.
+    int32_t companion = kNoHandle;
 };
 
-constexpr BatchedSensor kBatchedSensors[] = {
-    {kMcuAccelerometer, kHandleAccelerometer, kTypeAccelerometer, 6, true, ConvertAccelerometer},
-    {kMcuGyroscope, kHandleGyroscope, kTypeGyroscope, 6, true, ConvertGyroscope},
-    {kMcuPressure, kHandlePressure, kTypePressure, 4, true, ConvertPressure},
-    {kMcuGravity, kHandleGravity, kTypeGravity, 12, false, ConvertVector},
-    {kMcuLinearAcceleration, kHandleLinearAcceleration, kTypeLinearAcceleration, 12, false,
-     ConvertVector},
-    {kMcuRotationVector, kHandleRotationVector, kTypeRotationVector, 16, false, ConvertRotation},
-};
+int32_t Report::count() const {
+    return static_cast<int32_t>(data.size() / format.sample_size);
+}
 
-const BatchedSensor* FindBatchedSensor(int32_t mcu_sensor_id) {
-    const auto* sensor = std::find_if(std::begin(kBatchedSensors), std::end(kBatchedSensors),
-                                      [mcu_sensor_id](const BatchedSensor& entry) {
-                                          return entry.mcu_sensor_id == mcu_sensor_id;
-                                      });
-    return sensor == std::end(kBatchedSensors) ? nullptr : sensor;
+const uint8_t* Report::Sample(int32_t number) const {
+    return data.data() + static_cast<size_t>(number) * format.sample_size;
 }
 
 // How many of a report's count samples are sent: of a report larger than the configured batch only
@@ -106,106 +75,153 @@ void MeasureInterval(SensorState& state, int32_t samples, int64_t now)
     state.last_time = now;
 }
 
-// The game rotation vector is the rotation vector without its fourth component, sent first. Each
-// of the two goes out only while its own handle is enabled; every other sensor always does.
-void SendSample(SensorHub* hub, const SensorEvent& event, bool game_enabled, bool enabled) {
-    if (game_enabled) {
-        SensorEvent game = event;
-        game.sensor = kHandleGameRotationVector;
-        game.type = kTypeGameRotationVector;
-        SetDataSlot(&game, 3, 0.0F);
-        SendEvent(hub, game);
-    }
-    if (enabled) SendEvent(hub, event);
-}
-
-// What a report amounted to.
-struct ReportResult {
-    int32_t handle;
-    int32_t consumed;  // samples
+// All that the samples of one report need to know, read in one step.
+struct ReportSettings {
+    int32_t samples;  // to be sent
+    ReportTiming timing;
+    BatchIndices indices;
+    bool enabled = true;
+    bool companion_enabled = false;
 };
 
-ReportResult ProcessRawRecords(SensorHub* hub, std::span<const uint8_t> data, int64_t now) {
-    const auto count = static_cast<int32_t>(data.size() / kRawRecordSize);
-    SensorEvent event = MakeEvent(kHandleRawRecord, kTypeRawRecord);
-    for (int32_t index = count - 1; index >= 0; --index) {
-        (void)AddTimeStamp(&event, now, index);
-        std::memcpy(event.data, data.data(), kRawRecordSize);
-        data = data.subspan(kRawRecordSize);
-        SendEvent(hub, event);
+ReportSettings ReadBatchSettings(const Report& report) EXCLUDES(g_sensor_state_mutex) {
+    const ReportFormat& format = report.format;
+    const MutexLock lock(g_sensor_state_mutex);
+    SensorState& state = StateOf(format.handle);
+    const int32_t samples = SamplesToSend(state, report.count());
+    if (format.measures_interval) {
+        MeasureInterval(state, samples, report.now);
+    } else {
+        state.time_adjust = 0;
     }
-    return {kHandleRawRecord, count};
+    ReportSettings settings{samples, TimingOf(state, report.now),
+                            BatchIndices(state, samples, report.count())};
+    if (format.companion != kNoHandle) {
+        settings.enabled = state.enable != 0;
+        settings.companion_enabled = StateOf(format.companion).enable != 0;
+    }
+    return settings;
 }
 
-ReportResult ProcessHeartRate(SensorHub* hub, std::span<const uint8_t> data, int64_t now) {
-    constexpr size_t kReportSize = 8;
-    if (data.size() < kReportSize) return {kHandleHeartRate, 0};
-    SensorEvent event = MakeEvent(kHandleHeartRate, kTypeHeartRate);
-    (void)AddTimeStamp(&event, now, 0);
-    const auto bpm = static_cast<float>(ReadLe<uint32_t>(data.data()));
-    const auto status = ReadLe<uint32_t>(data.data() + 4);
-    SetDataSlot(&event, 0, bpm);
-    event.data[4] = static_cast<uint8_t>(status & 0xFF);
+void SendCompanion(SensorHub* hub, SensorEvent event, int32_t handle) {
+    event.sensor = handle;
+    event.type = FindSensor(handle)->type;
+    SetDataSlot(&event, 3, 0.0F);
     SendEvent(hub, event);
-    if (g_shd_log_debug != 0) {
-        LOGD("SENSOR_TYPE_HEART_RATE bpm:%f status:%x", static_cast<double>(bpm), status);
+}
+
+int32_t ProcessBatchedData(const Report& report) {
+    ReportSettings settings = ReadBatchSettings(report);
+    SensorEvent event = MakeEvent(report.format.handle);
+    const int32_t count = report.count();
+    for (int32_t i = count - settings.samples; i < count; ++i) {
+        (void)AddTimeStamp(&event, settings.timing, settings.indices.Next());
+        report.format.convert(report.Sample(i), &event);
+        if (settings.companion_enabled) SendCompanion(report.hub, event, report.format.companion);
+        if (settings.enabled) SendEvent(report.hub, event);
     }
-    return {kHandleHeartRate, 1};
+    return settings.samples;
 }
 
-ReportResult ProcessWristTilt(SensorHub* hub, int64_t now) {
-    SensorEvent event = MakeEvent(kHandleWristTilt, kTypeWristTilt);
-    (void)AddTimeStamp(&event, now, 0);
-    if (g_shd_log_debug != 0) LOGD("SENSOR_TYPE_WRIST_TILT_GESTURE event");
-    SendEvent(hub, event);
-    return {kHandleWristTilt, 1};
-}
-
-ReportResult ProcessMotionHealth(SensorHub* hub, std::span<const uint8_t> data, int64_t now) {
-    const auto count = static_cast<int32_t>(data.size() / kMotionHealthSize);
-    int32_t report_index = count;
-    SensorEvent event = MakeEvent(kHandleMotionHealth, kTypeMotionHealth);
-    for (int32_t i = 0; i < count; ++i, data = data.subspan(kMotionHealthSize)) {
-        int32_t index = 0;
-        {
-            const MutexLock lock(g_sensor_state_mutex);
-            SensorState& state = StateOf(kHandleMotionHealth);
-            index = NextBatchIndex(state, count, &report_index);
-            StampEvent(state, &event, now, index);
-        }
-        if (g_shd_log_debug != 0) {
-            LOGD("SENSORS_MOTION_HEALTH_HANDLE dataindex:%d date:%u step:%d status:%d", index,
-                 ReadLe<uint32_t>(data.data()), ReadLe<uint16_t>(data.data() + 4), data[10]);
-        }
-        std::memcpy(event.data, data.data(), kMotionHealthSize);
-        SendEvent(hub, event);
-    }
-    return {kHandleMotionHealth, count};
-}
-
-ReportResult ProcessOtherReport(SensorHub* hub, const McuMessage& message, int64_t now) {
-    switch (message.service) {
-        case kMcuRawRecord:
-            return ProcessRawRecords(hub, message.payload(), now);
-        case kMcuHeartRate:
-            return ProcessHeartRate(hub, message.payload(), now);
-        case kMcuStepCounter:
-            return {kHandleStepCounter, g_step_counter.Process(hub, message, now)};
-        case kMcuWristTilt:
-            return ProcessWristTilt(hub, now);
-        case kMcuMotionHealth:
-            return ProcessMotionHealth(hub, message.payload(), now);
-        default:
-            return {0, 0};  // an unknown sensor's report is accounted to handle 0
-    }
-}
-
-void AccountForFlush(SensorHub* hub, const ReportResult& result) {
+int32_t ProcessRawRecords(const Report& report) {
+    const int32_t count = report.count();
+    SensorEvent event = MakeEvent(report.format.handle);
+    ReportTiming timing{};
     {
         const MutexLock lock(g_sensor_state_mutex);
-        ConsumeFlush(StateOf(result.handle), result.consumed);
+        timing = TimingOf(StateOf(report.format.handle), report.now);
     }
-    SendFlushComplete(hub, result.handle);
+    for (int32_t i = 0; i < count; ++i) {
+        (void)AddTimeStamp(&event, timing, count - 1 - i);
+        std::memcpy(event.data, report.Sample(i), report.format.sample_size);
+        SendEvent(report.hub, event);
+    }
+    return count;
+}
+
+int32_t ProcessHeartRate(const Report& report) {
+    if (report.count() == 0) return 0;
+    SensorEvent event = MakeEvent(report.format.handle);
+    (void)AddTimeStamp(&event, report.now, 0);
+    ConvertHeartRate(report.Sample(0), &event);
+    SendEvent(report.hub, event);
+    if (g_shd_log_debug != 0) {
+        LOGD("SENSOR_TYPE_HEART_RATE bpm:%f status:%x",
+             static_cast<double>(ReadLe<float>(event.data)),
+             ReadLe<uint32_t>(report.Sample(0) + 4));
+    }
+    return 1;
+}
+
+int32_t ProcessStepCounter(const Report& report) {
+    if (report.count() == 0) return 0;
+    ProcessStepCount(report.hub, ReadLe<uint32_t>(report.Sample(0)), report.now);
+    return 1;
+}
+
+// The gesture is the report; its bytes are not looked at.
+int32_t ProcessWristTilt(const Report& report) {
+    SensorEvent event = MakeEvent(report.format.handle);
+    (void)AddTimeStamp(&event, report.now, 0);
+    if (g_shd_log_debug != 0) LOGD("SENSOR_TYPE_WRIST_TILT_GESTURE event");
+    SendEvent(report.hub, event);
+    return 1;
+}
+
+ReportSettings ReadRecordSettings(const Report& report) EXCLUDES(g_sensor_state_mutex) {
+    const int32_t count = report.count();
+    const MutexLock lock(g_sensor_state_mutex);
+    SensorState& state = StateOf(report.format.handle);
+    return {count, TimingOf(state, report.now), BatchIndices(state, count, count)};
+}
+
+int32_t ProcessMotionHealth(const Report& report) {
+    ReportSettings settings = ReadRecordSettings(report);
+    SensorEvent event = MakeEvent(report.format.handle);
+    for (int32_t i = 0; i < settings.samples; ++i) {
+        const uint8_t* record = report.Sample(i);
+        const int32_t index = settings.indices.Next();
+        if (g_shd_log_debug != 0) {
+            LOGD("SENSORS_MOTION_HEALTH_HANDLE dataindex:%d date:%u step:%d status:%d", index,
+                 ReadLe<uint32_t>(record), ReadLe<uint16_t>(record + 4), record[10]);
+        }
+        (void)AddTimeStamp(&event, settings.timing, index);
+        std::memcpy(event.data, record, report.format.sample_size);
+        SendEvent(report.hub, event);
+    }
+    return settings.samples;
+}
+
+constexpr ReportFormat kReportFormats[] = {
+    {kHandleAccelerometer, 6, ProcessBatchedData, ConvertAccelerometer, true},
+    {kHandleGyroscope, 6, ProcessBatchedData, ConvertGyroscope, true},
+    {kHandlePressure, 4, ProcessBatchedData, ConvertPressure, true},
+    {kHandleGravity, 12, ProcessBatchedData, ConvertVector},
+    {kHandleLinearAcceleration, 12, ProcessBatchedData, ConvertVector},
+    {kHandleRotationVector, 16, ProcessBatchedData, ConvertRotation, false,
+     kHandleGameRotationVector},
+    {kHandleRawRecord, 10, ProcessRawRecords},
+    {kHandleHeartRate, 8, ProcessHeartRate},
+    {kHandleStepCounter, 4, ProcessStepCounter},
+    {kHandleWristTilt, 1, ProcessWristTilt},
+    {kHandleMotionHealth, 16, ProcessMotionHealth},
+};
+
+// Every sensor of the MCU, and no virtual one, has its events from a row.
+static_assert(std::all_of(std::begin(kSensors), std::end(kSensors), [](const SensorFacts& sensor) {
+    return sensor.is_virtual != std::any_of(std::begin(kReportFormats), std::end(kReportFormats),
+                                            [&sensor](const ReportFormat& format) {
+                                                return format.handle == sensor.handle ||
+                                                       format.companion == sensor.handle;
+                                            });
+}));
+
+const ReportFormat* FindReportFormat(int32_t mcu_sensor_id) {
+    const auto* format = std::find_if(std::begin(kReportFormats), std::end(kReportFormats),
+                                      [mcu_sensor_id](const ReportFormat& candidate) {
+                                          return GetMcuSensorId(candidate.handle) == mcu_sensor_id;
+                                      });
+    return format == std::end(kReportFormats) ? nullptr : format;
 }
 
 }  // namespace
@@ -213,47 +229,12 @@ void AccountForFlush(SensorHub* hub, const ReportResult& result) {
 int ProcessSensorData(SensorHub* hub, const McuMessage* message) {
     if (message == nullptr) return -1;
     const int64_t now = android::elapsedRealtimeNano();
-    if (!ProcessBatchedData(hub, *message, now)) {
-        AccountForFlush(hub, ProcessOtherReport(hub, *message, now));
+    const ReportFormat* format = FindReportFormat(message->service);
+    if (format == nullptr) {
+        SendFlushComplete(hub, 0);  // an unknown sensor's report is accounted to handle 0
+        return 0;
     }
+    const int32_t consumed = format->process({hub, *format, message->payload(), now});
+    AccountForFlush(hub, format->handle, consumed);
     return 0;
-}
-
-bool ProcessBatchedData(SensorHub* hub, const McuMessage& message, int64_t now) {
-    const BatchedSensor* sensor = FindBatchedSensor(message.service);
-    if (sensor == nullptr) return false;
-    SensorEvent event = MakeEvent(sensor->handle, sensor->type);
-    const auto data = message.payload();
-    const auto count = static_cast<int32_t>(data.size() / sensor->sample_size);
-    int32_t samples = 0;
-    {
-        const MutexLock lock(g_sensor_state_mutex);
-        SensorState& state = StateOf(sensor->handle);
-        samples = SamplesToSend(state, count);
-        if (sensor->measures_interval) {
-            MeasureInterval(state, samples, now);
-        } else {
-            state.time_adjust = 0;
-        }
-    }
-
-    int32_t report_index = count;
-    for (int32_t i = count - samples; i < count; ++i) {
-        bool game_enabled = false;
-        bool enabled = true;
-        {
-            const MutexLock lock(g_sensor_state_mutex);
-            SensorState& state = StateOf(sensor->handle);
-            const int32_t index = NextBatchIndex(state, samples, &report_index);
-            StampEvent(state, &event, now, index);
-            if (sensor->handle == kHandleRotationVector) {
-                game_enabled = StateOf(kHandleGameRotationVector).enable != 0;
-                enabled = state.enable != 0;
-            }
-        }
-        sensor->convert(data.data() + static_cast<size_t>(i) * sensor->sample_size, &event);
-        SendSample(hub, event, game_enabled, enabled);
-    }
-    AccountForFlush(hub, {sensor->handle, samples});
-    return true;
 }

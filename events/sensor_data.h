@@ -1,15 +1,9 @@
 // Conversion of the MCU's sensor reports into time-stamped events for the data clients.
 #pragma once
 
-#include <cstdint>
-
 struct McuMessage;
 class SensorHub;
 
 // Sends an event for each sample of a sensor report, borrowed, and keeps account of a pending
 // flush. Returns 0, or -1 without a message. Reader thread.
 int ProcessSensorData(SensorHub* hub, const McuMessage* message);
-
-// The part of ProcessSensorData for the sensors that report in batches; now is the arrival time in
-// ns of android::elapsedRealtimeNano. False, with nothing done, for any other sensor.
-bool ProcessBatchedData(SensorHub* hub, const McuMessage& message, int64_t now);

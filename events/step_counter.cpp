@@ -5,9 +5,8 @@
 
 #include "core/hub/debug_flag.h"
 #include "events/event_stamp.h"
-#include "mcu_link/byte_order.h"
 #include "mcu_link/exchange/reboot_trigger.h"
-#include "mcu_link/mcu_packet.h"
+#include "mcu_link/line.h"
 #include "platform/log.h"
 
 using namespace shd;
@@ -17,55 +16,60 @@ namespace {
 constexpr char kLogTag[] = "shd";
 constexpr int64_t kSignificantMotionPauseNs = 10'000'000'000;
 
-}  // namespace
-
-int32_t StepCounter::Process(SensorHub* hub, const McuMessage& message, int64_t now) {
-    const auto data = message.payload();
-    if (data.size() < sizeof(uint32_t)) return 0;
-    SensorEvent event = MakeEvent(kHandleStepCounter, kTypeStepCounter);
-    (void)AddTimeStamp(&event, now, 0);
-
-    const auto mcu_step = ReadLe<uint32_t>(data.data());
-    if (g_mcu_rebooted.exchange(0) != 0) last_reset_ = last_step_;
-    const uint32_t value = mcu_step + last_reset_;
-    SendDetectedSteps(hub, value, event.timestamp);
-    SendSignificantMotion(hub, value, event.timestamp);
-    if (g_shd_log_debug != 0) {
-        LOGD("SENSOR_TYPE_STEP_COUNTER step:%u", value);
-        LOGD("SENSOR_TYPE_STEP_COUNTER history mcu step:%u value:%u last_step:%u last_reset:%u",
-             mcu_step, value, last_step_, last_reset_);
-    }
-    last_step_ = value;
-
-    const uint64_t wide = value;
-    std::memcpy(event.data, &wide, sizeof(wide));
-    SendEvent(hub, event);
-    return 1;
+bool IsDetectorOn() EXCLUDES(g_sensor_state_mutex) {
+    const MutexLock lock(g_sensor_state_mutex);
+    return StateOf(kHandleStepDetector).virtual_enable != 0;
 }
 
-void StepCounter::SendDetectedSteps(SensorHub* hub, uint32_t value, int64_t timestamp) const {
-    {
-        const MutexLock lock(g_sensor_state_mutex);
-        if (StateOf(kHandleStepDetector).virtual_enable == 0) return;
-    }
-    SensorEvent event = MakeEvent(kHandleStepDetector, kTypeStepCounter);
+void SendDetectedSteps(SensorHub* hub, uint32_t value, int64_t timestamp) {
+    SensorEvent event = MakeEvent(kHandleStepDetector);
     event.timestamp = timestamp;
     SetDataSlot(&event, 0, 1.0F);
-    const auto steps = static_cast<int32_t>(value - last_step_);
-    for (int32_t i = 0; i < steps; ++i) SendEvent(hub, event);
+    const auto steps = static_cast<int32_t>(value - g_step_history.last_step);
+    for (int32_t i = 0; i < steps; ++i) {
+        // A jump of the count makes a long run, whose end nobody must have to wait for.
+        if (!IsDetectorOn() || g_line.hold_requested()) return;
+        SendEvent(hub, event);
+    }
 }
 
-void StepCounter::SendSignificantMotion(SensorHub* hub, uint32_t value, int64_t timestamp) const {
+void SendSignificantMotion(SensorHub* hub, uint32_t value, int64_t timestamp) {
     {
         const MutexLock lock(g_sensor_state_mutex);
         SensorState& state = StateOf(kHandleSignificantMotion);
         if (state.virtual_enable == 0) return;
         if (state.last_time < 0 || timestamp < state.last_time) state.last_time = 0;
-        if (value == last_step_ || timestamp - state.last_time <= kSignificantMotionPauseNs) return;
+        if (value == g_step_history.last_step) return;
+        if (timestamp - state.last_time <= kSignificantMotionPauseNs) return;
         state.last_time = timestamp;
     }
-    SensorEvent event = MakeEvent(kHandleSignificantMotion, kTypeSignificantMotion);
+    SensorEvent event = MakeEvent(kHandleSignificantMotion);
     event.timestamp = timestamp;
     SetDataSlot(&event, 0, 1.0F);
+    SendEvent(hub, event);
+}
+
+}  // namespace
+
+StepHistory g_step_history{};
+
+void ProcessStepCount(SensorHub* hub, uint32_t mcu_step, int64_t now) {
+    StepHistory& history = g_step_history;
+    SensorEvent event = MakeEvent(kHandleStepCounter);
+    (void)AddTimeStamp(&event, now, 0);
+
+    if (g_mcu_rebooted.exchange(0) != 0) history.last_reset = history.last_step;
+    const uint32_t value = mcu_step + history.last_reset;
+    SendDetectedSteps(hub, value, event.timestamp);
+    SendSignificantMotion(hub, value, event.timestamp);
+    if (g_shd_log_debug != 0) {
+        LOGD("SENSOR_TYPE_STEP_COUNTER step:%u", value);
+        LOGD("SENSOR_TYPE_STEP_COUNTER history mcu step:%u value:%u last_step:%u last_reset:%u",
+             mcu_step, value, history.last_step, history.last_reset);
+    }
+    history.last_step = value;
+
+    const uint64_t wide = value;
+    std::memcpy(event.data, &wide, sizeof(wide));
     SendEvent(hub, event);
 }

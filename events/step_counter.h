@@ -4,20 +4,16 @@
 
 #include <cstdint>
 
-struct McuMessage;
 class SensorHub;
 
-// Reader thread only.
-class StepCounter {
-  public:
-    // Turns one step-counter report, borrowed, that arrived at now (ns) into events. Returns the
-    // number of samples consumed: 0 for a report shorter than its count, which yields no event.
-    int32_t Process(SensorHub* hub, const McuMessage& message, int64_t now);
-
-  private:
-    void SendDetectedSteps(SensorHub* hub, uint32_t value, int64_t timestamp) const;
-    void SendSignificantMotion(SensorHub* hub, uint32_t value, int64_t timestamp) const;
-
-    uint32_t last_step_ = 0;   // value last sent
-    uint32_t last_reset_ = 0;  // added to the MCU's count, which restarts when the MCU does
+// What the count has come to. Reader thread only.
+struct StepHistory {
+    uint32_t last_step;   // value last sent
+    uint32_t last_reset;  // added to the MCU's count, which restarts when the MCU does
 };
+extern StepHistory g_step_history;
+
+// Turns one step-counter report that arrived at now (ns) into events. A run of step-detector events
+// ends early when the detector is switched off or when another thread asks for the line. Reader
+// thread.
+void ProcessStepCount(SensorHub* hub, uint32_t mcu_step, int64_t now);

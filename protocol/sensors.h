@@ -31,11 +31,11 @@ enum SensorHandle : int32_t {
 
 // SensorEvent::type, the numbers of Android's sensors HAL and two of the hub's own.
 enum SensorEventType : int32_t {
-    kTypeFlushComplete = 0,  // version kFlushCompleteVersion: data words 1, then the handle
-    kTypeAccelerometer = 1,  // m/s^2
-    kTypeGyroscope = 4,      // rad/s
-    kTypePressure = 6,       // hPa
-    kTypeGravity = 9,        // m/s^2
+    kTypeFlushComplete = 0,        // version kFlushCompleteVersion: data words 1, then the handle
+    kTypeAccelerometer = 1,        // m/s^2
+    kTypeGyroscope = 4,            // rad/s
+    kTypePressure = 6,             // hPa
+    kTypeGravity = 9,              // m/s^2
     kTypeLinearAcceleration = 10,  // m/s^2
     kTypeRotationVector = 11,      // unit quaternion x, y, z, w
     kTypeGameRotationVector = 15,  // unit quaternion x, y, z
@@ -48,11 +48,11 @@ enum SensorEventType : int32_t {
 };
 
 struct SensorFacts {
-    int32_t handle;         // SensorHandle
-    std::string_view name;  // lower case with hyphens
-    int32_t type;           // SensorEventType of its events
-    bool is_virtual;        // derived by the daemon; needs no MCU and works while that is away
-    bool can_batch;         // false: the hub replaces a batch size by 0
+    int32_t handle;          // SensorHandle
+    std::string_view name;   // lower case with hyphens
+    int32_t type;            // SensorEventType of its events
+    bool is_virtual;         // derived by the daemon; needs no MCU and works while that is away
+    bool can_batch;          // false: the hub replaces a batch size by 0
     uint8_t parameter_size;  // bytes of its calibration parameter, 0: it has none
 };
 

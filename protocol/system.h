@@ -42,9 +42,9 @@ inline constexpr int kDumpSlots = 6;
 
 // Properties. The first four are read at start-up; three of them are written when a client changes
 // the setting, the last one after each firmware update.
-inline constexpr char kMcuLogProperty[] = "persist.velmar.shd.mculog";            // 0..5
-inline constexpr char kDebugProperty[] = "persist.velmar.shd.debug";              // not 0: verbose
-inline constexpr char kMcuRebootProperty[] = "persist.velmar.shd.mcureboot";      // not 0: forbidden
+inline constexpr char kMcuLogProperty[] = "persist.velmar.shd.mculog";        // 0..5
+inline constexpr char kDebugProperty[] = "persist.velmar.shd.debug";          // not 0: verbose
+inline constexpr char kMcuRebootProperty[] = "persist.velmar.shd.mcureboot";  // not 0: forbidden
 inline constexpr char kRawDataTypeProperty[] = "persist.velmar.shd.rawdatatype";  // 0..3
 inline constexpr char kMcuVersionProperty[] = "persist.mcu.version";
 

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "core/hub/debug_flag.h"
+#include "events/step_counter.h"
 #include "mcu_link/exchange/reboot_trigger.h"
 #include "mcu_link/line.h"
 
@@ -162,6 +163,7 @@ CleanProcess::CleanProcess() {
     g_mcu_rebooting = 0;
     g_mcu_rebooted = 0;
     g_mcu_reboot_disable = 1;
+    g_step_history = {};
     const MutexLock lock(g_sensor_state_mutex);
     g_sensor_state.fill(SensorState{});
 }

@@ -1,13 +1,17 @@
 // Inbound routing, conversion of sensor reports into events, time stamps and flush accounting.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstring>
+#include <functional>
+#include <thread>
 
 #include "core/hub/debug_flag.h"
 #include "events/event_stamp.h"
 #include "events/sensor_data.h"
 #include "events/step_counter.h"
 #include "mcu_link/exchange/reboot_trigger.h"
+#include "mcu_link/line.h"
 #include "tests/support/test_hub.h"
 
 using namespace shd;
@@ -178,7 +182,6 @@ TEST_F(EventTest, FlushCompletesWhenItsSamplesHaveCome) {
 }
 
 TEST_F(EventTest, StepCountGoesOnAcrossRebootsAndDrivesTheDetector) {
-    StepCounter counter;
     for (const auto& row : Table(R"(
         0 | 0 | 61 00 00 00 | 0 | 61
         0 | 1 | 64 00 00 00 | 3 | 64
@@ -190,7 +193,8 @@ TEST_F(EventTest, StepCountGoesOnAcrossRebootsAndDrivesTheDetector) {
         0 | 1 | 00 00 00 00 | 1 | B4 04)")) {  // rebooted, detector on, MCU; steps, count sent
         g_mcu_rebooted = Int(row[0]);
         State(18).virtual_enable = Int(row[1]);
-        EXPECT_EQ(counter.Process(&hub, *Message("01 02 30 00 " + row[2]), 5), 1);
+        g_elapsed_ns = 5;
+        Report(48, row[2]);
         EXPECT_EQ(g_mcu_rebooted, 0);
         auto events = TakeEvents();
         ASSERT_EQ(events.size(), static_cast<size_t>(Int(row[3]) + 1)) << row[2];
@@ -205,8 +209,96 @@ TEST_F(EventTest, StepCountGoesOnAcrossRebootsAndDrivesTheDetector) {
     }
 }
 
+TEST_F(EventTest, RunOfDetectedStepsEndsForWhoeverNeedsTheReader) {
+    std::atomic<bool> done = false;
+    const std::function<void()> needs[] = {
+        [] {
+            const MutexLock lock(g_sensor_state_mutex);
+            StateOf(18).virtual_enable = 0;
+        },
+        [&done] {
+            const LinkHold hold;
+            while (!done) {
+            }
+        },
+    };
+    for (const auto& need : needs) {
+        State(18).virtual_enable = 1;
+        done = false;
+        std::thread reader([&] {
+            Report(48, "FF FF FF 7F");
+            done = true;
+        });
+        std::vector<SensorEvent> events;
+        while (events.empty()) events = TakeEvents();
+        EXPECT_EQ(events[0].sensor, 18);
+        std::thread asking(need);
+        SensorEvent last{};
+        for (bool ended = false; !ended;) {
+            ended = done;
+            for (const SensorEvent& event : TakeEvents()) last = event;
+        }
+        reader.join();
+        asking.join();
+        EXPECT_EQ(last.sensor, 19);  // the step event follows all the same
+        Report(48, "00 00 00 00");   // back to where the next jump begins
+        (void)TakeEvents();
+    }
+}
+
+TEST_F(EventTest, SettingsChangedDuringAReportCountFromTheNextOn) {
+    const std::string samples = Hex(std::string(60 * 6, '\0'));
+    std::atomic<bool> done = false;
+    std::thread commands([&] {
+        for (int turn = 0; !done; ++turn) {
+            const MutexLock lock(g_sensor_state_mutex);
+            StateOf(0).period_ms = turn % 2 == 0 ? 1 : 100;
+            StateOf(0).batchcnt = turn % 3 == 0 ? 0 : 100;
+            StateOf(0).batch_left = 100;
+            StateOf(0).time_adjust = 0;
+        }
+    });
+    int mixed = 0;
+    for (int report = 0; report < 1000; ++report) {
+        Report(16, samples);
+        const auto events = TakeEvents();
+        const int64_t first = events[1].timestamp - events[0].timestamp;
+        for (size_t i = 1; i < events.size(); ++i) {
+            if (events[i].timestamp - events[i - 1].timestamp == first) continue;
+            ++mixed;
+            break;
+        }
+    }
+    done = true;
+    commands.join();
+    EXPECT_EQ(mixed, 0);
+}
+
+TEST_F(EventTest, FlushCountedDuringItsReportIsNotForgotten) {
+    std::atomic<bool> done = false;
+    std::thread command([&] {
+        while (!done) {
+            const MutexLock lock(g_sensor_state_mutex);
+            if (StateOf(21).flush_pending == 1) StateOf(21).flush_count = 1;
+        }
+    });
+    int forgotten = 0;
+    for (int turn = 0; turn < 60'000; ++turn) {
+        {
+            const MutexLock lock(g_sensor_state_mutex);
+            StateOf(21).flush_count = 0;
+            StateOf(21).flush_pending = 1;
+        }
+        Report(50, "48 00 00 00 03 00 00 00");
+        const MutexLock lock(g_sensor_state_mutex);
+        if (StateOf(21).flush_pending != 0) ++forgotten;
+    }
+    done = true;
+    command.join();
+    EXPECT_EQ(forgotten, 0);
+}
+
 TEST_F(EventTest, SignificantMotionPausesForTenSeconds) {
-    StepCounter counter;
     State(17) = {0, 0, 0, 0, 1, -1, 0, 0, 0};  // enabled, no event yet
     for (const auto& row : Table(R"(
         10000 | 01 | 19
@@ -217,8 +309,8 @@ TEST_F(EventTest, SignificantMotionPausesForTenSeconds) {
         20003 | 05 | 17
          5000 | 06 | 19
         15000 | 07 | 17)")) {                  // ms, steps; handle of the first event
-        (void)counter.Process(&hub, *Message("01 02 30 00 " + row[1] + " 00 00 00"),
-                              Int(row[0]) * kMilli);
+        g_elapsed_ns = Int(row[0]) * kMilli;
+        Report(48, row[1] + " 00 00 00");
         const auto events = TakeEvents();
         EXPECT_EQ(events.size(), row[2] == "17" ? 2U : 1U) << row[0];
         EXPECT_EQ(events[0].sensor, Int(row[2]));
@@ -231,10 +323,9 @@ TEST_F(EventTest, DebugFlagTracesEvents) {
     Report(50, "48 00 00 00 03 00 00 80");
     Report(51, "");
     Report(64, "01 00 00 80 FF FF 00 00 00 00 07 00 00 00 00 00");
-    StepCounter counter;
-    (void)counter.Process(&hub, *Message("01 02 30 00 05 00 00 00"), 1);
+    Report(48, "05 00 00 00");
     g_mcu_rebooted = 1;
-    (void)counter.Process(&hub, *Message("01 02 30 00 02 00 00 00"), 1);
+    Report(48, "02 00 00 00");
     EXPECT_EQ(TakeJournal({"shd"}), List(R"(
         D/shd SENSOR_TYPE_HEART_RATE bpm:72.000000 status:80000003
         D/shd SENSOR_TYPE_WRIST_TILT_GESTURE event
