@@ -11,7 +11,6 @@
 #include "core/hub/sensor_table.h"
 #include "events/event_stamp.h"
 #include "mcu_link/byte_order.h"
-#include "mcu_link/exchange/exchange.h"
 #include "mcu_link/exchange/reboot_trigger.h"
 #include "platform/delay.h"
 #include "platform/log.h"
@@ -26,7 +25,6 @@ namespace {
 
 constexpr char kLogTag[] = "shd";
 constexpr std::chrono::seconds kRebootPause{2};
-constexpr int kFlushTimeoutSec = 2;
 
 // One request on its way through its handler.
 struct Call {
@@ -175,35 +173,13 @@ int Batch(const Call& call) {
     return Answer(call, result);
 }
 
-struct FlushReply {
-    int32_t announced = 0;  // samples still to come
-    int32_t accepted = 0;   // the same, 0 when the MCU refused
-};
-
-FlushReply RequestFlush(const Call& call) {
-    McuPacket packet{};
-    BuildSensorPacket(&packet, call.id, MCU_CMD_FLUSH);
-    McuMessagePtr reply;
-    if (SendSensorMsgAndWait(call.hub, packet, &reply, kFlushTimeoutSec) != 0) {
-        LOGE("Sensor Flush :%d timeout", call.id);
-        return {};
-    }
-    if (reply->data_len <= 0) {
-        LOGE("Sensor Flush :%d data len < 1", call.id);
-        return {};
-    }
-    const int32_t announced = ReadLe<int16_t>(reply->data);
-    const uint8_t status = reply->data[2];
-    return {announced, status == 0 ? announced : 0};
-}
-
 int Flush(const Call& call) {
     const int32_t handle = call.request.handle;
     {
         const MutexLock lock(g_sensor_state_mutex);
         StateOf(handle).flush_pending = 1;
     }
-    const FlushReply reply = RequestFlush(call);
+    const SensorFlushReply reply = SensorFlush(call.hub, call.id);
     {
         const MutexLock lock(g_sensor_state_mutex);
         StateOf(handle).flush_count = reply.accepted;

@@ -55,7 +55,7 @@ using CalibrationBytes = std::array<uint8_t, kCalibrationFileSize>;
 size_t ReadCalibrationFile(const char* path, CalibrationBytes* bytes) {
     bytes->fill(0);
     const UniqueFd file(open(DevicePath(path).c_str(), O_RDONLY | O_CLOEXEC));
-    if (file.get() <= 0) return 0;
+    if (!file.valid()) return 0;
     const ssize_t count = read(file.get(), bytes->data(), bytes->size());
     return count > 0 ? static_cast<size_t>(count) : 0;
 }

@@ -40,7 +40,7 @@ void SaveCalibration(const McuMessage& message) {
     __android_log_print(ANDROID_LOG_DEBUG, kSaveTag, "nvdata save clibration info\n");
     const UniqueFd file(open(DevicePath(kAccCalibrationPath).c_str(),
                              O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, kCalibrationMode));
-    if (file.get() <= 0) return;
+    if (!file.valid()) return;
     const auto data = message.payload();
     (void)!write(file.get(), data.data(), data.size());
     __android_log_print(ANDROID_LOG_DEBUG, kSaveTag, "nvdata save clibration info ok\n");

@@ -6,9 +6,9 @@
 // request was refused.
 #pragma once
 
-#include <array>
-#include <atomic>
 #include <cstdint>
+
+#include "core/hub/sensor_table.h"
 
 class SensorHub;
 
@@ -18,15 +18,12 @@ struct McuHealthParam {
 };
 static_assert(sizeof(McuHealthParam) == 16);
 
-// The last settings passed to McuHealthConfig, word by word: written by the main thread, read by
-// the reboot thread.
-extern std::array<std::atomic<uint32_t>, 4> g_mcu_health_param;
+// The last settings passed to McuHealthConfig, by the main thread; the recovery passes them again.
+extern McuHealthParam g_mcu_health_param GUARDED_BY(g_sensor_state_mutex);
 
-// Remembers the settings, then sends them narrowed to 8, 8, 16 and 16 bits. 2 s.
+// Remembers the settings, which may be the remembered ones, then sends them narrowed to 8, 8, 16
+// and 16 bits. 2 s.
 int McuHealthConfig(SensorHub* hub, const McuHealthParam* param);
-
-// Sends the settings that were last remembered.
-int McuHealthConfigAgain(SensorHub* hub);
 
 // Sets the MCU's clock to a wall-clock time in seconds since the epoch. 2 s.
 int McuDateTimeConfig(SensorHub* hub, uint32_t seconds);

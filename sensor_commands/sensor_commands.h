@@ -33,6 +33,13 @@ int SensorDeactive(SensorHub* hub, int32_t mcu_sensor_id);
 
 int SensorSetDelay(SensorHub* hub, int32_t mcu_sensor_id, int32_t delay_ms);
 int SensorBatch(SensorHub* hub, int32_t mcu_sensor_id, const SensorBatchArgs& args);
+// What the MCU answers to a flush; all 0 when there was no usable answer.
+struct SensorFlushReply {
+    int32_t announced = 0;  // samples still to come; may be negative
+    int32_t accepted = 0;   // the same, 0 when the MCU refused
+};
+[[nodiscard]] SensorFlushReply SensorFlush(SensorHub* hub, int32_t mcu_sensor_id);
+
 int SensorSelfTest(SensorHub* hub, int32_t mcu_sensor_id);
 
 // Stores McuParameterSize(mcu_sensor_id) bytes at calibration when the MCU returned them; sensors

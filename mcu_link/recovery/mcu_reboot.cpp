@@ -97,7 +97,7 @@ void RestoreMcuSensor(SensorHub* hub, int32_t handle, int32_t id) {
     (void)SensorDeactive(hub, id);
     if (handle == kHandleMotionHealth) {
         (void)McuDateTimeConfig(hub, static_cast<uint32_t>(WallClockSec()));
-        (void)McuHealthConfigAgain(hub);
+        (void)McuHealthConfig(hub, &g_mcu_health_param);
     }
     SensorBatchArgs args{};
     {

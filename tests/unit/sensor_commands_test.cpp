@@ -45,7 +45,7 @@ TEST_F(CommandTest, EachSendsItsPacketAndReportsTheMcusAnswer) {
         {[&] { return McuHealthConfig(h, &kHealth); },
          "01 00 40 20 34 78 45 23 CD AB | McuHealthConfig Msg send/recv error |"
          "McuHealthConfig recv invalid data len |"},
-        {[&] { return McuHealthConfigAgain(h); },
+        {[&] { return McuHealthConfig(h, &g_mcu_health_param); },
          "01 00 40 20 34 78 45 23 CD AB | McuHealthConfig Msg send/recv error |"
          "McuHealthConfig recv invalid data len |"},
         {[&] { return McuDateTimeConfig(h, 1500000000); },
