@@ -274,6 +274,16 @@ TEST_F(EventTest, SettingsChangedDuringAReportCountFromTheNextOn) {
     EXPECT_EQ(mixed, 0);
 }
 
+TEST_F(EventTest, FlushIsAccountedForInOneStep) {
+    g_hooks.named_locks = {{&g_sensor_state_mutex, "state"}};
+    State(21).flush_pending = 1;
+    State(21).flush_count = 1;
+    (void)TakeJournal();
+    AccountForFlush(&hub, 21, 1);
+    EXPECT_EQ(TakeJournal(), List("state taken | state released"));
+    EXPECT_EQ(TakeEvents().size(), 1U);
+}
+
 TEST_F(EventTest, FlushCountedDuringItsReportIsNotForgotten) {
     std::atomic<bool> done = false;
     std::thread command([&] {

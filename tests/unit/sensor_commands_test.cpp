@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include "diagnostics/raw_data.h"
 #include "sensor_commands/mcu_config.h"
 #include "sensor_commands/mcu_parameters.h"
 #include "tests/support/test_hub.h"
@@ -14,47 +15,58 @@ using namespace shdtest;
 constexpr SensorBatchArgs kBatch = {100, -1, 7};
 constexpr McuHealthParam kHealth = {{0x1234, 0x5678, 0x00012345, 0xABCD}};
 
+void WithoutTimeoutNotice(Lines* journal) {
+    std::erase_if(*journal, [](const std::string& entry) {
+        return entry.starts_with("D/shd DequeueMessageTimeout");
+    });
+}
+
 struct CommandTest : testing::Test, TestHub {
     SensorHub* const h = &hub;
 };
 
 TEST_F(CommandTest, EachSendsItsPacketAndReportsTheMcusAnswer) {
-    // The request; the error lines for no reply, for one without data and for the status 5.
+    // The request and how long it waits; the error lines for no reply, for one without data and for
+    // the status 5.
     const std::pair<std::function<int()>, const char*> cases[] = {
         {[&] { return SensorActive(h, 33); },
-         "01 00 21 00 | Sensor Active :33 timeout | Sensor Active :33 data len < 1 |"
+         "01 00 21 00 / wait 2 s | Sensor Active :33 timeout | Sensor Active :33 data len < 1 |"
          "Sensor Active :33 failure ret:5"},
         {[&] { return SensorDeactive(h, 16); },
-         "01 00 10 01 | Sensor Deactive :16 timeout | Sensor Deactive :16 data len < 1 |"
+         "01 00 10 01 / wait 2 s | Sensor Deactive :16 timeout | Sensor Deactive :16 data len < 1 |"
          "Sensor DeActive :16 failure ret:5"},
         {[&] { return SensorSetDelay(h, 33, 200); },
-         "01 00 21 02 C8 00 00 00 | Sensor SetDelay :33 timeout |"
+         "01 00 21 02 C8 00 00 00 / wait 2 s | Sensor SetDelay :33 timeout |"
          "Sensor SetDelay :33 data len < 1 | Sensor SetDelay :33 delay_ms:200 failure ret:5"},
         {[&] { return SensorBatch(h, 48, kBatch); },
-         "01 00 30 03 64 00 00 00 FF FF FF FF 07 00 00 00 | Sensor Batch :48 timeout |"
+         "01 00 30 03 64 00 00 00 FF FF FF FF 07 00 00 00 / wait 2 s | Sensor Batch :48 timeout |"
          "Sensor Batch :48 data len < 1 |"
          "Sensor Batch :48 period:100 batchcnt:4294967295 failure ret:5"},
         {[&] { return SensorSelfTest(h, 17); },
-         "01 00 11 11 | Sensor SelfTest :17 timeout | Sensor SelfTest :17 data len < 1 |"
+         "01 00 11 11 / wait 10 s | Sensor SelfTest :17 timeout | Sensor SelfTest :17 data len < 1 "
+         "|"
          "Sensor Selftest :17 failure ret:5"},
         {[&] { return SensorCalibration(h, 48, nullptr); },
-         "01 00 30 12 | Sensor Clibration :48 timeout | Sensor Clibration :48 data len < 1 |"
+         "01 00 30 12 / wait 10 s | Sensor Clibration :48 timeout | Sensor Clibration :48 data len "
+         "< 1 |"
          "Sensor Clibration :48 failure ret:5"},
         {[&] { return SensorSetParameter(h, 22, Bytes("F3 01 00 00")); },
-         "01 00 16 13 F3 01 00 00 | Sensor SetParameter :22 timeout | |"},
+         "01 00 16 13 F3 01 00 00 / wait 10 s | Sensor SetParameter :22 timeout | |"},
         {[&] { return McuHealthConfig(h, &kHealth); },
-         "01 00 40 20 34 78 45 23 CD AB | McuHealthConfig Msg send/recv error |"
+         "01 00 40 20 34 78 45 23 CD AB / wait 2 s | McuHealthConfig Msg send/recv error |"
          "McuHealthConfig recv invalid data len |"},
         {[&] { return McuHealthConfig(h, &g_mcu_health_param); },
-         "01 00 40 20 34 78 45 23 CD AB | McuHealthConfig Msg send/recv error |"
+         "01 00 40 20 34 78 45 23 CD AB / wait 2 s | McuHealthConfig Msg send/recv error |"
          "McuHealthConfig recv invalid data len |"},
         {[&] { return McuDateTimeConfig(h, 1500000000); },
-         "01 00 0C 01 00 98 F7 3E 5D 01 00 00 | McuDateTimeConfig Msg send/recv error |"
+         "01 00 0C 01 00 98 F7 3E 5D 01 00 00 / wait 2 s | McuDateTimeConfig Msg send/recv error |"
          "McuDateTimeConfig recv invalid data len |"},
-        {[&] { return McuLogLevel(h, 1, 3); }, "01 00 0D 00 01 03 | | |"},
+        {[&] { return McuLogLevel(h, 1, 3); }, "01 00 0D 00 01 03 / wait 10 s | | |"},
     };
     for (const auto& [run, row] : cases) {
         const Lines cells = Table(row)[0];
+        std::string sent = cells[0];
+        sent.replace(sent.find('/'), 1, "|");
         const std::tuple<std::string, int, std::string> answers[] = {
             {FakeMcu::kSilence, -1, cells[1]},
             {"", -1, cells[2]},
@@ -64,15 +76,67 @@ TEST_F(CommandTest, EachSendsItsPacketAndReportsTheMcusAnswer) {
             hub.error_count = 0;
             mcu.script = {reply};
             EXPECT_EQ(run(), result) << row;
-            Lines journal = TakeJournal({"mcu", "shd"});
-            std::erase_if(journal, [](const std::string& entry) {
-                return entry.starts_with("D/shd DequeueMessageTimeout");
-            });
-            EXPECT_EQ(journal, List("mcu " + cells[0] + (line.empty() ? "" : "|E/shd " + line)));
+            Lines journal = TakeJournal({"mcu", "wait", "shd"});
+            WithoutTimeoutNotice(&journal);
+            EXPECT_EQ(journal, List("mcu " + sent + (line.empty() ? "" : "|E/shd " + line)));
         }
     }
     EXPECT_EQ(McuHealthConfig(h, nullptr), -1);
     EXPECT_EQ(TakeJournal(), List("E/shd McuHealthConfig param NULL"));
+}
+
+TEST_F(CommandTest, WaitsForItsReplyAsLongAsTheMcuMayNeed) {
+    char text[kMcuTextSize] = {};
+    const std::pair<const char*, std::function<void()>> cases[] = {
+        {"wait 2 s", [&] { (void)SensorFlush(h, 48); }},
+        {"wait 2 s", [&] { (void)SensorHandshake(h, kHandshakeTimeoutSec); }},
+        {"wait 10 s", [&] { (void)SensorGetInfo(h, 48, text); }},
+        {"wait 10 s", [&] { (void)SensorVersion(h, 0, text); }},
+        {"wait 10 s", [&] { (void)McuRawDataConfig(h, 1); }},
+    };
+    for (const auto& [limit, run] : cases) {
+        run();
+        EXPECT_EQ(TakeJournal({"wait"}), List(limit)) << &run - &cases[0].second;
+    }
+}
+
+TEST_F(CommandTest, FlushReplyAnnouncesSamplesAndIsReportedWhenUnusable) {
+    for (const auto& row : Table(R"(
+        05 00 00 |  5 | 5 |
+        05 00 07 |  5 | 0 |
+        FF FF 00 | -1 | -1 |
+        05       |  5 | 5 |
+                 |  0 | 0 | E/shd Sensor Flush :48 data len < 1
+        silence  |  0 | 0 | E/shd Sensor Flush :48 timeout)")) {
+        mcu.script = {row[0]};
+        const SensorFlushReply reply = SensorFlush(h, 48);
+        EXPECT_EQ(reply.announced, Int(row[1])) << row[0];
+        EXPECT_EQ(reply.accepted, Int(row[2])) << row[0];
+        Lines journal = TakeJournal({"mcu", "shd"});
+        WithoutTimeoutNotice(&journal);
+        EXPECT_EQ(journal, List("mcu 01 00 30 04 |" + row[3]));
+    }
+}
+
+TEST_F(CommandTest, RawDataLockIsTakenForTheHeartRateSensorAndNeverForAProperty) {
+    g_hooks.named_locks = {{&g_raw_data_mutex, "raw"}};
+    for (const int32_t id : {16, 48}) {
+        (void)SensorActive(h, id);
+        (void)SensorDeactive(h, id);
+    }
+    EXPECT_EQ(TakeJournal({"raw"}), Lines{});
+    (void)SensorActive(h, 50);
+    EXPECT_EQ(TakeJournal({"raw"}), List("raw taken | raw released"));
+    for (const uint16_t type : {uint16_t{3}, uint16_t{0}}) {
+        (void)McuRawDataConfig(h, type);
+        bool taken = false;
+        for (const std::string& entry : TakeJournal({"raw", "property"})) {
+            if (entry.starts_with("raw"))
+                taken = entry == "raw taken";
+            else
+                EXPECT_FALSE(taken) << entry;
+        }
+    }
 }
 
 TEST_F(CommandTest, LogLevelIsStoredFirstAndRestoredWhenInRange) {
