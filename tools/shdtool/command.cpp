@@ -1,10 +1,11 @@
-// Runs commands and prints their outcome. Called by the callbacks of all command files.
+// Runs commands and prints their outcome. Called by main.
 #include "tools/shdtool/command.h"
 
 #include <fmt/core.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 
 namespace shdtool {
@@ -17,6 +18,22 @@ constexpr milliseconds kSlowReply{2'000};
 
 void TellAboutWait(milliseconds left) {
     fmt::print(stderr, "shdtool: no reply yet; waiting up to {} s more\n", left.count() / 1000);
+}
+
+Outcome Execute(const Command& command, Context& context) {
+    if (command.run != nullptr) return command.run(context);
+    shdclient::Result<shdclient::HubClient> hub = ConnectHub(context);
+    if (!hub) return hub.error();
+    return command.ask(*hub, context);
+}
+
+void PrintJson(const Context& context, const Report& report) {
+    Json object{{"ok", report.exit_status == kExitSuccess}, {"command", context.command}};
+    object.Merge(report.fields);
+    if (!report.complaint.empty()) object.Set("error", report.complaint);
+    if (!context.warnings.empty()) object.Set("warnings", Json::List(context.warnings));
+    if (report.exit_status != kExitSuccess) object.Set("exit_status", report.exit_status);
+    fmt::print("{}\n", object.Text());
 }
 
 }  // namespace
@@ -37,71 +54,66 @@ ExitStatus ExitStatusOf(ErrorCode code) {
     return kExitRefused;
 }
 
-CLI::App* AddCommand(CLI::App& app, const std::string& name, const std::string& description,
-                     const std::string& examples, const std::string& details) {
-    CLI::App* command = app.add_subcommand(name, description);
-    command->footer(details + (details.empty() ? "" : "\n") + "Example:\n" + examples +
-                    "\nGlobal options (see 'shdtool --help'): --root DIR, --json, --timeout SEC");
-    return command;
+milliseconds Context::timeout() const {
+    return milliseconds(std::llround(timeout_sec * 1000));
 }
 
-CLI::Validator Between(double min, double max) {
-    return CLI::Validator(
-        [min, max](const std::string& text) -> std::string {
-            double number = 0;
-            if (CLI::detail::lexical_cast(text, number) && number >= min && number <= max) {
-                return "";
-            }
-            return fmt::format("'{}' is not a number from {:.10g} to {:.10g}", text, min, max);
-        },
-        "");
-}
-
-void PrintJson(const Json& object) {
-    fmt::print("{}\n", object.dump(-1, ' ', false, Json::error_handler_t::replace));
-}
-
-void Fail(Context& context, std::string_view command, const shdclient::Error& error) {
-    context.exit_status = ExitStatusOf(error.code);
-    if (!context.json) {
-        fmt::print(stderr, "shdtool: {}\n", error.message);
-        return;
-    }
-    Json object{{"ok", false}, {"command", command}, {"error", error.message}};
-    if (error.code == ErrorCode::kRefused) object["status"] = error.status;
-    object["exit_status"] = context.exit_status;
-    PrintJson(object);
-}
-
-void Run(Context& context, std::string_view command,
-         const std::function<shdclient::Result<Report>()>& action) {
-    const shdclient::Result<Report> report = action();
-    if (!report) {
-        Fail(context, command, report.error());
-    } else if (context.json) {
-        Json object{{"ok", true}, {"command", command}};
-        object.update(report->fields);
-        PrintJson(object);
+void Context::Warn(const std::string& text) {
+    if (json) {
+        warnings.push_back(text);
     } else {
-        fmt::print("{}\n", report->line);
+        fmt::print(stderr, "shdtool: warning: {}\n", text);
     }
+}
+
+int Complain(bool json, std::string_view command, const std::string& message, int exit_status,
+             int32_t mcu_status) {
+    (void)std::fflush(stdout);  // what was found stands ahead of the complaint wherever both go
+    if (!json) {
+        fmt::print(stderr, "shdtool: {}\n", message);
+        return exit_status;
+    }
+    Json object{{"ok", false}, {"command", command}, {"error", message}};
+    if (mcu_status != 0) object.Set("status", mcu_status);
+    fmt::print("{}\n", object.Set("exit_status", exit_status).Text());
+    return exit_status;
+}
+
+int RunCommand(const Command& command, Context& context) {
+    const Outcome outcome = Execute(command, context);
+    if (!outcome) {
+        return Complain(context.json, context.command, outcome.error().message,
+                        ExitStatusOf(outcome.error().code), outcome.error().status);
+    }
+    if (context.json && !outcome->streamed) {
+        PrintJson(context, *outcome);
+        return outcome->exit_status;
+    }
+    if (!context.json && !outcome->text.empty()) fmt::print("{}\n", outcome->text);
+    if (outcome->complaint.empty()) return outcome->exit_status;
+    return Complain(context.json, context.command, outcome->complaint, outcome->exit_status);
+}
+
+Outcome Answer(const shdclient::Status& done, const std::string& text, const Json& fields) {
+    if (!done) return done.error();
+    return Report{text, fields};
+}
+
+shdclient::Error WrongUsage(const std::string& message) {
+    return {ErrorCode::kInvalidArgument, message};
 }
 
 shdclient::Result<shdclient::HubClient> ConnectHub(const Context& context) {
     shdclient::Result<shdclient::HubClient> hub = shdclient::HubClient::Connect(context.root);
     if (!hub) return hub;
-    hub->set_timeout(milliseconds(static_cast<int64_t>(context.timeout_sec * 1000)));
-    if (isatty(STDERR_FILENO) == 1) hub->set_slow_notice(kSlowReply, TellAboutWait);
+    hub->set_timeout(context.timeout());
+    const bool told = !context.json && isatty(STDERR_FILENO) == 1;
+    if (told) hub->set_slow_notice(kSlowReply, TellAboutWait);
     return hub;
 }
 
-void RunWithHub(Context& context, std::string_view command,
-                const std::function<shdclient::Result<Report>(shdclient::HubClient&)>& action) {
-    Run(context, command, [&]() -> shdclient::Result<Report> {
-        shdclient::Result<shdclient::HubClient> hub = ConnectHub(context);
-        if (!hub) return hub.error();
-        return action(*hub);
-    });
+Json SensorFields(const shdclient::SensorInfo& sensor) {
+    return {{"sensor", sensor.name}, {"handle", sensor.handle}};
 }
 
 }  // namespace shdtool

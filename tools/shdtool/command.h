@@ -1,19 +1,19 @@
-// What every command of shdtool shares: the global options, the exit status, and the one place
-// that prints a result as a line or as a JSON object. Included by all command files.
+// What every command of shdtool shares: its row, the global options, the exit status, and the one
+// place that prints an outcome as text or as a JSON object. Included by all command files.
 #pragma once
 
-#include <CLI/CLI.hpp>
-#include <functional>
-#include <nlohmann/json.hpp>
+#include <chrono>
 #include <string>
 #include <string_view>
+#include <vector>
 
+#include "tools/cli/arguments.h"
+#include "tools/cli/spec.h"
 #include "tools/client/hub_client.h"
 #include "tools/client/result.h"
+#include "tools/shdtool/json.h"
 
 namespace shdtool {
-
-using Json = nlohmann::ordered_json;
 
 enum ExitStatus : int {
     kExitSuccess = 0,
@@ -22,49 +22,65 @@ enum ExitStatus : int {
     kExitNoDaemon = 3,  // nobody behind the sockets
 };
 
-// The global options and what the command left behind. Lives in main for the whole run; command
-// callbacks keep references to it.
-struct Context {
-    std::string root;  // directory tree of the daemon; empty: the device's own
-    bool json = false;
-    double timeout_sec = 15;  // limit of the wait for each reply
-    int exit_status = kExitSuccess;
-};
-
-// What a command that succeeded has to say.
-struct Report {        // NOLINT(bugprone-exception-escape): moving a Json does not throw
-    std::string line;  // without a line end; may hold several lines
-    Json fields;       // an object; printed behind "ok" and "command" with --json
-};
-
 [[nodiscard]] ExitStatus ExitStatusOf(shdclient::ErrorCode code);
 
-// Adds a subcommand. Its help shows the description, which also stands in the list of commands, and
-// ends with the details (lines of their own, may be empty), the examples (command lines with two
-// blanks in front) and the names of the global options.
-CLI::App* AddCommand(CLI::App& app, const std::string& name, const std::string& description,
-                     const std::string& examples, const std::string& details = "");
+// What a command has to say in the end.
+struct Report {        // NOLINT(bugprone-exception-escape): moving a Json does not throw
+    std::string text;  // without the last line end; nothing is printed when it is empty
+    Json fields = {};  // an object; printed behind "ok" and "command" with --json
+    int exit_status = kExitSuccess;
+    // Why the status is not 0, in one line: goes to standard error, or to "error" with --json.
+    std::string complaint = {};
+    bool streamed = false;  // with --json everything but a complaint has been printed already
+};
 
-// A check for numbers from min to max, both included, with an error that says so.
-[[nodiscard]] CLI::Validator Between(double min, double max);
+using Outcome = shdclient::Result<Report>;
 
-// Prints the error to standard error as "shdtool: MESSAGE", or to standard output as a JSON object
-// {"ok": false, ...} with --json, and sets the exit status.
-void Fail(Context& context, std::string_view command, const shdclient::Error& error);
+// One run of one command. Lives in main for the whole run.
+struct Context {
+    cli::Arguments arguments;
+    std::string command;    // its name
+    std::string root = {};  // directory tree of the daemon; empty: the device's own
+    bool json = false;
+    double timeout_sec = 0;  // limit of the wait for each reply
+    std::vector<std::string> warnings = {};
 
-// Runs a command and prints its report, or its error as Fail does.
-void Run(Context& context, std::string_view command,
-         const std::function<shdclient::Result<Report>()>& action);
+    [[nodiscard]] std::chrono::milliseconds timeout() const;
+
+    // Says something that does not change the outcome: at once on standard error as
+    // "shdtool: warning: TEXT"; with --json in the "warnings" of the outcome.
+    void Warn(const std::string& text);
+};
+
+// A row of the table of commands. A group of commands has neither function.
+struct Command {
+    cli::Command line;
+    Outcome (*run)(Context& context) = nullptr;
+    // Of a command that asks the hub and shows the answer.
+    Outcome (*ask)(shdclient::HubClient& hub, Context& context) = nullptr;
+};
+
+// Runs a command and prints its outcome. Errors go to standard error as "shdtool: MESSAGE"; with
+// --json to standard output as {"ok": false, "command", "error", "exit_status"}. Returns the exit
+// status.
+[[nodiscard]] int RunCommand(const Command& command, Context& context);
+
+// The outcome when a request has failed, or that text and these fields.
+[[nodiscard]] Outcome Answer(const shdclient::Status& done, const std::string& text,
+                             const Json& fields);
+
+// Wrong usage that no row of the table can tell.
+[[nodiscard]] shdclient::Error WrongUsage(const std::string& message);
+
+// Says what is wrong when no outcome can be had. command may be empty. Returns the status.
+[[nodiscard]] int Complain(bool json, std::string_view command, const std::string& message,
+                           int exit_status, int32_t mcu_status = 0);
 
 // Connects to the hub with the context's time limit. When a reply takes longer than 2 s, a person
 // at a terminal is told how long the wait can last.
 [[nodiscard]] shdclient::Result<shdclient::HubClient> ConnectHub(const Context& context);
 
-// Connects to the hub first; then as Run.
-void RunWithHub(Context& context, std::string_view command,
-                const std::function<shdclient::Result<Report>(shdclient::HubClient&)>& action);
-
-// Prints an object on one line of standard output. Bytes that are no UTF-8 are replaced.
-void PrintJson(const Json& object);
+// {"sensor": NAME, "handle": N}, the beginning of the JSON fields of a sensor's command.
+[[nodiscard]] Json SensorFields(const shdclient::SensorInfo& sensor);
 
 }  // namespace shdtool

@@ -1,19 +1,18 @@
-// shdtool flush: asks for a flush and waits for its end on the data socket. Called by main.
+// shdtool flush: asks for a flush and waits for its end on the data socket. A row of the
+// table of commands.
 #include <fmt/core.h>
 #include <poll.h>
 
 #include <algorithm>
 #include <chrono>
 #include <functional>
-#include <memory>
 #include <thread>
 #include <vector>
 
 #include "tools/client/event_decoder.h"
 #include "tools/client/event_stream.h"
 #include "tools/client/hub_client.h"
-#include "tools/shdtool/commands.h"
-#include "tools/shdtool/sensor_argument.h"
+#include "tools/shdtool/command_table.h"
 
 using namespace shd;
 
@@ -88,8 +87,8 @@ class FlushWatch {
     bool complete_ = false;
 };
 
-Result<Report> Flush(const Context& context, HubClient& hub, const SensorInfo& sensor,
-                     double wait_sec) {
+Outcome Flush(HubClient& hub, Context& context) {
+    const SensorInfo& sensor = context.arguments.Sensor("SENSOR");
     Result<EventStream> stream = EventStream::Connect(context.root);
     if (!stream) return stream.error();
     // The event may come before the reply to the request, and must find this client on the list.
@@ -98,34 +97,35 @@ Result<Report> Flush(const Context& context, HubClient& hub, const SensorInfo& s
     FlushWatch watch(*stream, sensor);
     const Status taken = watch.ReadDuring([&] { return hub.Flush(sensor.handle); });
     if (!taken) return taken.error();
-    const Result<size_t> samples = watch.Await(milliseconds(static_cast<int64_t>(wait_sec * 1000)));
+    const double wait_ms = context.arguments.Number("--wait") * 1000;
+    const Result<size_t> samples = watch.Await(milliseconds(static_cast<int64_t>(wait_ms)));
     if (!samples) return samples.error();
-    Json fields = SensorFields(sensor);
-    fields["samples"] = *samples;
     return Report{fmt::format("{} flushed, {} sample{} on the way", sensor.name, *samples,
                               *samples == 1 ? "" : "s"),
-                  fields};
+                  SensorFields(sensor).Set("samples", *samples)};
 }
 
 }  // namespace
 
-void AddFlushCommand(CLI::App& app, Context& context) {
-    constexpr double kDefaultWaitSec = 10;
-    constexpr double kMaxWaitSec = 86'400;
-    CLI::App* command = AddCommand(
-        app, "flush", "Make the MCU deliver a sensor's batch and wait for the flush-complete event",
-        "  shdtool flush accelerometer",
-        "The hub sends the event also when the MCU refused the flush or did not answer; whether\n"
-        "samples came tells more.");
-    const SensorArgument sensor = AddSensorArgument(*command);
-    auto wait_sec = std::make_shared<double>(kDefaultWaitSec);
-    command->add_option("--wait", *wait_sec, "Limit of the wait for the event in seconds (10)")
-        ->check(Between(0, kMaxWaitSec))
-        ->type_name("SEC");
-    command->callback([&context, sensor, wait_sec] {
-        RunWithHub(context, "flush",
-                   [&](HubClient& hub) { return Flush(context, hub, **sensor, *wait_sec); });
-    });
+CommandRows FlushCommands() {
+    return {{{"Sensors",
+              "flush",
+              "Make the MCU deliver a sensor's batch and wait for the flush-complete event",
+              {{.name = "SENSOR",
+                .kind = cli::Kind::kSensor,
+                .help = "Name (or its unique beginning) or handle",
+                .required = true},
+               {.name = "--wait",
+                .kind = cli::Kind::kNumber,
+                .value = "SEC",
+                .help = "Limit of the wait for the event in seconds",
+                .max = 86'400,
+                .standard = "10"}},
+              "The hub sends the event also when the MCU refused the flush or did not answer; "
+              "whether samples came tells more.",
+              "shdtool flush accelerometer"},
+             nullptr,
+             Flush}};
 }
 
 }  // namespace shdtool

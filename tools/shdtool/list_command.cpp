@@ -1,10 +1,9 @@
-// shdtool list: the sensors that the hub has. Called by main.
+// shdtool list: the sensors that the hub has. A row of the table of commands.
 #include <fmt/core.h>
 
 #include "protocol/event.h"
 #include "tools/client/sensor_info.h"
-#include "tools/shdtool/commands.h"
-#include "tools/shdtool/sensor_argument.h"
+#include "tools/shdtool/command_table.h"
 
 namespace shdtool {
 namespace {
@@ -36,39 +35,37 @@ std::string NoteText(const SensorInfo& sensor) {
 }
 
 Json Describe(const SensorInfo& sensor) {
-    Json description = SensorFields(sensor);
-    description["event_type"] = sensor.type;
-    description["virtual"] = sensor.is_virtual;
-    description["can_batch"] = sensor.can_batch;
-    description["block_bytes"] = sensor.parameter_size;
-    description["axes"] = Json::array();
+    Json axes = Json::List();
     for (const shdclient::Axis& axis : sensor.axes) {
-        description["axes"].push_back({{"name", axis.name}, {"unit", axis.unit}});
+        axes.Add({{"name", axis.name}, {"unit", axis.unit}});
     }
-    return description;
+    return SensorFields(sensor).Merge({{"event_type", sensor.type},
+                                       {"virtual", sensor.is_virtual},
+                                       {"can_batch", sensor.can_batch},
+                                       {"block_bytes", sensor.parameter_size},
+                                       {"axes", axes}});
 }
 
-shdclient::Result<Report> ListSensors() {
-    Report report;
-    report.line = fmt::format("{:>6}  {:<21} {:>10}  {:<21} {}", "HANDLE", "NAME", "EVENT TYPE",
-                              "VALUES", "NOTES");
-    report.fields["sensors"] = Json::array();
+Outcome ListSensors(Context& /*context*/) {
+    Report report{
+        fmt::format("{:>6}  {:<21} {:>5}  {:<22} {}", "HANDLE", "NAME", "TYPE", "VALUES", "NOTES")};
+    Json sensors = Json::List();
     for (const SensorInfo& sensor : shdclient::AllSensors()) {
         const std::string row =
-            fmt::format("\n{:>6}  {:<21} {:>10}  {:<21} {}", sensor.handle, sensor.name,
-                        sensor.type, AxisText(sensor), NoteText(sensor));
-        report.line += row.substr(0, row.find_last_not_of(' ') + 1);
-        report.fields["sensors"].push_back(Describe(sensor));
+            fmt::format("\n{:>6}  {:<21} {:>5}  {:<22} {}", sensor.handle, sensor.name, sensor.type,
+                        AxisText(sensor), NoteText(sensor));
+        report.text += row.substr(0, row.find_last_not_of(' ') + 1);
+        sensors.Add(Describe(sensor));
     }
+    report.fields.Set("sensors", sensors);
     return report;
 }
 
 }  // namespace
 
-void AddListCommand(CLI::App& app, Context& context) {
-    CLI::App* list =
-        AddCommand(app, "list", "List the sensors (needs no daemon)", "  shdtool list");
-    list->callback([&context] { Run(context, "list", ListSensors); });
+CommandRows ListCommands() {
+    return {{{"Overview", "list", "List the sensors (needs no daemon)", {}, "", "shdtool list"},
+             ListSensors}};
 }
 
 }  // namespace shdtool

@@ -1,180 +1,215 @@
-// The everyday commands for one sensor: enable, disable, delay and batch. Called by main.
-#include <fmt/core.h>
+// The commands for one sensor: switching and sampling, self test, calibration, parameter and
+// information. Rows of the table of commands.
+#include <fmt/format.h>
 
 #include <cmath>
-#include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
-#include "tools/client/hub_client.h"
-#include "tools/shdtool/commands.h"
-#include "tools/shdtool/sensor_argument.h"
+#include "tools/shdtool/command_table.h"
+#include "tools/shdtool/hex.h"
 
 namespace shdtool {
 namespace {
 
 using shdclient::HubClient;
-using shdclient::Result;
 using shdclient::SensorInfo;
 using shdclient::Status;
 
-constexpr int32_t kMaxPeriodMs = 3'600'000;
-constexpr double kMinRateHz = 0.001;
-constexpr double kMaxRateHz = 1000;
-constexpr int32_t kMaxBatch = 100'000;
+constexpr const char* kHeading = "Sensors";
+constexpr int32_t kAccelerometerHandle = 0;
 
-struct Sampling {
-    std::optional<int32_t> period_ms;
-    std::optional<int32_t> batch;
+const cli::Options kSensor{{.name = "SENSOR",
+                            .kind = cli::Kind::kSensor,
+                            .help = "Name (or its unique beginning) or handle, see 'shdtool list'",
+                            .required = true}};
+const cli::Options kSampling{
+    {.name = "--period",
+     .kind = cli::Kind::kInteger,
+     .value = "MS",
+     .help = "Sampling period in milliseconds",
+     .min = 1,
+     .max = 3'600'000,
+     .excludes = "--rate"},
+    {.name = "--rate",
+     .kind = cli::Kind::kNumber,
+     .value = "HZ",
+     .help = "Sampling rate in Hz, rounded to a period of whole milliseconds",
+     .min = 0.001,
+     .max = 1000},
+    {.name = "--batch",
+     .kind = cli::Kind::kInteger,
+     .value = "N",
+     .help = "Samples that the MCU collects before it reports; 0: none",
+     .max = 100'000},
 };
 
-std::string SamplingText(const SensorInfo& sensor, const Sampling& sampling) {
-    if (!sampling.period_ms) return "";
-    if (sensor.is_virtual) return " (virtual: period and batch have no effect)";
-    std::string text =
-        fmt::format(", every {} ms ({:.4g} Hz)", *sampling.period_ms, 1000.0 / *sampling.period_ms);
-    const int32_t batch = sampling.batch.value_or(0);
-    if (batch > 0 && !sensor.can_batch) return text + ", not batched (the hub never batches it)";
-    if (batch > 0) text += fmt::format(", in batches of {}", batch);
-    return text;
+std::optional<int32_t> PeriodMs(const cli::Arguments& arguments) {
+    if (arguments.Has("--period")) return static_cast<int32_t>(arguments.Integer("--period"));
+    if (!arguments.Has("--rate")) return std::nullopt;
+    return static_cast<int32_t>(std::lround(1000 / arguments.Number("--rate")));
 }
 
-Json SamplingFields(const SensorInfo& sensor, const Sampling& sampling) {
-    Json fields = SensorFields(sensor);
-    if (sampling.period_ms) {
-        fields["period_ms"] = *sampling.period_ms;
-        fields["batch"] = sensor.can_batch ? sampling.batch.value_or(0) : 0;
+int32_t BatchSize(const cli::Arguments& arguments) {
+    return arguments.Has("--batch") ? static_cast<int32_t>(arguments.Integer("--batch")) : 0;
+}
+
+// The sensor as it now samples: what it was set to, in words and as fields.
+Report SamplingReport(const SensorInfo& sensor, const std::string& done,
+                      std::optional<int32_t> period_ms, int32_t batch) {
+    Report report{fmt::format("{} {}", sensor.name, done), SensorFields(sensor)};
+    if (!period_ms) return report;
+    report.fields.Set("period_ms", *period_ms).Set("batch", sensor.can_batch ? batch : 0);
+    if (sensor.is_virtual) {
+        report.text += " (virtual: period and batch have no effect)";
+        return report;
     }
-    return fields;
+    report.text += fmt::format(", every {} ms ({:.4g} Hz)", *period_ms, 1000.0 / *period_ms);
+    if (batch > 0 && !sensor.can_batch) {
+        report.text += ", not batched (the hub never batches it)";
+    } else if (batch > 0) {
+        report.text += fmt::format(", in batches of {}", batch);
+    }
+    return report;
 }
 
-Result<Report> Enable(HubClient& hub, const SensorInfo& sensor, const Sampling& sampling) {
-    if (sampling.period_ms) {
-        const Status batched =
-            hub.Batch(sensor.handle, *sampling.period_ms, sampling.batch.value_or(0));
+Outcome Enable(HubClient& hub, Context& context) {
+    const SensorInfo& sensor = context.arguments.Sensor("SENSOR");
+    const auto period_ms = PeriodMs(context.arguments);
+    const int32_t batch = BatchSize(context.arguments);
+    if (context.arguments.Has("--batch") && !period_ms) {
+        return WrongUsage("--batch needs --period or --rate beside it");
+    }
+    if (period_ms) {
+        const Status batched = hub.Batch(sensor.handle, *period_ms, batch);
         if (!batched) return batched.error();
     }
     const Status active = hub.Activate(sensor.handle);
     if (!active) return active.error();
-    return Report{fmt::format("{} enabled{}", sensor.name, SamplingText(sensor, sampling)),
-                  SamplingFields(sensor, sampling)};
+    return SamplingReport(sensor, "enabled", period_ms, batch);
 }
 
-Result<Report> Batch(HubClient& hub, const SensorInfo& sensor, const Sampling& sampling) {
-    const Status done = hub.Batch(sensor.handle, *sampling.period_ms, sampling.batch.value_or(0));
+Outcome Batch(HubClient& hub, Context& context) {
+    const SensorInfo& sensor = context.arguments.Sensor("SENSOR");
+    const auto period_ms = PeriodMs(context.arguments);
+    if (!period_ms) return WrongUsage("batch needs --period or --rate");
+    const int32_t batch = BatchSize(context.arguments);
+    const Status done = hub.Batch(sensor.handle, *period_ms, batch);
     if (!done) return done.error();
-    return Report{fmt::format("{} set{}", sensor.name, SamplingText(sensor, sampling)),
-                  SamplingFields(sensor, sampling)};
+    return SamplingReport(sensor, "set", period_ms, batch);
 }
 
-Result<Report> SetDelay(HubClient& hub, const SensorInfo& sensor, int32_t period_ms) {
+Outcome SetDelay(HubClient& hub, Context& context) {
+    const SensorInfo& sensor = context.arguments.Sensor("SENSOR");
+    const auto period_ms = static_cast<int32_t>(context.arguments.Integer("MS"));
     const Status done = hub.SetDelay(sensor.handle, period_ms);
     if (!done) return done.error();
-    const Sampling sampling{period_ms, std::nullopt};
-    return Report{fmt::format("{} set{}", sensor.name, SamplingText(sensor, sampling)),
-                  SamplingFields(sensor, sampling)};
+    return SamplingReport(sensor, "set", period_ms, 0);
 }
 
-Result<Report> Disable(HubClient& hub, const SensorInfo& sensor) {
-    const Status done = hub.Deactivate(sensor.handle);
-    if (!done) return done.error();
-    return Report{fmt::format("{} disabled", sensor.name), SensorFields(sensor)};
+Outcome Disable(HubClient& hub, Context& context) {
+    const SensorInfo& sensor = context.arguments.Sensor("SENSOR");
+    return Answer(hub.Deactivate(sensor.handle), fmt::format("{} disabled", sensor.name),
+                  SensorFields(sensor));
 }
 
-// The period of --period or --rate, filled while the command line is parsed.
-void AddPeriodOptions(CLI::App& command, const std::shared_ptr<Sampling>& sampling) {
-    CLI::Option* period = command
-                              .add_option_function<int32_t>(
-                                  "--period", [sampling](int32_t ms) { sampling->period_ms = ms; },
-                                  "Sampling period in milliseconds")
-                              ->check(Between(1, kMaxPeriodMs))
-                              ->type_name("MS");
-    command
-        .add_option_function<double>(
-            "--rate",
-            [sampling](double hz) {
-                sampling->period_ms = static_cast<int32_t>(std::lround(1000 / hz));
-            },
-            "Sampling rate in Hz, rounded to a period of whole milliseconds")
-        ->check(Between(kMinRateHz, kMaxRateHz))
-        ->type_name("HZ")
-        ->excludes(period);
+Outcome SelfTest(HubClient& hub, Context& context) {
+    const SensorInfo& sensor = context.arguments.Sensor("SENSOR");
+    const char* answer =
+        sensor.is_virtual ? "is virtual: there is nothing to test" : "passed its self test";
+    return Answer(hub.SelfTest(sensor.handle), fmt::format("{} {}", sensor.name, answer),
+                  SensorFields(sensor).Set("tested", !sensor.is_virtual));
 }
 
-void AddBatchOption(CLI::App& command, const std::shared_ptr<Sampling>& sampling) {
-    command
-        .add_option_function<int32_t>(
-            "--batch", [sampling](int32_t samples) { sampling->batch = samples; },
-            "Samples that the MCU collects before it reports; 0: none")
-        ->check(Between(0, kMaxBatch))
-        ->type_name("N");
+Outcome Calibrate(HubClient& hub, Context& context) {
+    const SensorInfo& sensor = context.arguments.Sensor("SENSOR");
+    const auto calibration = hub.Calibrate(sensor.handle);
+    if (!calibration) return calibration.error();
+    const auto values = calibration->values();
+    std::string text = values.size() == 1 ? std::to_string(values[0]) : "";
+    for (size_t i = 0; values.size() > 1 && i < values.size(); ++i) {
+        text += fmt::format("{}{} {}", i > 0 ? ", " : "", sensor.axes[i].name, values[i]);
+    }
+    // The daemon keeps the reply of every calibration in the one file that it reads at its start.
+    const char* kept = sensor.handle == kAccelerometerHandle
+                           ? "kept by the daemon for its next start"
+                           : "kept by the daemon in place of the accelerometer's calibration";
+    return Report{
+        fmt::format("{} calibrated: {} in the MCU's own unit; {}", sensor.name, text, kept),
+        SensorFields(sensor).Set("calibration", Json::List(values))};
 }
 
-void AddEnable(CLI::App& app, Context& context) {
-    CLI::App* command = AddCommand(
-        app, "enable", "Switch a sensor on",
-        "  shdtool enable accelerometer --rate 50 --batch 10\n  shdtool enable step-counter",
-        "Without --period or --rate the sensor keeps the sampling that it was last given.");
-    const SensorArgument sensor = AddSensorArgument(*command);
-    auto sampling = std::make_shared<Sampling>();
-    AddPeriodOptions(*command, sampling);
-    AddBatchOption(*command, sampling);
-    command->callback([&context, sensor, sampling] {
-        if (sampling->batch && !sampling->period_ms) {
-            throw CLI::ValidationError("--batch", "needs --period or --rate beside it");
-        }
-        RunWithHub(context, "enable",
-                   [&](HubClient& hub) { return Enable(hub, **sensor, *sampling); });
-    });
+Outcome SetParameter(HubClient& hub, Context& context) {
+    const SensorInfo& sensor = context.arguments.Sensor("SENSOR");
+    const auto bytes = ParseHex(fmt::format("{}", fmt::join(context.arguments.All("HEX"), " ")));
+    if (!bytes) return bytes.error();
+    return Answer(hub.SetParameter(sensor.handle, *bytes),
+                  fmt::format("{} parameter set to {}", sensor.name, FormatHex(*bytes)),
+                  SensorFields(sensor).Set("parameter", FormatHex(*bytes)));
 }
 
-void AddBatch(CLI::App& app, Context& context) {
-    CLI::App* command = AddCommand(app, "batch", "Set period and batch size of a sensor",
-                                   "  shdtool batch gyroscope --period 20 --batch 50");
-    const SensorArgument sensor = AddSensorArgument(*command);
-    auto sampling = std::make_shared<Sampling>();
-    AddPeriodOptions(*command, sampling);
-    AddBatchOption(*command, sampling);
-    command->callback([&context, sensor, sampling] {
-        if (!sampling->period_ms) {
-            throw CLI::ValidationError("batch", "needs --period or --rate");
-        }
-        RunWithHub(context, "batch",
-                   [&](HubClient& hub) { return Batch(hub, **sensor, *sampling); });
-    });
-}
-
-void AddDelay(CLI::App& app, Context& context) {
-    CLI::App* command = AddCommand(app, "delay", "Set the sampling period of a sensor",
-                                   "  shdtool delay pressure 100");
-    const SensorArgument sensor = AddSensorArgument(*command);
-    auto period_ms = std::make_shared<int32_t>(0);
-    command->add_option("MS", *period_ms, "sampling period in milliseconds")
-        ->required()
-        ->check(Between(1, kMaxPeriodMs))
-        ->type_name("");
-    command->callback([&context, sensor, period_ms] {
-        RunWithHub(context, "delay",
-                   [&](HubClient& hub) { return SetDelay(hub, **sensor, *period_ms); });
-    });
-}
-
-void AddDisable(CLI::App& app, Context& context) {
-    CLI::App* command =
-        AddCommand(app, "disable", "Switch a sensor off", "  shdtool disable accelerometer");
-    const SensorArgument sensor = AddSensorArgument(*command);
-    command->callback([&context, sensor] {
-        RunWithHub(context, "disable", [&](HubClient& hub) { return Disable(hub, **sensor); });
-    });
+Outcome Information(HubClient& hub, Context& context) {
+    const SensorInfo& sensor = context.arguments.Sensor("SENSOR");
+    const auto text = hub.Information(sensor.handle);
+    if (!text) return text.error();
+    return Report{fmt::format("{}: {}", sensor.name, *text),
+                  SensorFields(sensor).Set("info", *text)};
 }
 
 }  // namespace
 
-void AddSensorCommands(CLI::App& app, Context& context) {
-    AddEnable(app, context);
-    AddDisable(app, context);
-    AddDelay(app, context);
-    AddBatch(app, context);
+CommandRows SensorCommands() {
+    return {
+        {{kHeading, "enable", "Switch a sensor on", cli::Joined({kSensor, kSampling}),
+          "Without --period or --rate the sensor keeps the sampling that it was last given.",
+          "shdtool enable accelerometer --rate 50 --batch 10\nshdtool enable step-counter"},
+         nullptr,
+         Enable},
+        {{kHeading, "disable", "Switch a sensor off", kSensor, "", "shdtool disable accelerometer"},
+         nullptr,
+         Disable},
+        {{kHeading, "delay", "Set the sampling period of a sensor",
+          cli::Joined({kSensor,
+                       {{.name = "MS",
+                         .kind = cli::Kind::kInteger,
+                         .help = "Sampling period in milliseconds",
+                         .min = 1,
+                         .max = 3'600'000,
+                         .required = true}}}),
+          "", "shdtool delay pressure 100"},
+         nullptr,
+         SetDelay},
+        {{kHeading, "batch", "Set period and batch size of a sensor",
+          cli::Joined({kSensor, kSampling}), "", "shdtool batch gyroscope --period 20 --batch 50"},
+         nullptr,
+         Batch},
+        {{kHeading, "selftest", "Run the self test of a sensor", kSensor, "",
+          "shdtool selftest accelerometer"},
+         nullptr,
+         SelfTest},
+        {{kHeading, "calibrate", "Calibrate a sensor and show the values", kSensor,
+          "The daemon keeps the values of the last calibration, whatever the sensor, and takes "
+          "them as the accelerometer's at its next start.",
+          "shdtool calibrate accelerometer"},
+         nullptr,
+         Calibrate},
+        {{kHeading, "param", "Send a calibration parameter",
+          cli::Joined({kSensor,
+                       {{.name = "HEX",
+                         .help = "The bytes, two hexadecimal digits each",
+                         .required = true,
+                         .repeated = true}}}),
+          "The accelerometer takes 6 bytes (x, y, z as 16-bit values, low byte first); gyroscope, "
+          "pressure and raw-25 take 4.",
+          "shdtool param accelerometer 38 01 c8 fe 00 00\nshdtool param pressure 0xd6ffffff"},
+         nullptr,
+         SetParameter},
+        {{kHeading, "info", "Show the MCU's information text of a sensor", kSensor, "",
+          "shdtool info accelerometer"},
+         nullptr,
+         Information},
+    };
 }
 
 }  // namespace shdtool

@@ -1,5 +1,5 @@
 // shdtool status: asks the daemon and the MCU, looks at the files, and gives a verdict on each.
-// Called by main.
+// A row of the table of commands.
 #include <fmt/format.h>
 
 #include <chrono>
@@ -10,7 +10,7 @@
 #include "tools/client/event_stream.h"
 #include "tools/client/hub_client.h"
 #include "tools/client/local_socket.h"
-#include "tools/shdtool/commands.h"
+#include "tools/shdtool/command_table.h"
 #include "tools/shdtool/status_checks.h"
 
 namespace shdtool {
@@ -98,41 +98,37 @@ void CheckLive(const Context& context, Findings& findings) {
     }
 }
 
-void Print(const Context& context, const Findings& findings) {
-    if (!context.json) {
-        for (const Check& check : findings.checks) {
-            fmt::print("{:<4}  {:<30}  {}\n", VerdictText(check.verdict), check.name, check.text);
-        }
-        return;
+Outcome ShowStatus(Context& context) {
+    Findings findings;
+    CheckLive(context, findings);
+    for (Check& check : CheckFiles(context.root, findings.mcu_version)) {
+        findings.checks.push_back(std::move(check));
     }
-    Json object{{"ok", findings.exit_status == kExitSuccess},
-                {"command", "status"},
-                {"checks", Json::array()},
-                {"exit_status", findings.exit_status}};
+    Report report{.text = "", .exit_status = findings.exit_status};
+    Json checks = Json::List();
     for (const Check& check : findings.checks) {
-        object["checks"].push_back(
+        report.text += fmt::format("{}{:<4}  {:<30}  {}", report.text.empty() ? "" : "\n",
+                                   VerdictText(check.verdict), check.name, check.text);
+        checks.Add(
             {{"name", check.name}, {"verdict", VerdictText(check.verdict)}, {"text", check.text}});
     }
-    PrintJson(object);
+    report.fields.Set("checks", checks);
+    return report;
 }
 
 }  // namespace
 
-void AddStatusCommand(CLI::App& app, Context& context) {
-    CLI::App* command = AddCommand(
-        app, "status", "Say at one glance what works and what does not", "  shdtool status",
-        "Looks at the sockets, the daemon, the MCU, the properties, the stored calibration, the "
-        "core\ndumps and the raw-data logs. With a silent MCU it takes up to twice --timeout.\n"
-        "Exit status: 0 daemon and MCU answer, 1 one of them does not, 3 no daemon there.");
-    command->callback([&context] {
-        Findings findings;
-        CheckLive(context, findings);
-        for (Check& check : CheckFiles(context.root, findings.mcu_version)) {
-            findings.checks.push_back(std::move(check));
-        }
-        Print(context, findings);
-        context.exit_status = findings.exit_status;
-    });
+CommandRows StatusCommands() {
+    return {{{"Overview",
+              "status",
+              "Say at one glance what works and what does not",
+              {},
+              "Looks at the sockets, the daemon, the MCU, the properties, the stored calibration, "
+              "the core dumps and the raw-data logs. With a silent MCU it takes up to twice "
+              "--timeout.\n"
+              "Exit status: 0 daemon and MCU answer, 1 one of them does not, 3 no daemon there.",
+              "shdtool status"},
+             ShowStatus}};
 }
 
 }  // namespace shdtool

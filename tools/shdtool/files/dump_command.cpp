@@ -1,14 +1,14 @@
-// shdtool dump list and dump decode: the MCU's core dumps. Called by main; they need no daemon.
+// shdtool dump list and dump decode: the MCU's core dumps. Rows of the table
+// of commands; they need no daemon.
 #include <fmt/format.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <filesystem>
-#include <memory>
 #include <string>
 
 #include "tools/client/local_socket.h"
-#include "tools/shdtool/commands.h"
+#include "tools/shdtool/command_table.h"
 #include "tools/shdtool/files/dump_store.h"
 #include "tools/shdtool/files/dump_text.h"
 #include "tools/shdtool/files/file_io.h"
@@ -30,7 +30,7 @@ std::string FileColumns(const std::optional<DumpFile>& file) {
     return fmt::format("{:>9}  {:<19}", file->size, FormatFileTime(file->modified));
 }
 
-Result<Report> ListDumps(const Context& context) {
+Outcome ListDumps(Context& context) {
     const std::string directory = shdclient::PathBelow(context.root, shd::kDumpDir);
     std::error_code error;
     if (!std::filesystem::is_directory(directory, error)) {
@@ -38,10 +38,9 @@ Result<Report> ListDumps(const Context& context) {
                      fmt::format("there is no directory {}; without it the daemon stores no dumps",
                                  directory)};
     }
-    Report report;
-    report.fields = {{"directory", directory}, {"slots", Json::array()}};
-    report.line = fmt::format("SLOT  {:>9}  {:<19}  {:>9}  {:<19}  CHECK", "RAW BYTES", "WRITTEN",
-                              "BASE64", "WRITTEN");
+    Report report{fmt::format("SLOT  {:>9}  {:<19}  {:>9}  {:<19}  CHECK", "RAW BYTES", "WRITTEN",
+                              "BASE64", "WRITTEN")};
+    Json slots = Json::List();
     int number = 0;
     size_t found = 0;
     for (const DumpSlot& slot : ReadDumpSlots(context.root)) {
@@ -49,15 +48,16 @@ Result<Report> ListDumps(const Context& context) {
         if (slot.empty()) continue;
         ++found;
         const DumpVerdict verdict = CompareDumpFiles(slot);
-        report.line += fmt::format("\n{:>4}  {}  {}  {}", slot_number, FileColumns(slot.raw),
+        report.text += fmt::format("\n{:>4}  {}  {}  {}", slot_number, FileColumns(slot.raw),
                                    FileColumns(slot.text), verdict.text);
-        report.fields["slots"].push_back({{"slot", slot_number},
-                                          {"raw", FileFields(slot.raw_path, slot.raw)},
-                                          {"base64", FileFields(slot.text_path, slot.text)},
-                                          {"intact", verdict.intact},
-                                          {"check", verdict.text}});
+        slots.Add({{"slot", slot_number},
+                   {"raw", FileFields(slot.raw_path, slot.raw)},
+                   {"base64", FileFields(slot.text_path, slot.text)},
+                   {"intact", verdict.intact},
+                   {"check", verdict.text}});
     }
-    if (found == 0) report.line = "no core dumps in " + directory;
+    if (found == 0) report.text = "no core dumps in " + directory;
+    report.fields = {{"directory", directory}, {"slots", slots}};
     return report;
 }
 
@@ -68,11 +68,6 @@ std::string ResolveFile(const Context& context, const std::string& file) {
     if (!is_slot || std::filesystem::exists(file, error)) return file;
     return ReadDumpSlots(context.root)[static_cast<size_t>(file[0] - '0')].text_path;
 }
-
-struct DecodeArguments {
-    std::string file;
-    std::string output;
-};
 
 std::string DamageText(const std::string& path, const DecodedDump& dump, size_t text_size) {
     return fmt::format("{} is damaged at character {} of {}: {}; the {} bytes before it are sound",
@@ -98,67 +93,69 @@ Result<std::string> Deliver(const Context& context, const std::string& output,
     return std::string("written to standard output");
 }
 
-void Decode(Context& context, const DecodeArguments& arguments) {
-    constexpr const char* kCommand = "dump decode";
-    const std::string path = ResolveFile(context, arguments.file);
+Outcome Decode(Context& context) {
+    const std::string path = ResolveFile(context, context.arguments.Text("FILE"));
+    const std::string output = context.arguments.Text("--output");
     const Result<std::string> text = ReadWholeFile(path);
-    if (!text) return Fail(context, kCommand, text.error());
+    if (!text) return text.error();
     const DecodedDump dump = DecodeDumpText(*text);
-    const Result<std::string> delivery = Deliver(context, arguments.output, dump.bytes);
-    if (!delivery) return Fail(context, kCommand, delivery.error());
+    const Result<std::string> delivery = Deliver(context, output, dump.bytes);
+    if (!delivery) return delivery.error();
 
     const std::string summary =
         fmt::format("{}: {} bytes decoded, {}", path, dump.bytes.size(), *delivery);
-    if (dump.damage) context.exit_status = kExitRefused;
-    if (context.json) {
-        Json object{{"ok", !dump.damage},
-                    {"command", kCommand},
-                    {"file", path},
-                    {"bytes", dump.bytes.size()},
-                    {"output", arguments.output},
-                    {"padded_pieces", dump.padded_pieces}};
-        if (dump.damage) {
-            object["damage"] = {{"offset", dump.damage->offset}, {"reason", dump.damage->reason}};
-        }
-        return PrintJson(object);
+    Report report{.text = summary,
+                  .fields = {{"file", path},
+                             {"bytes", dump.bytes.size()},
+                             {"output", output},
+                             {"padded_pieces", dump.padded_pieces}}};
+    if (output.empty() && !context.json) {  // standard output has the bytes
+        fmt::print(stderr, "{}\n", summary);
+        report.text.clear();
     }
-    fmt::print(arguments.output.empty() ? stderr : stdout, "{}\n", summary);
-    if (dump.damage) {
-        fmt::print(stderr, "shdtool: {}\n", DamageText(path, dump, text->size()));
-    }
-}
-
-void AddDecode(CLI::App& dump, Context& context) {
-    CLI::App* decode = AddCommand(
-        dump, "decode", "Turn the base64 text of a dump back into its bytes",
-        "  shdtool dump decode \"$SHD_ROOT/data/mcudumplog/mcudumpbase64.1\" -o crash.bin\n"
-        "  shdtool dump decode 0 | od -Ax -tx1z | less",
-        "A damaged text is decoded up to the damage and its place is named; the exit "
-        "status is then 1.\n"
-        "The files mcudump_N hold the raw bytes already.");
-    auto arguments = std::make_shared<DecodeArguments>();
-    decode->add_option("FILE", arguments->file, "the text, or the number of a slot (0 to 5)")
-        ->required()
-        ->type_name("");
-    decode
-        ->add_option("-o,--output", arguments->output,
-                     "Write the bytes to this file instead of standard output")
-        ->type_name("OUT");
-    decode->callback([&context, arguments] { Decode(context, *arguments); });
+    if (!dump.damage) return report;
+    report.exit_status = kExitRefused;
+    report.complaint = DamageText(path, dump, text->size());
+    report.fields.Set("damage", {{"offset", dump.damage->offset}, {"reason", dump.damage->reason}});
+    return report;
 }
 
 }  // namespace
 
-void AddDumpCommands(CLI::App& app, Context& context) {
-    CLI::App* dump = AddCommand(app, "dump", "List and decode the MCU's core dumps",
-                                "  shdtool dump list\n  shdtool dump decode 0 -o crash.bin");
-    dump->require_subcommand(1);
-    CLI::App* list = AddCommand(
-        *dump, "list", "List the slots with size, time and whether the two files of each agree",
-        "  shdtool dump list");
-    list->callback(
-        [&context] { Run(context, "dump list", [&context] { return ListDumps(context); }); });
-    AddDecode(*dump, context);
+CommandRows DumpCommands() {
+    constexpr const char* kHeading = "Files";
+    return {
+        {{kHeading,
+          "dump",
+          "List and decode the MCU's core dumps",
+          {},
+          "",
+          "shdtool dump list\nshdtool dump decode 0 -o crash.bin"}},
+        {{kHeading,
+          "dump list",
+          "List the slots with size, time and whether the two files of each agree",
+          {},
+          "",
+          "shdtool dump list"},
+         ListDumps},
+        {{kHeading,
+          "dump decode",
+          "Turn the base64 text of a dump back into its bytes",
+          {{.name = "FILE",
+            .kind = cli::Kind::kFile,
+            .help = "The text, or the number of a slot (0 to 5)",
+            .words = "0 1 2 3 4 5",
+            .required = true},
+           {.name = "-o,--output",
+            .kind = cli::Kind::kNewFile,
+            .value = "OUT",
+            .help = "Write the bytes to this file instead of standard output"}},
+          "A damaged text is decoded up to the damage and its place is named; the exit status is "
+          "then 1. The files mcudump_N hold the raw bytes already.",
+          "shdtool dump decode \"$SHD_ROOT/data/mcudumplog/mcudumpbase64.1\" -o crash.bin\n"
+          "shdtool dump decode 0 | od -Ax -tx1z | less"},
+         Decode},
+    };
 }
 
 }  // namespace shdtool

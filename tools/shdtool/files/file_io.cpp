@@ -36,12 +36,7 @@ bool WriteAll(int fd, std::span<const uint8_t> bytes) {
     return true;
 }
 
-// Both leave the reason of a failure in errno.
-bool WriteInPlace(const std::string& path, std::span<const uint8_t> bytes) {
-    const UniqueFd fd(open(path.c_str(), O_WRONLY | O_CLOEXEC));
-    return fd.valid() && WriteAll(fd.get(), bytes);
-}
-
+// Leaves the reason of a failure in errno.
 bool ReplaceFile(const std::string& path, std::span<const uint8_t> bytes) {
     constexpr mode_t kMode = 0666;
     const std::string part = path + ".part";
@@ -56,14 +51,25 @@ bool ReplaceFile(const std::string& path, std::span<const uint8_t> bytes) {
 
 }  // namespace
 
-shdclient::Result<std::string> ReadWholeFile(const std::string& path) {
+shdclient::Result<UniqueFd> OpenToRead(const std::string& path) {
     // A FIFO without a writer must not hold up the open.
-    const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     struct stat status {};
     if (!fd.valid() || fstat(fd.get(), &status) != 0) {
         return CannotRead(path, std::strerror(errno));
     }
+    if (S_ISDIR(status.st_mode)) return CannotRead(path, "it is a directory");
     if (!S_ISREG(status.st_mode)) return CannotRead(path, "it is no regular file");
+    if (status.st_size == 0) return CannotRead(path, "it is empty");
+    return fd;
+}
+
+shdclient::Result<std::string> ReadWholeFile(const std::string& path) {
+    const shdclient::Result<UniqueFd> opened = OpenToRead(path);
+    if (!opened) return opened.error();
+    const UniqueFd& fd = *opened;
+    struct stat status {};
+    if (fstat(fd.get(), &status) != 0) return CannotRead(path, std::strerror(errno));
     if (static_cast<uint64_t>(status.st_size) > kMaxFileBytes) {
         return CannotRead(path, "it is larger than 64 MiB");
     }
@@ -80,15 +86,19 @@ shdclient::Result<std::string> ReadWholeFile(const std::string& path) {
     return content;
 }
 
+shdclient::Status CheckWritable(const std::string& path) {
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode)) return shdclient::Success();
+    const char* reason = S_ISDIR(status.st_mode) ? "it is a directory" : "it is no regular file";
+    return Error{ErrorCode::kInvalidArgument, fmt::format("cannot write {}: {}", path, reason)};
+}
+
 shdclient::Status WriteWholeFile(const std::string& path, std::span<const uint8_t> bytes) {
+    shdclient::Status writable = CheckWritable(path);
+    if (!writable) return writable;
     std::error_code none;  // a file that is not there yet is made where the path says
     const auto target = std::filesystem::canonical(path, none);
-    const std::string file = none ? path : target.string();
-    struct stat status {};
-    const bool special = stat(file.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
-    if (special ? WriteInPlace(file, bytes) : ReplaceFile(file, bytes)) {
-        return shdclient::Success();
-    }
+    if (ReplaceFile(none ? path : target.string(), bytes)) return shdclient::Success();
     return Error{ErrorCode::kInvalidArgument,
                  fmt::format("cannot write {}: {}", path, std::strerror(errno))};
 }

@@ -7,6 +7,7 @@
 #include <span>
 #include <string>
 
+#include "platform/unique_fd.h"
 #include "tools/client/result.h"
 
 namespace shdtool {
@@ -14,12 +15,19 @@ namespace shdtool {
 // Far beyond the 12 MB of a raw-data log or any dump.
 inline constexpr size_t kMaxFileBytes = size_t{64} << 20;
 
-// Reads a regular file of at most kMaxFileBytes. Fails with kInvalidArgument and the file's name.
+// Opens a regular file that is not empty, for reading. Directories, special files and empty files
+// are refused with kInvalidArgument, the file's name and the reason.
+[[nodiscard]] shdclient::Result<UniqueFd> OpenToRead(const std::string& path);
+
+// Reads a file as OpenToRead has it, of at most kMaxFileBytes.
 [[nodiscard]] shdclient::Result<std::string> ReadWholeFile(const std::string& path);
 
-// Writes a file by way of PATH.part, so that nobody sees half of it. A symbolic link is followed;
-// a device or a pipe stays what it is and takes the bytes. Fails with kInvalidArgument and its
-// name.
+// Success when a file can be written there: there is none, or a regular one. Otherwise
+// kInvalidArgument with its name.
+[[nodiscard]] shdclient::Status CheckWritable(const std::string& path);
+
+// Writes a file by way of PATH.part, so that nobody sees half of it. A symbolic link is followed.
+// Fails as CheckWritable, and when the file cannot be written.
 [[nodiscard]] shdclient::Status WriteWholeFile(const std::string& path,
                                                std::span<const uint8_t> bytes);
 

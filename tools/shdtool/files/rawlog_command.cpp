@@ -1,12 +1,11 @@
-// shdtool rawlog: summarises a raw-data log or turns it into columns. Called by main; it needs no
-// daemon.
+// shdtool rawlog: summarises a raw-data log or turns it into columns. A row of the table of
+// commands; it needs no daemon.
 #include <fmt/format.h>
 
 #include <cstdio>
-#include <memory>
 #include <string>
 
-#include "tools/shdtool/commands.h"
+#include "tools/shdtool/command_table.h"
 #include "tools/shdtool/files/file_io.h"
 #include "tools/shdtool/files/rawlog.h"
 
@@ -70,52 +69,52 @@ std::string SummaryText(const std::string& path, const Summary& summary) {
     return text;
 }
 
-void PrintSummary(const Context& context, const std::string& path, const Summary& summary) {
-    if (!context.json) {
-        fmt::print("{}\n", SummaryText(path, summary));
-        return;
-    }
-    Json object{{"ok", summary.bad_lines == 0}, {"command", "rawlog"}, {"file", path}};
+Json SummaryFields(const std::string& path, const Summary& summary) {
+    Json lines;
     for (size_t i = 0; i < kRawLogKinds; ++i) {
-        object["lines"][std::string(RawLogKindName(static_cast<RawLogKind>(i)))] = summary.lines[i];
+        lines.Set(RawLogKindName(static_cast<RawLogKind>(i)), summary.lines[i]);
     }
-    object["first_time"] = summary.first_time;
-    object["last_time"] = summary.last_time;
-    object["bad_lines"] = summary.bad_lines;
-    if (summary.bad_lines > 0) object["first_bad_line"] = summary.first_bad_line;
-    PrintJson(object);
+    Json fields{{"file", path},
+                {"lines", lines},
+                {"first_time", summary.first_time},
+                {"last_time", summary.last_time},
+                {"bad_lines", summary.bad_lines}};
+    if (summary.bad_lines > 0) fields.Set("first_bad_line", summary.first_bad_line);
+    return fields;
 }
 
-void ShowLog(Context& context, const std::string& path, bool csv) {
+Outcome ShowRawLog(Context& context) {
+    const std::string path = context.arguments.Text("FILE");
+    const bool csv = context.arguments.Has("--csv");
     const auto content = ReadWholeFile(path);
-    if (!content) return Fail(context, "rawlog", content.error());
+    if (!content) return content.error();
     const Summary summary = ReadLog(*content, csv);
-    if (!csv) PrintSummary(context, path, summary);
-    if (summary.bad_lines == 0) return;
-    context.exit_status = kExitRefused;
-    if (!context.json) {
-        (void)std::fflush(stdout);
-        fmt::print(stderr,
-                   "shdtool: {}: {} of its lines are no raw-data lines, first line {}: {}\n", path,
-                   summary.bad_lines, summary.first_bad_line, summary.first_bad_text);
-    }
+    Report report{.text = csv ? "" : SummaryText(path, summary),
+                  .fields = SummaryFields(path, summary),
+                  .streamed = csv};
+    if (summary.bad_lines == 0) return report;
+    report.exit_status = kExitRefused;
+    report.complaint =
+        fmt::format("{}: {} of its lines are no raw-data lines, first line {}: {}", path,
+                    summary.bad_lines, summary.first_bad_line, summary.first_bad_text);
+    return report;
 }
 
 }  // namespace
 
-void AddRawLogCommand(CLI::App& app, Context& context) {
-    CLI::App* command =
-        AddCommand(app, "rawlog", "Summarise a raw-data log, or turn it into columns",
-                   "  shdtool rawlog \"$SHD_ROOT/data/logdata/sensor/hrm.txt\"\n"
-                   "  shdtool rawlog \"$SHD_ROOT/data/logdata/sensor/alg.txt\" --csv > alg.csv",
-                   "FILE is alg.txt or hrm.txt of /data/logdata/sensor. Damaged lines are left out "
-                   "and the first is\n"
-                   "named; the exit status is then 1.");
-    auto path = std::make_shared<std::string>();
-    auto csv = std::make_shared<bool>(false);
-    command->add_option("FILE", *path, "the log")->required()->type_name("");
-    command->add_flag("--csv", *csv, "Print every line as comma-separated columns instead");
-    command->callback([&context, path, csv] { ShowLog(context, *path, *csv); });
+CommandRows RawLogCommands() {
+    return {{{"Files",
+              "rawlog",
+              "Summarise a raw-data log, or turn it into columns",
+              {{.name = "FILE", .kind = cli::Kind::kFile, .help = "The log", .required = true},
+               {.name = "--csv",
+                .kind = cli::Kind::kFlag,
+                .help = "Print every line as comma-separated columns instead"}},
+              "FILE is alg.txt or hrm.txt of /data/logdata/sensor. Damaged lines are left out and "
+              "the first is named; the exit status is then 1.",
+              "shdtool rawlog \"$SHD_ROOT/data/logdata/sensor/hrm.txt\"\n"
+              "shdtool rawlog \"$SHD_ROOT/data/logdata/sensor/alg.txt\" --csv > alg.csv"},
+             ShowRawLog}};
 }
 
 }  // namespace shdtool

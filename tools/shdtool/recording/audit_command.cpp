@@ -1,4 +1,5 @@
-// shdtool audit: whether the events are what a program may rely on. Called by main.
+// shdtool audit: whether the events are what a program may rely on. A row of
+// the table of commands.
 #include <fmt/core.h>
 #include <unistd.h>
 
@@ -7,7 +8,7 @@
 #include <map>
 #include <memory>
 
-#include "tools/shdtool/commands.h"
+#include "tools/shdtool/command_table.h"
 #include "tools/shdtool/recording/audit_report.h"
 #include "tools/shdtool/recording/record_replay.h"
 #include "tools/shdtool/watch/options.h"
@@ -19,15 +20,10 @@ using shdclient::Error;
 using shdclient::Result;
 using shdclient::SensorInfo;
 using shdclient::Status;
-using std::chrono::milliseconds;
 
 constexpr double kNsPerMs = 1e6;
 constexpr double kNsPerSec = 1e9;
 constexpr double kDefaultFlushWaitSec = 5;
-constexpr double kMaxSeconds = 1e6;
-constexpr double kMaxMs = 1e9;
-constexpr double kMaxPercent = 1000;
-constexpr double kMaxFactor = 1000;
 
 struct AuditRequest {
     std::string path;  // empty: the live stream
@@ -116,8 +112,7 @@ class Auditor final : public EventSink {
 
 std::unique_ptr<FlushProbe> MakeProbe(const Context& context, const AuditRequest& request) {
     if (!request.flush_every_sec) return nullptr;
-    return std::make_unique<FlushProbe>(context.root,
-                                        milliseconds(std::llround(context.timeout_sec * 1000)),
+    return std::make_unique<FlushProbe>(context.root, context.timeout(),
                                         std::llround(*request.flush_every_sec * kNsPerSec),
                                         std::llround(request.flush_wait_sec * kNsPerSec));
 }
@@ -150,136 +145,126 @@ Result<AuditReport> AuditFile(const AuditRequest& request, const WatchLimits& li
     return auditor.Finish(*end);
 }
 
-void Audit(Context& context, const AuditRequest& request, const SamplingRequest& sampling,
-           const WatchLimits& limits) {
+shdclient::Result<AuditRequest> RequestOf(const cli::Arguments& arguments) {
+    AuditRequest request;
+    request.path = arguments.Text("FILE");
+    request.sensors = arguments.Sensors("--sensor");
+    request.limits.mean_tolerance = arguments.Number("--mean-tolerance") / 100;
+    request.limits.gap_factor = arguments.Number("--gap-factor");
+    request.limits.max_gaps = static_cast<uint64_t>(arguments.Integer("--max-gaps"));
+    if (const auto ms = arguments.MaybeNumber("--max-jitter")) {
+        request.limits.max_jitter_ns = std::llround(*ms * kNsPerMs);
+    }
+    request.limits.future_tolerance_ns = std::llround(arguments.Number("--future") * kNsPerMs);
+    request.flush_every_sec = arguments.MaybeNumber("--flush");
+    request.flush_wait_sec = arguments.Number("--flush-wait");
+    const bool limited = arguments.Has("--seconds") || arguments.Has("--count");
+    if (request.path.empty() && !limited) {
+        return WrongUsage(
+            "audit: name a recording, or give --seconds or --count for an audit of the live "
+            "stream");
+    }
+    for (const char* live : {"--enable", "--flush"}) {
+        if (request.path.empty() || !arguments.Has(live)) continue;
+        return WrongUsage(fmt::format("{} is for the live stream, not for a recording", live));
+    }
+    return request;
+}
+
+Outcome Audit(Context& context) {
+    auto request = RequestOf(context.arguments);
+    if (!request) return request.error();
+    const auto sampling = SamplingOf(context.arguments, request->sensors);
+    if (!sampling) return sampling.error();
+    request->limits.period_ns = sampling->asked_ns();
+    const WatchLimits limits = LimitsOf(context.arguments);
     std::optional<Error> damage;
-    const auto report = request.path.empty() ? AuditLive(context, request, sampling, limits)
-                                             : AuditFile(request, limits, damage);
-    if (!report) return Fail(context, "audit", report.error());
-    if (context.json) {
-        Json object = AuditJson(*report);
-        if (damage) {
-            object["ok"] = false;  // what was behind the damage has not been judged
-            object["damage"] = damage->message;
-        }
-        PrintJson(object);
-    } else {
-        fmt::print("{}\n", AuditText(*report));
-        (void)std::fflush(stdout);
-        if (damage) fmt::print(stderr, "shdtool: {}\n", damage->message);
+    const auto audited = request->path.empty() ? AuditLive(context, *request, *sampling, limits)
+                                               : AuditFile(*request, limits, damage);
+    if (!audited) return audited.error();
+    Report report{AuditText(*audited), AuditFields(*audited)};
+    if (damage) {  // what was behind the damage has not been judged
+        report.complaint = damage->message;
+        report.exit_status = ExitStatusOf(damage->code);
+        report.fields.Set("damage", damage->message);
     }
-    if (damage) context.exit_status = ExitStatusOf(damage->code);
-    if (!report->ok()) context.exit_status = kExitRefused;
+    if (!audited->ok()) report.exit_status = kExitRefused;
+    return report;
 }
 
-void CheckRequest(const AuditRequest& request, const SamplingRequest& sampling,
-                  const WatchLimits& limits) {
-    if (request.path.empty()) {
-        if (limits.duration.count() == 0 && limits.max_samples == 0) {
-            throw CLI::ValidationError("audit",
-                                       "name a recording, or give --seconds or --count for an "
-                                       "audit of the live stream");
-        }
-        return;
-    }
-    if (sampling.enable || request.flush_every_sec) {
-        throw CLI::ValidationError(sampling.enable ? "--enable" : "--flush",
-                                   "is for the live stream, not for a recording");
-    }
-}
+const cli::Options kAuditedFile{
+    {.name = "FILE",
+     .kind = cli::Kind::kFile,
+     .help = "A recording; without it the live stream is checked"},
+    {.name = "--sensor",
+     .kind = cli::Kind::kSensor,
+     .value = "SENSOR",
+     .help = "Only this sensor, by name or handle, and it must send something; may be repeated",
+     .repeated = true},
+};
 
-void AddSensorOption(CLI::App& audit, const std::shared_ptr<AuditRequest>& request) {
-    audit
-        .add_option_function<std::vector<std::string>>(
-            "--sensor",
-            [request](const std::vector<std::string>& names) {
-                for (const std::string& name : names) {
-                    const auto sensor = shdclient::LookupSensor(name);
-                    if (!sensor) throw CLI::ValidationError("--sensor", sensor.error().message);
-                    request->sensors.push_back(*sensor);
-                }
-            },
-            "Only this sensor, by name or handle, and it must send something; may be repeated")
-        ->allow_extra_args(false)
-        ->type_name("SENSOR");
-}
-
-// Adds an option whose value, times unit, goes to target when it is given.
-template <typename Target>
-void AddScaled(CLI::App& audit, const std::string& name, Target& target, double unit, double max,
-               const std::string& type, const std::string& help) {
-    audit
-        .add_option_function<double>(
-            name, [&target, unit](double value) { target = std::llround(value * unit); }, help)
-        ->check(Between(0, max))
-        ->type_name(type);
-}
-
-void AddLimitsOfFaults(CLI::App& audit, const std::shared_ptr<AuditRequest>& request) {
-    AuditLimits& limits = request->limits;
-    audit
-        .add_option_function<double>(
-            "--mean-tolerance",
-            [request](double percent) { request->limits.mean_tolerance = percent / 100; },
-            "How far the mean spacing may be off a given period, in percent (5)")
-        ->check(Between(0, kMaxPercent))
-        ->type_name("PERCENT");
-    audit
-        .add_option("--gap-factor", limits.gap_factor,
-                    "A spacing of more periods than this is a gap, unless the following samples "
-                    "make up for it: then it counts as late, which is no fault (1.8)")
-        ->check(Between(1.01, kMaxFactor))
-        ->type_name("X");
-    audit.add_option("--max-gaps", limits.max_gaps, "Gaps that are no fault yet (0)")
-        ->check(Between(0, 1e9))
-        ->type_name("N");
-    AddScaled(audit, "--max-jitter", limits.max_jitter_ns, kNsPerMs, kMaxMs, "MS",
-              "Standard deviation of the spacing that is no fault yet (any)");
-    AddScaled(audit, "--future", limits.future_tolerance_ns, kNsPerMs, kMaxMs, "MS",
-              "How far a time stamp may be ahead of the arrival (0)");
-}
-
-void AddFlushOptions(CLI::App& audit, const std::shared_ptr<AuditRequest>& request) {
-    audit
-        .add_option_function<double>(
-            "--flush", [request](double sec) { request->flush_every_sec = sec; },
-            "Flush each sensor every so many seconds and expect its flush-complete event (the "
-            "flushes of others cannot be seen, so without this their events are only counted)")
-        ->check(Between(0.01, kMaxSeconds))
-        ->type_name("SEC");
-    audit
-        .add_option("--flush-wait", request->flush_wait_sec,
-                    "Time within which the event must come (5)")
-        ->check(Between(0.01, kMaxSeconds))
-        ->type_name("SEC");
-}
+const cli::Options kFaultLimits{
+    {.name = "--mean-tolerance",
+     .kind = cli::Kind::kNumber,
+     .value = "PERCENT",
+     .help = "How far the mean spacing may be off a given period, in percent",
+     .max = 1000,
+     .standard = "5"},
+    {.name = "--gap-factor",
+     .kind = cli::Kind::kNumber,
+     .value = "X",
+     .help = "A spacing of more periods than this is a gap, unless the following samples make up "
+             "for it: then it counts as late, which is no fault",
+     .min = 1.01,
+     .max = 1000,
+     .standard = "1.8"},
+    {.name = "--max-gaps",
+     .kind = cli::Kind::kInteger,
+     .value = "N",
+     .help = "Gaps that are no fault yet",
+     .max = 1e9,
+     .standard = "0"},
+    {.name = "--max-jitter",
+     .kind = cli::Kind::kNumber,
+     .value = "MS",
+     .help = "Standard deviation of the spacing that is no fault yet; else any is",
+     .max = 1e9},
+    {.name = "--future",
+     .kind = cli::Kind::kNumber,
+     .value = "MS",
+     .help = "How far a time stamp may be ahead of the arrival",
+     .max = 1e9,
+     .standard = "0"},
+    {.name = "--flush",
+     .kind = cli::Kind::kNumber,
+     .value = "SEC",
+     .help = "Flush each sensor every so many seconds and expect its flush-complete event (the "
+             "flushes of others cannot be seen, so without this their events are only counted)",
+     .min = 0.01,
+     .max = 1e6},
+    {.name = "--flush-wait",
+     .kind = cli::Kind::kNumber,
+     .value = "SEC",
+     .help = "Time within which the event must come",
+     .min = 0.01,
+     .max = 1e6,
+     .standard = "5"},
+};
 
 }  // namespace
 
-void AddAuditCommand(CLI::App& app, Context& context) {
-    CLI::App* audit = AddCommand(
-        app, "audit",
-        "Check the time stamps of a recording or of the live stream: order, spacing, gaps, "
-        "duplicates, samples from the future, flushes. Exit status 1 when something is wrong",
-        "  shdtool audit walk.shdrec\n"
-        "  shdtool audit walk.shdrec --sensor accelerometer --rate 50 --max-jitter 5\n"
-        "  shdtool audit --seconds 10 --sensor accelerometer --rate 50 --batch 10 --enable\n"
-        "  shdtool audit --seconds 20 --flush 2 --json");
-    auto request = std::make_shared<AuditRequest>();
-    audit->add_option("FILE", request->path, "a recording; without it the live stream is checked")
-        ->type_name("");
-    AddSensorOption(*audit, request);
-    const auto limits = AddLimitOptions(*audit);
-    const auto sampling = AddPeriodOptions(*audit);
-    AddEnableOptions(*audit, sampling);
-    AddLimitsOfFaults(*audit, request);
-    AddFlushOptions(*audit, request);
-    audit->callback([&context, request, limits, sampling] {
-        CheckRequest(*request, *sampling, *limits);
-        CompleteSampling(*sampling, request->sensors);
-        request->limits.period_ns = sampling->asked_ns();
-        Audit(context, *request, *sampling, *limits);
-    });
+CommandRows AuditCommands() {
+    return {
+        {{"Events", "audit",
+          "Check the time stamps of a recording or of the live stream: order, spacing, gaps, "
+          "duplicates, samples from the future, flushes",
+          cli::Joined({kAuditedFile, kLimitOptions, kPeriodOptions, kEnableOptions, kFaultLimits}),
+          "Exit status: 0 all is well, 1 something is wrong.",
+          "shdtool audit walk.shdrec\n"
+          "shdtool audit walk.shdrec --sensor accelerometer --rate 50 --max-jitter 5\n"
+          "shdtool audit --seconds 10 --sensor accelerometer --rate 50 --batch 10 --enable\n"
+          "shdtool audit --seconds 20 --flush 2 --json"},
+         Audit}};
 }
 
 }  // namespace shdtool

@@ -6,8 +6,6 @@
 #include <algorithm>
 #include <iterator>
 
-#include "tools/shdtool/sensor_argument.h"
-
 namespace shdtool {
 namespace {
 
@@ -89,13 +87,12 @@ void AppendSensor(const AuditReport& report, const SensorReport& sensor, std::st
     text += '\n';
 }
 
-Json SpacingJson(const AuditReport& report, const SpacingVerdict& spacing) {
-    Json histogram = Json::array();
+Json SpacingFields(const AuditReport& report, const SpacingVerdict& spacing) {
+    Json histogram = Json::List();
     for (size_t i = 0; i < spacing.histogram.size(); ++i) {
         Json one{{"from", i == 0 ? 0.0 : kSpacingClasses[i - 1]}};
-        if (i < kSpacingClasses.size()) one["below"] = kSpacingClasses[i];
-        one["count"] = spacing.histogram[i];
-        histogram.push_back(std::move(one));
+        if (i < kSpacingClasses.size()) one.Set("below", kSpacingClasses[i]);
+        histogram.Add(one.Set("count", spacing.histogram[i]));
     }
     return {{"period_ns", spacing.period_ns},
             {"period_from", report.period_given ? "option" : "measured"},
@@ -106,29 +103,33 @@ Json SpacingJson(const AuditReport& report, const SpacingVerdict& spacing) {
             {"gaps", spacing.gaps},
             {"missing", spacing.missing},
             {"late", spacing.late},
-            {"histogram", std::move(histogram)}};
+            {"histogram", histogram}};
 }
 
-Json SensorJson(const AuditReport& report, const SensorReport& sensor) {
+Json FieldsOf(const AuditReport& report, const SensorReport& sensor) {
     const SensorVerdict& verdict = sensor.verdict;
     Json object = SensorFields(*sensor.sensor);
-    object["ok"] = verdict.faults.empty();
-    object["faults"] = verdict.faults;
-    object["samples"] = verdict.samples;
-    object["duration_ns"] = verdict.duration_ns;
-    object["backwards"] = verdict.backwards;
-    object["duplicates"] = verdict.duplicates;
-    object["future"] = verdict.future;
-    object["delay_ns"] = {{"shortest", verdict.shortest_delay_ns},
-                          {"mean", verdict.mean_delay_ns},
-                          {"longest", verdict.longest_delay_ns}};
-    if (verdict.spacing) object["spacing"] = SpacingJson(report, *verdict.spacing);
-    object["flush_complete"] = sensor.flush_complete;
+    object.Merge({{"ok", verdict.faults.empty()},
+                  {"faults", Json::List(verdict.faults)},
+                  {"samples", verdict.samples},
+                  {"duration_ns", verdict.duration_ns},
+                  {"backwards", verdict.backwards},
+                  {"duplicates", verdict.duplicates},
+                  {"future", verdict.future},
+                  {"delay_ns",
+                   {{"shortest", verdict.shortest_delay_ns},
+                    {"mean", verdict.mean_delay_ns},
+                    {"longest", verdict.longest_delay_ns}}}});
+    if (verdict.spacing) object.Set("spacing", SpacingFields(report, *verdict.spacing));
+    object.Set("flush_complete", sensor.flush_complete);
     if (sensor.flushes) {
         const FlushCounts& counts = *sensor.flushes;
-        object["flushes"] = {{"sent", counts.sent},     {"completed", counts.completed},
-                             {"missed", counts.missed}, {"refused", counts.refused},
-                             {"open", counts.open},     {"unasked", counts.unasked}};
+        object.Set("flushes", {{"sent", counts.sent},
+                               {"completed", counts.completed},
+                               {"missed", counts.missed},
+                               {"refused", counts.refused},
+                               {"open", counts.open},
+                               {"unasked", counts.unasked}});
     }
     return object;
 }
@@ -172,15 +173,10 @@ std::string AuditText(const AuditReport& report) {
                                      report.stream_faults.empty() ? "" : ", and the stream"));
 }
 
-Json AuditJson(const AuditReport& report) {
-    Json sensors = Json::array();
-    for (const SensorReport& sensor : report.sensors) {
-        sensors.push_back(SensorJson(report, sensor));
-    }
-    return {{"ok", report.ok()},
-            {"command", "audit"},
-            {"faults", report.stream_faults},
-            {"sensors", std::move(sensors)}};
+Json AuditFields(const AuditReport& report) {
+    Json sensors = Json::List();
+    for (const SensorReport& sensor : report.sensors) sensors.Add(FieldsOf(report, sensor));
+    return {{"faults", Json::List(report.stream_faults)}, {"sensors", sensors}};
 }
 
 }  // namespace shdtool

@@ -33,7 +33,7 @@ struct AuditReport {
 // Several lines, without the last line end.
 [[nodiscard]] std::string AuditText(const AuditReport& report);
 
-// {"ok": ..., "command": "audit", "faults": [...], "sensors": [...]}; times in ns.
-[[nodiscard]] Json AuditJson(const AuditReport& report);
+// {"faults": [...], "sensors": [...]}; times in ns.
+[[nodiscard]] Json AuditFields(const AuditReport& report);
 
 }  // namespace shdtool

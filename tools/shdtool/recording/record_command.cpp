@@ -1,26 +1,22 @@
-// shdtool record and shdtool replay: events into a file and out of it. Called by main.
+// shdtool record and shdtool replay: events into a file and out of it. Rows of the table of
+// commands.
 #include <fmt/core.h>
 
 #include <algorithm>
-#include <memory>
 #include <set>
 
-#include "tools/shdtool/commands.h"
+#include "tools/shdtool/command_table.h"
 #include "tools/shdtool/recording/record_file.h"
 #include "tools/shdtool/recording/record_replay.h"
-#include "tools/shdtool/sensor_argument.h"
 #include "tools/shdtool/watch/event_format.h"
 #include "tools/shdtool/watch/options.h"
 
 namespace shdtool {
 namespace {
 
-using shdclient::Result;
 using shdclient::Status;
 
 constexpr double kNsPerSec = 1e9;
-constexpr double kMinSpeed = 0.001;
-constexpr double kMaxSpeed = 1e6;
 
 // Writes what comes to the file, at least every tick.
 class Recorder final : public EventSink {
@@ -56,106 +52,92 @@ class Recorder final : public EventSink {
     int64_t last_ns_ = 0;
 };
 
-struct RecordRequest {
-    std::string path;
-    bool replace = false;
-    std::vector<int32_t> handles;
-};
-
-Result<Report> Record(const Context& context, const RecordRequest& request,
-                      const SamplingRequest& sampling, const WatchLimits& limits) {
-    auto writer = RecordWriter::Create(request.path, request.replace);
+Outcome Record(Context& context) {
+    const std::string path = context.arguments.Text("FILE");
+    const auto sensors = context.arguments.Sensors("SENSOR");
+    const auto sampling = SamplingOf(context.arguments, sensors);
+    if (!sampling) return sampling.error();
+    auto writer = RecordWriter::Create(path, context.arguments.Has("--force"));
     if (!writer) return writer.error();
     shdclient::WatchOptions options;
-    options.handles = request.handles;
+    options.handles = HandlesOf(sensors);
     Recorder recorder(*writer);
-    const auto end = WatchEvents(context, options, sampling, limits, recorder);
+    const auto end =
+        WatchEvents(context, options, *sampling, LimitsOf(context.arguments), recorder);
     if (!end) {
         writer->Discard();
         return end.error();
     }
-    Report report;
-    report.line = fmt::format("{}: {} samples of {} sensor{} in {}, {} bytes", request.path,
-                              end->samples, recorder.sensors(), recorder.sensors() == 1 ? "" : "s",
-                              FormatDuration(recorder.duration_ns()), writer->bytes());
-    report.fields = {{"file", request.path},
-                     {"samples", end->samples},
-                     {"sensors", recorder.sensors()},
-                     {"seconds", static_cast<double>(recorder.duration_ns()) / kNsPerSec},
-                     {"bytes", writer->bytes()}};
-    return report;
+    return Report{fmt::format("{}: {} samples of {} sensor{} in {}, {} bytes", path, end->samples,
+                              recorder.sensors(), recorder.sensors() == 1 ? "" : "s",
+                              FormatDuration(recorder.duration_ns()), writer->bytes()),
+                  {{"file", path},
+                   {"samples", end->samples},
+                   {"sensors", recorder.sensors()},
+                   {"seconds", static_cast<double>(recorder.duration_ns()) / kNsPerSec},
+                   {"bytes", writer->bytes()}}};
 }
 
-void AddRecord(CLI::App& app, Context& context) {
-    CLI::App* record = AddCommand(
-        app, "record",
-        "Write events and their arrival times to a file, until Ctrl-C; see replay and audit",
-        "  shdtool record walk.shdrec --seconds 60\n"
-        "  shdtool record acc.shdrec accelerometer --rate 100 --enable --count 1000");
-    auto request = std::make_shared<RecordRequest>();
-    record->add_option("FILE", request->path, "the file to be made")->required()->type_name("");
-    const SensorList sensors = AddSensorList(*record);
-    const auto limits = AddLimitOptions(*record);
-    const auto sampling = AddPeriodOptions(*record);
-    AddEnableOptions(*record, sampling);
-    record->add_flag("--force", request->replace, "Replace the file when it exists");
-    record->callback([&context, request, sensors, limits, sampling] {
-        CompleteSampling(*sampling, *sensors);
-        request->handles = HandlesOf(*sensors);
-        Run(context, "record", [&] { return Record(context, *request, *sampling, *limits); });
-    });
-}
-
-struct ReplayRequest {
-    std::string path;
-    ReplayOptions options;
-    bool fast = false;
-};
-
-Status Replay(const Context& context, const ReplayRequest& request, const ViewRequest& view,
-              const SamplingRequest& sampling, const WatchLimits& limits) {
-    auto reader = RecordReader::Open(request.path);
+Outcome Replay(Context& context) {
+    const auto sensors = context.arguments.Sensors("SENSOR");
+    const auto sampling = SamplingOf(context.arguments, sensors);
+    if (!sampling) return sampling.error();
+    auto reader = RecordReader::Open(context.arguments.Text("FILE"));
     if (!reader) return reader.error();
-    const auto sink = MakeView(context, view, sampling);
-    const auto end = ReplayEvents(*reader, request.options, limits, *sink);
+    auto view = MakeView(context, *sampling);
+    if (!view) return view.error();
+    const ReplayOptions options{HandlesOf(sensors), context.arguments.Has("--fast")
+                                                        ? 0
+                                                        : context.arguments.Number("--speed")};
+    const auto end = ReplayEvents(*reader, options, LimitsOf(context.arguments), **view);
+    view->reset();
     if (!end) return end.error();
     if (reader->damage()) return *reader->damage();
-    return shdclient::Success();
+    return Report{.text = "", .streamed = true};
 }
 
-void AddReplay(CLI::App& app, Context& context) {
-    CLI::App* replay =
-        AddCommand(app, "replay",
-                   "Show a recording as watch shows events, with their own times (needs no daemon)",
-                   "  shdtool replay walk.shdrec\n"
-                   "  shdtool replay walk.shdrec accelerometer --plot --speed 4\n"
-                   "  shdtool replay walk.shdrec --fast --csv > walk.csv");
-    AddTableLegend(*replay);
-    auto request = std::make_shared<ReplayRequest>();
-    replay->add_option("FILE", request->path, "a file that record has made")
-        ->required()
-        ->type_name("");
-    const SensorList sensors = AddSensorList(*replay);
-    CLI::Option* speed = replay->add_option("--speed", request->options.speed,
-                                            "Play so many times as fast as it was recorded (1)");
-    speed->check(Between(kMinSpeed, kMaxSpeed))->type_name("X");
-    replay->add_flag("--fast", request->fast, "Play without waiting")->excludes(speed);
-    const auto view = AddViewOptions(*replay);
-    const auto limits = AddLimitOptions(*replay);
-    const auto sampling = AddPeriodOptions(*replay);
-    replay->callback([&context, request, sensors, view, limits, sampling] {
-        request->options.handles = HandlesOf(*sensors);
-        if (request->fast) request->options.speed = 0;
-        const Status done = Replay(context, *request, *view, *sampling, *limits);
-        if (!done) Fail(context, "replay", done.error());
-    });
-}
+const cli::Options kFileToMake{
+    {.name = "FILE", .kind = cli::Kind::kNewFile, .help = "The file to be made", .required = true}};
+const cli::Options kRecordingFile{{.name = "FILE",
+                                   .kind = cli::Kind::kFile,
+                                   .help = "A file that record has made",
+                                   .required = true}};
+const cli::Options kForce{
+    {.name = "--force", .kind = cli::Kind::kFlag, .help = "Replace the file when it exists"}};
+const cli::Options kSpeed{
+    {.name = "--speed",
+     .kind = cli::Kind::kNumber,
+     .value = "X",
+     .help = "Play so many times as fast as it was recorded",
+     .min = 0.001,
+     .max = 1e6,
+     .standard = "1",
+     .excludes = "--fast"},
+    {.name = "--fast", .kind = cli::Kind::kFlag, .help = "Play without waiting"},
+};
 
 }  // namespace
 
-void AddRecordCommands(CLI::App& app, Context& context) {
-    AddRecord(app, context);
-    AddReplay(app, context);
+CommandRows RecordCommands() {
+    return {
+        {{"Events", "record",
+          "Write events and their arrival times to a file, until Ctrl-C; see replay and audit",
+          cli::Joined(
+              {kFileToMake, kSensorList, kLimitOptions, kPeriodOptions, kEnableOptions, kForce}),
+          "",
+          "shdtool record walk.shdrec --seconds 60\n"
+          "shdtool record acc.shdrec accelerometer --rate 100 --enable --count 1000"},
+         Record},
+        {{"Events", "replay",
+          "Show a recording as watch shows events, with their own times (needs no daemon)",
+          cli::Joined(
+              {kRecordingFile, kSensorList, kSpeed, kViewOptions, kLimitOptions, kPeriodOptions}),
+          kTableLegend,
+          "shdtool replay walk.shdrec\n"
+          "shdtool replay walk.shdrec accelerometer --plot --speed 4\n"
+          "shdtool replay walk.shdrec --fast --csv > walk.csv"},
+         Replay},
+    };
 }
 
 }  // namespace shdtool

@@ -8,8 +8,8 @@
 #include <cstring>
 #include <iterator>
 
+#include "tools/shdtool/command.h"
 #include "tools/shdtool/hex.h"
-#include "tools/shdtool/sensor_argument.h"
 #include "tools/shdtool/watch/event_format.h"
 
 namespace shdtool {
@@ -29,9 +29,9 @@ shdclient::Status WriteOut(std::string& text) {
 }
 
 Json ValuesOf(const DecodedEvent& event) {
-    Json values = Json::object();
+    Json values;
     for (size_t i = 0; i < event.value_count; ++i) {
-        values[std::string(event.sensor->axes[i].name)] = PlainNumber(event.all_values[i]);
+        values.Set(event.sensor->axes[i].name, PlainNumber(event.all_values[i]));
     }
     return values;
 }
@@ -71,19 +71,19 @@ void LinePrinter::Format(const WatchedEvent& event, std::string& out) {
 void JsonPrinter::Format(const WatchedEvent& event, std::string& out) {
     const DecodedEvent& decoded = event.decoded;
     Json object{{"event", decoded.flush_complete ? "flush-complete" : "sample"}};
-    object.update(SensorFields(*decoded.sensor));
-    if (!decoded.flush_complete) object["timestamp_ns"] = decoded.timestamp_ns;
-    object["arrival_ns"] = event.arrival_ns;
-    if (decoded.value_count > 0) object["values"] = ValuesOf(decoded);
-    if (decoded.byte_count > 0) object["bytes"] = FormatHex(decoded.bytes());
-    out += object.dump();
+    object.Merge(SensorFields(*decoded.sensor));
+    if (!decoded.flush_complete) object.Set("timestamp_ns", decoded.timestamp_ns);
+    object.Set("arrival_ns", event.arrival_ns);
+    if (decoded.value_count > 0) object.Set("values", ValuesOf(decoded));
+    if (decoded.byte_count > 0) object.Set("bytes", FormatHex(decoded.bytes()));
+    out += object.Text();
     out += '\n';
 }
 
 void JsonPrinter::OnChange(shdclient::WatchChange change, int64_t at_ns) {
     const bool lost = change == shdclient::WatchChange::kLost;
     const Json object{{"event", lost ? "disconnected" : "reconnected"}, {"arrival_ns", at_ns}};
-    Print(object.dump() + "\n");
+    Print(object.Text() + "\n");
 }
 
 CsvPrinter::CsvPrinter() {

@@ -5,7 +5,6 @@
 #include <poll.h>
 
 #include <algorithm>
-#include <cmath>
 #include <optional>
 #include <vector>
 
@@ -50,8 +49,7 @@ class Loop {
          const SamplingRequest& sampling, const WatchLimits& limits, EventSink& sink)
         : limits_(limits), sink_(sink), reader_(context.root, options) {
         if (!sampling.enable) return;
-        enabler_.emplace(context.root, milliseconds(std::llround(context.timeout_sec * 1000)),
-                         sampling);
+        enabler_.emplace(context.root, context.timeout(), sampling);
     }
 
     [[nodiscard]] shdclient::Result<WatchState> Run() {

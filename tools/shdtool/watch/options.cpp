@@ -1,6 +1,7 @@
-// Parses the shared options and makes the sink that they name. Called by the watching commands.
+// The shared options as rows, and what they ask for. Called by the watching commands.
 #include "tools/shdtool/watch/options.h"
 
+#include <algorithm>
 #include <cmath>
 
 #include "tools/shdtool/watch/lines.h"
@@ -9,160 +10,157 @@
 #include "tools/shdtool/watch/table.h"
 
 namespace shdtool {
-namespace {
 
-constexpr double kMaxCount = 1e9;
-constexpr double kMaxSeconds = 1e7;
-constexpr double kMinPeriodMs = 0.001;
-constexpr double kMaxPeriodMs = 3'600'000;
-constexpr double kMsPerSec = 1000;
-constexpr int32_t kMaxBatch = 100'000;
-constexpr double kMinWindowSec = 0.1;
-constexpr double kMaxWindowSec = 3600;
+using shdclient::SensorInfo;
 
-constexpr const char* kTableLegend =
+const char* const kTableLegend =
     "The table:\n"
     "  RATE     of the time stamps over the last 5 s\n"
-    "  ASKED    what --rate or --period says, for the daemon does not tell what it was asked for;\n"
-    "           without them, in brackets, what the time stamps seem to have (the median)\n"
+    "  ASKED    what --rate or --period says, for the daemon does not tell what it\n"
+    "           was asked for; without them, in brackets, what the time stamps seem\n"
+    "           to have\n"
     "  JITTER   standard deviation of the spacing\n"
     "  BATCH    samples that arrive together\n"
     "  AGE      time since the last sample arrived\n"
-    "  GAPS     spacings beyond 1.8 periods that the following samples do not make up for\n"
-    "A line: sensor, values with unit, time stamp since boot, spacing to the sensor's previous "
-    "one\n";
+    "  GAPS     spacings beyond 1.8 periods that the following samples do not make up\n"
+    "           for\n"
+    "A line: sensor, values with unit, time stamp since boot, spacing to the sensor's previous one";
 
-CLI::Option* AddFormatFlag(CLI::App& command, const std::shared_ptr<ViewRequest>& request,
-                           const std::string& name, ViewFormat format, const std::string& help) {
-    return command.add_flag_callback(
-        name, [request, format] { request->format = format; }, help);
-}
+const cli::Options kSensorList{
+    {.name = "SENSOR",
+     .kind = cli::Kind::kSensor,
+     .help = "Only these sensors, by name or handle; all when none is named",
+     .repeated = true}};
 
-ViewFormat FormatOf(const Context& context, const ViewRequest& request) {
-    if (context.json) {
-        if (request.format) throw CLI::ValidationError("--json", "excludes the other formats");
-        return ViewFormat::kJson;
+const cli::Options kViewOptions{
+    {.name = "--table",
+     .kind = cli::Kind::kFlag,
+     .help = "A table drawn in place (default on a terminal); elsewhere its last state",
+     .excludes = "--lines --csv --plot"},
+    {.name = "--lines",
+     .kind = cli::Kind::kFlag,
+     .help = "One line per event (default when the output is no terminal)",
+     .excludes = "--csv --plot"},
+    {.name = "--csv",
+     .kind = cli::Kind::kFlag,
+     .help = "Comma-separated values, with a heading; the values in the order of 'shdtool list'",
+     .excludes = "--plot"},
+    {.name = "--plot",
+     .kind = cli::Kind::kFlag,
+     .help = "A chart in the terminal, one strip per axis"},
+    {.name = "--window",
+     .kind = cli::Kind::kNumber,
+     .value = "SEC",
+     .help = "Seconds that the chart shows",
+     .min = 0.1,
+     .max = 3600,
+     .standard = "10"},
+};
+
+const cli::Options kLimitOptions{
+    {.name = "--count",
+     .kind = cli::Kind::kInteger,
+     .value = "N",
+     .help = "End after this many samples",
+     .min = 1,
+     .max = 1e9},
+    {.name = "--seconds",
+     .kind = cli::Kind::kNumber,
+     .value = "SEC",
+     .help = "End after this time",
+     .min = 0.001,
+     .max = 1e7},
+};
+
+const cli::Options kPeriodOptions{
+    {.name = "--period",
+     .kind = cli::Kind::kNumber,
+     .value = "MS",
+     .help = "Period in milliseconds that the samples are measured against; else the one that they "
+             "seem to have",
+     .min = 0.001,
+     .max = 3'600'000,
+     .excludes = "--rate"},
+    {.name = "--rate",
+     .kind = cli::Kind::kNumber,
+     .value = "HZ",
+     .help = "The same as a rate in Hz",
+     .min = 1.0 / 3600,
+     .max = 1e6},
+};
+
+const cli::Options kEnableOptions{
+    {.name = "--enable",
+     .kind = cli::Kind::kFlag,
+     .help = "Switch the named sensors on first, with the given period or rate (rounded to whole "
+             "milliseconds) and batch; they stay on"},
+    {.name = "--batch",
+     .kind = cli::Kind::kInteger,
+     .value = "N",
+     .help = "Samples that the MCU collects before it reports, with --enable",
+     .max = 100'000},
+};
+
+WatchLimits LimitsOf(const cli::Arguments& arguments) {
+    constexpr double kMsPerSec = 1000;
+    WatchLimits limits;
+    if (arguments.Has("--count")) {
+        limits.max_samples = static_cast<uint64_t>(arguments.Integer("--count"));
     }
-    if (!request.format) return IsTerminal() ? ViewFormat::kTable : ViewFormat::kLines;
-    if (*request.format == ViewFormat::kPlot && !IsTerminal()) {
-        throw CLI::ValidationError("--plot", "needs a terminal as standard output");
+    if (arguments.Has("--seconds")) {
+        const auto ms = std::llround(arguments.Number("--seconds") * kMsPerSec);
+        limits.duration = std::chrono::milliseconds(std::max(ms, 1LL));
     }
-    return *request.format;
-}
-
-}  // namespace
-
-std::shared_ptr<ViewRequest> AddViewOptions(CLI::App& command) {
-    auto request = std::make_shared<ViewRequest>();
-    const std::vector<CLI::Option*> formats{
-        AddFormatFlag(command, request, "--table", ViewFormat::kTable,
-                      "A table drawn in place (default on a terminal); elsewhere its last state"),
-        AddFormatFlag(command, request, "--lines", ViewFormat::kLines,
-                      "One line per event (default when the output is no terminal)"),
-        AddFormatFlag(command, request, "--csv", ViewFormat::kCsv,
-                      "Comma-separated values, with a heading; the values in the order of "
-                      "'shdtool list'"),
-        AddFormatFlag(command, request, "--plot", ViewFormat::kPlot,
-                      "A chart in the terminal, one strip per axis"),
-    };
-    for (CLI::Option* one : formats) {
-        for (CLI::Option* other : formats) {
-            if (one != other) one->excludes(other);
-        }
-    }
-    command.add_option("--window", request->window_sec, "Seconds that the chart shows (10)")
-        ->check(Between(kMinWindowSec, kMaxWindowSec))
-        ->type_name("SEC");
-    return request;
-}
-
-void AddTableLegend(CLI::App& command) {
-    command.footer(kTableLegend + command.get_footer());
-}
-
-std::shared_ptr<WatchLimits> AddLimitOptions(CLI::App& command) {
-    auto limits = std::make_shared<WatchLimits>();
-    command.add_option("--count", limits->max_samples, "End after this many samples")
-        ->check(Between(1, kMaxCount))
-        ->type_name("N");
-    command
-        .add_option_function<double>(
-            "--seconds",
-            [limits](double seconds) {
-                limits->duration =
-                    std::chrono::milliseconds(std::max(std::llround(seconds * kMsPerSec), 1LL));
-            },
-            "End after this time")
-        ->check(Between(0.001, kMaxSeconds))
-        ->type_name("SEC");
     return limits;
 }
 
-std::shared_ptr<SamplingRequest> AddPeriodOptions(CLI::App& command) {
-    auto sampling = std::make_shared<SamplingRequest>();
-    CLI::Option* period = command
-                              .add_option_function<double>(
-                                  "--period", [sampling](double ms) { sampling->period_ms = ms; },
-                                  "Period in milliseconds that the samples are measured against "
-                                  "(else their median spacing, or that of longer stretches where "
-                                  "they come in bursts)")
-                              ->check(Between(kMinPeriodMs, kMaxPeriodMs))
-                              ->type_name("MS");
-    command
-        .add_option_function<double>(
-            "--rate", [sampling](double hz) { sampling->period_ms = kMsPerSec / hz; },
-            "The same as a rate in Hz")
-        ->check(Between(kMsPerSec / kMaxPeriodMs, kMsPerSec / kMinPeriodMs))
-        ->type_name("HZ")
-        ->excludes(period);
+shdclient::Result<SamplingRequest> SamplingOf(const cli::Arguments& arguments,
+                                              const std::vector<const SensorInfo*>& sensors) {
+    constexpr double kMsPerSec = 1000;
+    SamplingRequest sampling;
+    sampling.period_ms = arguments.MaybeNumber("--period");
+    if (arguments.Has("--rate")) sampling.period_ms = kMsPerSec / arguments.Number("--rate");
+    if (arguments.Has("--batch")) {
+        sampling.batch = static_cast<int32_t>(arguments.Integer("--batch"));
+    }
+    sampling.enable = arguments.Has("--enable");
+    sampling.handles = HandlesOf(sensors);
+    if (sampling.batch && !(sampling.enable && sampling.period_ms)) {
+        return WrongUsage("--batch needs --enable and --period or --rate beside it");
+    }
+    if (sampling.enable && sensors.empty()) {
+        return WrongUsage("--enable needs the sensors to be named");
+    }
     return sampling;
 }
 
-void AddEnableOptions(CLI::App& command, const std::shared_ptr<SamplingRequest>& sampling) {
-    command.add_flag("--enable", sampling->enable,
-                     "Switch the named sensors on first, with the given period or rate (rounded "
-                     "to whole milliseconds) and batch; they stay on");
-    command
-        .add_option_function<int32_t>(
-            "--batch", [sampling](int32_t samples) { sampling->batch = samples; },
-            "Samples that the MCU collects before it reports, with --enable")
-        ->check(Between(0, kMaxBatch))
-        ->type_name("N");
-}
-
-void CompleteSampling(SamplingRequest& sampling,
-                      const std::vector<const shdclient::SensorInfo*>& sensors) {
-    if (sampling.batch && !(sampling.enable && sampling.period_ms)) {
-        throw CLI::ValidationError("--batch", "needs --enable and --period or --rate beside it");
-    }
-    if (sampling.enable && sensors.empty()) {
-        throw CLI::ValidationError("--enable", "needs the sensors to be named");
-    }
-    sampling.handles = HandlesOf(sensors);
-}
-
-std::vector<int32_t> HandlesOf(const std::vector<const shdclient::SensorInfo*>& sensors) {
+std::vector<int32_t> HandlesOf(const std::vector<const SensorInfo*>& sensors) {
     std::vector<int32_t> handles;
     handles.reserve(sensors.size());
     for (const auto* sensor : sensors) handles.push_back(sensor->handle);
     return handles;
 }
 
-std::unique_ptr<EventSink> MakeView(const Context& context, const ViewRequest& request,
-                                    const SamplingRequest& sampling) {
-    switch (FormatOf(context, request)) {
-        case ViewFormat::kTable:
-            return std::make_unique<TableView>(sampling.asked_ns());
-        case ViewFormat::kLines:
-            return std::make_unique<LinePrinter>();
-        case ViewFormat::kJson:
-            return std::make_unique<JsonPrinter>();
-        case ViewFormat::kCsv:
-            return std::make_unique<CsvPrinter>();
-        case ViewFormat::kPlot:
-            return std::make_unique<PlotView>(request.window_sec);
+shdclient::Result<std::unique_ptr<EventSink>> MakeView(const Context& context,
+                                                       const SamplingRequest& sampling) {
+    using View = std::unique_ptr<EventSink>;
+    const cli::Arguments& arguments = context.arguments;
+    const bool terminal = IsTerminal();
+    const bool plot = arguments.Has("--plot");
+    const bool csv = arguments.Has("--csv");
+    const bool lines = arguments.Has("--lines");
+    const bool table = arguments.Has("--table");
+    if (context.json) {
+        if (plot || csv || lines || table) {
+            return WrongUsage("--json excludes the other formats");
+        }
+        return View(std::make_unique<JsonPrinter>());
     }
-    return nullptr;
+    if (plot && !terminal) return WrongUsage("--plot needs a terminal as standard output");
+    if (plot) return View(std::make_unique<PlotView>(arguments.Number("--window")));
+    if (csv) return View(std::make_unique<CsvPrinter>());
+    if (lines || (!table && !terminal)) return View(std::make_unique<LinePrinter>());
+    return View(std::make_unique<TableView>(sampling.asked_ns()));
 }
 
 }  // namespace shdtool

@@ -1,41 +1,38 @@
-// shdtool watch: shows events as they come. Called by main.
-#include <memory>
-
-#include "tools/shdtool/commands.h"
-#include "tools/shdtool/sensor_argument.h"
+// shdtool watch: shows events as they come. A row of the table of commands.
+#include "tools/shdtool/command_table.h"
 #include "tools/shdtool/watch/options.h"
 
 namespace shdtool {
 namespace {
 
-constexpr const char* kExamples =
-    "  shdtool watch\n"
-    "  shdtool watch accelerometer --rate 50 --batch 10 --enable\n"
-    "  shdtool watch accelerometer gyroscope --plot --window 5\n"
-    "  shdtool watch accelerometer --lines --count 100\n"
-    "  shdtool watch --csv --seconds 60 > events.csv";
+Outcome Watch(Context& context) {
+    const auto sensors = context.arguments.Sensors("SENSOR");
+    const auto sampling = SamplingOf(context.arguments, sensors);
+    if (!sampling) return sampling.error();
+    auto view = MakeView(context, *sampling);
+    if (!view) return view.error();
+    shdclient::WatchOptions options;
+    options.handles = HandlesOf(sensors);
+    const auto end = WatchEvents(context, options, *sampling, LimitsOf(context.arguments), **view);
+    view->reset();  // gives the terminal back before anything is said
+    if (!end) return end.error();
+    return Report{.text = "", .streamed = true};
+}
 
 }  // namespace
 
-void AddWatchCommand(CLI::App& app, Context& context) {
-    CLI::App* watch = AddCommand(
-        app, "watch",
-        "Show events as they come, until Ctrl-C; the daemon may come and go meanwhile", kExamples);
-    AddTableLegend(*watch);
-    const SensorList sensors = AddSensorList(*watch);
-    const auto view = AddViewOptions(*watch);
-    const auto limits = AddLimitOptions(*watch);
-    const auto sampling = AddPeriodOptions(*watch);
-    AddEnableOptions(*watch, sampling);
-    watch->callback([&context, sensors, view, limits, sampling] {
-        CompleteSampling(*sampling, *sensors);
-        shdclient::WatchOptions options;
-        options.handles = HandlesOf(*sensors);
-        auto sink = MakeView(context, *view, *sampling);
-        const auto end = WatchEvents(context, options, *sampling, *limits, *sink);
-        sink.reset();  // gives the terminal back before anything is said
-        if (!end) Fail(context, "watch", end.error());
-    });
+CommandRows WatchCommands() {
+    return {
+        {{"Events", "watch",
+          "Show events as they come, until Ctrl-C; the daemon may come and go meanwhile",
+          cli::Joined({kSensorList, kViewOptions, kLimitOptions, kPeriodOptions, kEnableOptions}),
+          kTableLegend,
+          "shdtool watch\n"
+          "shdtool watch accelerometer --rate 50 --batch 10 --enable\n"
+          "shdtool watch accelerometer gyroscope --plot --window 5\n"
+          "shdtool watch accelerometer --lines --count 100\n"
+          "shdtool watch --csv --seconds 60 > events.csv"},
+         Watch}};
 }
 
 }  // namespace shdtool

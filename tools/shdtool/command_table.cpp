@@ -1,0 +1,56 @@
+// Puts the rows of all commands together, and the options that all of them understand. Called by
+// main and by the completion command.
+#include "tools/shdtool/command_table.h"
+
+namespace shdtool {
+namespace {
+
+const cli::Options kGlobalOptions{
+    {.name = "--root",
+     .kind = cli::Kind::kDirectory,
+     .value = "DIR",
+     .help = "Directory tree of the daemon; default: SHD_ROOT, else the device's own"},
+    {.name = "--json", .kind = cli::Kind::kFlag, .help = "Print one JSON object instead of text"},
+    {.name = "--timeout",
+     .kind = cli::Kind::kNumber,
+     .value = "SEC",
+     .help = "Longest wait for a reply in seconds",
+     .min = 0.001,
+     .max = 86'400,
+     .standard = "15"},
+};
+
+constexpr const char* kDetails =
+    "Exit status: 0 success, 1 the hub or the MCU refused or a check failed, 2 wrong usage or a "
+    "file that is not what it should be, 3 no daemon there.";
+
+}  // namespace
+
+const CommandRows& AllCommands() {
+    static const CommandRows rows = [] {
+        CommandRows all;
+        for (auto* family : {StatusCommands, ListCommands, WatchCommands, RecordCommands,
+                             AuditCommands, SensorCommands, FlushCommands, McuCommands, RawCommands,
+                             DumpCommands, RawLogCommands, ImageCommands, CompletionCommands}) {
+            for (Command& row : family()) all.push_back(std::move(row));
+        }
+        return all;
+    }();
+    return rows;
+}
+
+const cli::Program& ThisProgram() {
+    static const cli::Program program = [] {
+        cli::Program made{"shdtool",
+                          "talks to shd, the sensor-hub daemon, over its local sockets",
+                          kGlobalOptions,
+                          kDetails,
+                          "shdtool enable accelerometer --rate 50 && shdtool watch accelerometer",
+                          {}};
+        for (const Command& row : AllCommands()) made.commands.push_back(row.line);
+        return made;
+    }();
+    return program;
+}
+
+}  // namespace shdtool

@@ -1,0 +1,66 @@
+// JSON by way of nlohmann's library, which no other file of shdtool includes. Called by everything
+// that answers with --json.
+#include "tools/shdtool/json.h"
+
+#include <nlohmann/json.hpp>
+#include <utility>
+
+namespace shdtool {
+
+struct Json::Value {
+    nlohmann::ordered_json json;
+};
+
+Json::Json() : value_(std::make_unique<Value>()) {}
+Json::Json(double number) : value_(std::make_unique<Value>(Value{number})) {}
+Json::Json(std::string_view text) : value_(std::make_unique<Value>(Value{text})) {}
+Json::Json(std::initializer_list<Field> fields) : Json() {
+    value_->json = nlohmann::ordered_json::object();
+    for (const Field& field : fields) Set(field.name, field.value);
+}
+Json::Json(const Json& other) : value_(std::make_unique<Value>(*other.value_)) {}
+Json::Json(Json&& other) noexcept = default;
+Json& Json::operator=(Json other) noexcept {
+    value_ = std::move(other.value_);
+    return *this;
+}
+Json::~Json() = default;
+
+Json Json::List() {
+    Json list;
+    list.value_->json = nlohmann::ordered_json::array();
+    return list;
+}
+
+Json& Json::Set(std::string_view name, Json value) {
+    value_->json[std::string(name)] = std::move(value.value_->json);
+    return *this;
+}
+
+Json& Json::Merge(const Json& other) {
+    if (!other.value_->json.is_null()) value_->json.update(other.value_->json);
+    return *this;
+}
+
+Json& Json::Add(Json value) {
+    value_->json.push_back(std::move(value.value_->json));
+    return *this;
+}
+
+std::string Json::Text() const {
+    return value_->json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+}
+
+void Json::SetBool(bool value) {
+    value_ = std::make_unique<Value>(Value{value});
+}
+
+void Json::SetSigned(int64_t value) {
+    value_ = std::make_unique<Value>(Value{value});
+}
+
+void Json::SetUnsigned(uint64_t value) {
+    value_ = std::make_unique<Value>(Value{value});
+}
+
+}  // namespace shdtool
