@@ -26,7 +26,11 @@ endif()
 
 if(SHD_HARDEN)
   set(CMAKE_POSITION_INDEPENDENT_CODE ON)
-  add_compile_options(-fstack-protector-strong -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
+  # Position-independent code may be put into a shared library, where any function could be replaced
+  # from outside; without the first flag g++ therefore inlines none that a file exports, and the
+  # frame decoder takes twice its time.
+  add_compile_options(-fno-semantic-interposition -fstack-protector-strong
+    -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
   add_link_options(-pie -Wl,-z,relro,-z,now)
 endif()
 
