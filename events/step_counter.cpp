@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "core/hub/debug_flag.h"
+#include "core/hub/sensor_hub.h"
 #include "events/event_stamp.h"
 #include "mcu_link/exchange/reboot_trigger.h"
 #include "mcu_link/line.h"
@@ -14,6 +15,7 @@ using namespace shd;
 namespace {
 
 constexpr char kLogTag[] = "shd";
+constexpr int32_t kLongRun = 10'000;  // more steps than a day has between two reports
 constexpr int64_t kSignificantMotionPauseNs = 10'000'000'000;
 
 bool IsDetectorOn() EXCLUDES(g_sensor_state_mutex) {
@@ -27,8 +29,10 @@ void SendDetectedSteps(SensorHub* hub, uint32_t value, int64_t timestamp) {
     SetDataSlot(&event, 0, 1.0F);
     const auto steps = static_cast<int32_t>(value - g_step_history.last_step);
     for (int32_t i = 0; i < steps; ++i) {
-        // A jump of the count makes a long run, whose end nobody must have to wait for.
+        // A jump of the count makes a long run, whose end nobody must have to wait for: a reply
+        // that is not read in time would make a healthy MCU look silent.
         if (!IsDetectorOn() || g_line.hold_requested()) return;
+        if (i >= kLongRun && hub->replies_awaited != 0) return;
         SendEvent(hub, event);
     }
 }

@@ -14,6 +14,6 @@ struct StepHistory {
 extern StepHistory g_step_history;
 
 // Turns one step-counter report that arrived at now (ns) into events. A run of step-detector events
-// ends early when the detector is switched off or when another thread asks for the line. Reader
-// thread.
+// ends early when the detector is switched off or when another thread asks for the line, and beyond
+// 10,000 events when one waits for a reply. Reader thread.
 void ProcessStepCount(SensorHub* hub, uint32_t mcu_step, int64_t now);

@@ -1,5 +1,5 @@
-// The header of the MCU's firmware image /system/bin/mcu.bin. The daemon's updater reads it; whoever
-// builds or examines images includes it.
+// The header of the MCU's firmware image /system/bin/mcu.bin. The daemon's updater reads it;
+// whoever builds or examines images includes it.
 #pragma once
 
 #include <bit>

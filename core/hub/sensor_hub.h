@@ -41,6 +41,10 @@ class SensorHub final : public McuEventSink {
     DataServer* data_server = nullptr;
     ControlServer* control_server = nullptr;
 
+    // Requests that have gone out and whose reply has not been taken; written by whichever thread
+    // sends.
+    std::atomic<int32_t> replies_awaited{0};
+
     // Consecutive failures of the exchange; written by whichever thread sends.
     std::atomic<int32_t> error_count{0};
 };

@@ -23,11 +23,24 @@ bool CountFailure(SensorHub* hub, int32_t limit) {
     return true;
 }
 
+// Says that a reply is awaited, for as long as it lives.
+class AwaitedReply {
+  public:
+    explicit AwaitedReply(SensorHub* hub) : hub_(hub) { ++hub_->replies_awaited; }
+    ~AwaitedReply() { --hub_->replies_awaited; }
+    AwaitedReply(const AwaitedReply&) = delete;
+    AwaitedReply& operator=(const AwaitedReply&) = delete;
+
+  private:
+    SensorHub* hub_;
+};
+
 }  // namespace
 
 int SendSensorMsgAndWait(SensorHub* hub, const McuPacket& packet, McuMessagePtr* reply,
                          int timeout_sec) {
     if (reply == nullptr) return -1;
+    const AwaitedReply awaited(hub);
 
     if (hub->serial_port->Write(packet.frame, packet.frame_len) < 0) {
         if (CountFailure(hub, kWriteFailureLimit)) {

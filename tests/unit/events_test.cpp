@@ -212,6 +212,7 @@ TEST_F(EventTest, StepCountGoesOnAcrossRebootsAndDrivesTheDetector) {
 TEST_F(EventTest, RunOfDetectedStepsEndsForWhoeverNeedsTheReader) {
     std::atomic<bool> done = false;
     const std::function<void()> needs[] = {
+        [this] { ++hub.replies_awaited; },
         [] {
             const MutexLock lock(g_sensor_state_mutex);
             StateOf(18).virtual_enable = 0;
@@ -241,7 +242,8 @@ TEST_F(EventTest, RunOfDetectedStepsEndsForWhoeverNeedsTheReader) {
         reader.join();
         asking.join();
         EXPECT_EQ(last.sensor, 19);  // the step event follows all the same
-        Report(48, "00 00 00 00");   // back to where the next jump begins
+        hub.replies_awaited = 0;
+        Report(48, "00 00 00 00");  // back to where the next jump begins
         (void)TakeEvents();
     }
 }
