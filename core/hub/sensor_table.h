@@ -1,38 +1,16 @@
-// The sensors: which MCU sensor stands behind each handle that clients use, and what the daemon
-// remembers of each between requests and reports.
+// What the daemon remembers of each sensor between requests and reports, beside the map of the
+// sensors. Used by the commands, the events and the recovery.
 #pragma once
 
 #include <array>
 #include <cstdint>
 
+#include "core/hub/sensor_map.h"
 #include "platform/mutex.h"
 #include "protocol/sensors.h"
 
-enum McuSensorId : int32_t {
-    kMcuAccelerometer = 16,
-    kMcuGyroscope = 17,
-    kMcuPressure = 22,
-    kMcuRawRecord = 23,
-    kMcuLinearAcceleration = 32,
-    kMcuGravity = 33,
-    kMcuRotationVector = 35,
-    kMcuStepCounter = 48,
-    kMcuHeartRate = 50,
-    kMcuWristTilt = 51,
-    kMcuMotionHealth = 64,
-    kMcuVirtualSensor = 255,  // derived by the daemon from the step counter
-    kMcuNoSensor = -1,
-};
-
-// The MCU sensor id of a handle; kMcuVirtualSensor or kMcuNoSensor where there is none. Any value
-// may be passed; every handle with an id lies in 0..27.
-[[nodiscard]] int32_t GetMcuSensorId(int32_t handle);
-
 // Bytes of the calibration parameter of an MCU sensor: 6, 4, or 0 for sensors without one.
 [[nodiscard]] size_t McuParameterSize(int32_t mcu_sensor_id);
-
-// Whether a recovery switches the sensor of a handle on again when it was on.
-[[nodiscard]] bool IsRestoredAfterReboot(int32_t handle);
 
 struct SensorState {
     int32_t enable;          // 1 while a client has the sensor activated

@@ -1,0 +1,63 @@
+// Folds a log: the lines of each recovery and of each firmware update become one episode. Used by
+// the log command; needs no daemon.
+#pragma once
+
+#include <list>
+#include <map>
+#include <optional>
+#include <string>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include "tools/shdtool/log/recovery_fold.h"
+#include "tools/shdtool/log/update_fold.h"
+
+namespace shdtool {
+
+using LogItem = std::variant<LogLine, Episode>;
+
+// One log, line by line; one thread.
+class LogFolder {
+  public:
+    // hold: lines behind the beginning of an episode wait for its end, so that the episode stands
+    // where it began. Else it is delivered twice, when it begins and when it has ended.
+    explicit LogFolder(bool hold) : hold_(hold) {}
+
+    // Takes the next line of the daemon.
+    void Add(const LogLine& line);
+    // The log ends here; an episode that has not ended stays one that is running.
+    void End();
+    // What is known by now, in its order; the rest waits for more lines.
+    [[nodiscard]] std::vector<LogItem> Take();
+
+  private:
+    struct Slot {
+        LogItem item;
+        bool open = false;  // an episode that goes on
+        bool announced = false;
+    };
+    template <typename Fold>
+    struct Open {
+        Fold fold;
+        std::list<Slot>::iterator slot;
+    };
+
+    template <typename Fold>
+    Fate Feed(std::optional<Open<Fold>>& open, const LogLine& line);
+    template <typename Fold, typename Why>
+    void Begin(std::optional<Open<Fold>>& open, const LogLine& line, const Why& why);
+    template <typename Fold>
+    void Abandon(std::optional<Open<Fold>>& open);
+    void FollowProcess(const LogLine& line);
+
+    const bool hold_;
+    std::list<Slot> slots_;
+    std::optional<Open<RecoveryFold>> recovery_;
+    std::optional<Open<UpdateFold>> update_;
+    int32_t pid_ = 0;
+    std::string update_cause_;
+    std::map<int32_t, std::pair<LogLine, std::string>> timed_out_;  // each thread's last request
+};
+
+}  // namespace shdtool
