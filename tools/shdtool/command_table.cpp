@@ -29,9 +29,10 @@ constexpr const char* kDetails =
 const CommandRows& AllCommands() {
     static const CommandRows rows = [] {
         CommandRows all;
-        for (auto* family : {StatusCommands, ListCommands, WatchCommands, RecordCommands,
-                             AuditCommands, SensorCommands, FlushCommands, McuCommands, RawCommands,
-                             DumpCommands, RawLogCommands, ImageCommands, CompletionCommands}) {
+        for (auto* family :
+             {StatusCommands, ClientsCommands, ListCommands, WatchCommands, RecordCommands,
+              AuditCommands, SensorCommands, FlushCommands, McuCommands, RawCommands, LogCommands,
+              DumpCommands, RawLogCommands, ImageCommands, CompletionCommands}) {
             for (Command& row : family()) all.push_back(std::move(row));
         }
         return all;

@@ -13,6 +13,7 @@ using CommandRows = std::vector<Command>;
 
 // Each in the file of that name; all rows of one family have one heading.
 [[nodiscard]] CommandRows StatusCommands();
+[[nodiscard]] CommandRows ClientsCommands();
 [[nodiscard]] CommandRows ListCommands();
 [[nodiscard]] CommandRows WatchCommands();
 [[nodiscard]] CommandRows RecordCommands();
@@ -21,6 +22,7 @@ using CommandRows = std::vector<Command>;
 [[nodiscard]] CommandRows FlushCommands();
 [[nodiscard]] CommandRows McuCommands();
 [[nodiscard]] CommandRows RawCommands();
+[[nodiscard]] CommandRows LogCommands();
 [[nodiscard]] CommandRows DumpCommands();
 [[nodiscard]] CommandRows RawLogCommands();
 [[nodiscard]] CommandRows ImageCommands();

@@ -3,12 +3,17 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <array>
 
 namespace shdtool {
 namespace {
 
 using Parts = std::vector<std::string>;
+
+std::string Seconds(int64_t milliseconds) {
+    return fmt::format("{:.1f} s", static_cast<double>(milliseconds) / 1000);
+}
 
 void AddSensors(Parts& parts, std::string_view what, const std::vector<int32_t>& handles) {
     if (!handles.empty()) parts.push_back(fmt::format("{}: {}", what, NamesOf(handles, ", ")));
@@ -44,13 +49,14 @@ void AddUpdate(Parts& parts, const Episode& episode) {
 
 }  // namespace
 
+void Episode::Extend(const LogLine& line) {
+    end_stamp = line.stamp;
+    duration_ms = std::max<int64_t>(ElapsedMs(first, line), 0);
+}
+
 std::string_view EpisodeName(EpisodeKind kind) {
     constexpr std::array<std::string_view, 3> kNames{"start", "recovery", "update"};
     return kNames[static_cast<size_t>(kind)];
-}
-
-std::string FormatDuration(int64_t milliseconds) {
-    return fmt::format("{:.1f} s", static_cast<double>(milliseconds) / 1000);
 }
 
 std::string Describe(const Episode& episode) {
@@ -58,10 +64,10 @@ std::string Describe(const Episode& episode) {
     if (episode.running && episode.duration_ms == 0) {
         head += " begins";
     } else if (episode.running) {
-        head += fmt::format(" has not ended after {}", FormatDuration(episode.duration_ms));
+        head += fmt::format(" has not ended after {}", Seconds(episode.duration_ms));
     } else if (episode.kind != EpisodeKind::kStart) {
         head += fmt::format(" {} {}", episode.ok() ? "in" : "FAILED after",
-                            FormatDuration(episode.duration_ms));
+                            Seconds(episode.duration_ms));
     }
     Parts parts;
     if (!episode.failure.empty()) parts.push_back(episode.failure);

@@ -19,7 +19,8 @@ enum class EpisodeKind : uint8_t {
 
 struct Episode {
     EpisodeKind kind = EpisodeKind::kStart;
-    LogLine first;  // time, process and thread of its beginning
+    LogLine first;          // time, process and thread of its beginning
+    std::string end_stamp;  // of its last line
     int64_t duration_ms = 0;
     bool running = false;  // it has begun; its end has not been read
     std::string cause;     // in words, empty when the log does not tell
@@ -40,6 +41,9 @@ struct Episode {
     bool block_exact = false;  // else estimated from the time that the line took
     bool erased = false;       // the MCU's old firmware is gone
 
+    // It goes on until this line.
+    void Extend(const LogLine& line);
+
     [[nodiscard]] bool ok() const { return failure.empty(); }
 };
 
@@ -55,8 +59,5 @@ enum class Fate : uint8_t {
 
 // One line: what happened, how long it took, why, what came back and what did not.
 [[nodiscard]] std::string Describe(const Episode& episode);
-
-// "0.3 s".
-[[nodiscard]] std::string FormatDuration(int64_t milliseconds);
 
 }  // namespace shdtool

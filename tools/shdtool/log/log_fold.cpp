@@ -51,6 +51,7 @@ void LogFolder::FollowProcess(const LogLine& line) {
         Abandon(recovery_);
         Episode start;
         start.first = line;
+        start.end_stamp = line.stamp;
         start.cause = fmt::format("the daemon is process {} now, it was {}", line.pid, pid_);
         slots_.push_back({std::move(start)});
         timed_out_.clear();
@@ -77,7 +78,7 @@ void LogFolder::Add(const LogLine& line) {
     if (std::string request = RecoveryFold::TimedOutRequest(line.text); !request.empty()) {
         timed_out_[line.tid] = {line, std::move(request)};
     }
-    slots_.push_back({line});
+    Pass(line);
 }
 
 void LogFolder::End() {

@@ -26,6 +26,8 @@ class LogFolder {
 
     // Takes the next line of the daemon.
     void Add(const LogLine& line);
+    // A line that belongs to no episode and stands in its place.
+    void Pass(const LogLine& line) { slots_.push_back({line}); }
     // The log ends here; an episode that has not ended stays one that is running.
     void End();
     // What is known by now, in its order; the rest waits for more lines.

@@ -68,6 +68,7 @@ RecoveryFold::RecoveryFold(const LogLine& first, const std::string& earlier)
       thread_(IsThreadsFirst(first.text) ? first.tid : 0) {
     episode_.kind = EpisodeKind::kRecovery;
     episode_.first = first;
+    episode_.Extend(first);
     episode_.running = true;
     episode_.cause = CauseOf(first.text);
     if (by_timeout_ && !earlier.empty()) episode_.unanswered.push_back(earlier);
@@ -79,7 +80,7 @@ Fate RecoveryFold::Add(const LogLine& line) {
     }
     const Fate fate = AddOf(line);
     if (fate != Fate::kOther) {
-        episode_.duration_ms = std::max<int64_t>(ElapsedMs(episode_.first, line), 0);
+        episode_.Extend(line);
     }
     return fate;
 }

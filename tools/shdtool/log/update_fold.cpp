@@ -70,6 +70,7 @@ std::string UpdateFold::CauseOf(const std::string& text) {
 UpdateFold::UpdateFold(const LogLine& first, const std::string& cause) {
     episode_.kind = EpisodeKind::kUpdate;
     episode_.first = first;
+    episode_.Extend(first);
     episode_.running = true;
     episode_.cause = cause;
 }
@@ -78,7 +79,7 @@ Fate UpdateFold::Add(const LogLine& line) {
     if (line.tid != episode_.first.tid || line.tag != "update_mcu") return Fate::kOther;
     const std::string& text = line.text;
     const auto is = [&text](std::string_view words) { return text.starts_with(words); };
-    episode_.duration_ms = std::max<int64_t>(ElapsedMs(episode_.first, line), 0);
+    episode_.Extend(line);
 
     if (is("mcu_update ok!")) return End(line, "");
     if (is("mcu_init error!")) return End(line, "bootloader");

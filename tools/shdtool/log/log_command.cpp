@@ -1,0 +1,149 @@
+// shdtool log: the daemon's log with sensor names, filters, and recoveries and updates as one line
+// each. A row of the table of commands; it needs no daemon.
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+
+#include "tools/shdtool/command_table.h"
+#include "tools/shdtool/log/log_input.h"
+#include "tools/shdtool/log/log_view.h"
+
+namespace shdtool {
+namespace {
+
+using shdclient::Error;
+using shdclient::ErrorCode;
+using shdclient::Result;
+
+LogFilter FilterOf(const cli::Arguments& arguments) {
+    LogFilter filter;
+    filter.tags = arguments.All("--tag");
+    filter.level = arguments.Text("--level").front();
+    for (const auto* sensor : arguments.Sensors("--sensor")) {
+        filter.sensors.push_back(sensor->handle);
+    }
+    filter.at = arguments.Text("--at");
+    filter.episodes_only = arguments.Has("--summary");
+    return filter;
+}
+
+// Prints what a log says, line by line.
+class LogPrinter {
+  public:
+    explicit LogPrinter(const Context& context)
+        : json_(context.json),
+          fold_(!context.arguments.Has("--all")),
+          filter_(FilterOf(context.arguments)),
+          folder_(!context.arguments.Has("--follow")) {}
+
+    void Add(std::string_view text) {
+        if (std::optional<LogLine> line = ParseLogLine(text)) {
+            if (!IsDaemonTag(line->tag)) return;
+            of_daemon_ = true;
+            fold_ ? folder_.Add(*line) : Print(*line);
+        } else if (!IsLogNoise(text)) {
+            LogLine other;
+            other.text = text;
+            folder_.Pass(other);
+        }
+        PrintAll();
+    }
+    void End() {
+        folder_.End();
+        PrintAll();
+    }
+    // Whether there was any line of the daemon.
+    [[nodiscard]] bool of_daemon() const { return of_daemon_; }
+
+  private:
+    void PrintAll() {
+        for (const LogItem& item : folder_.Take()) Print(item);
+    }
+    void Print(const LogItem& item) const {
+        if (!filter_.Wants(item)) return;
+        fmt::print("{}\n", json_ ? JsonOf(item).Text() : TextOf(item, style_));
+    }
+
+    const bool json_;
+    const bool fold_;
+    const LogFilter filter_;
+    const OutputStyle style_ = StandardOutputStyle();
+    LogFolder folder_;
+    bool of_daemon_ = false;
+};
+
+Outcome ShowLog(Context& context) {
+    const std::string path = context.arguments.Text("FILE");
+    if (path == "-" && isatty(STDIN_FILENO) == 1) {
+        return WrongUsage("log: name the file that the daemon's standard error goes to, or pipe it "
+                          "in: logcat -v threadtime | shdtool log");
+    }
+    Result<LogInput> input = LogInput::Open(path, context.arguments.Has("--follow"));
+    if (!input) return input.error();
+    LogPrinter printer(context);
+    input->Read([&printer](std::string_view line) { printer.Add(line); },
+                [] { (void)std::fflush(stdout); });
+    printer.End();
+    if (!printer.of_daemon()) {
+        return Error{ErrorCode::kInvalidArgument,
+                     fmt::format("{} holds no line of shd's log, as logcat -v threadtime and shd's "
+                                 "standard error have them",
+                                 path == "-" ? "standard input" : path)};
+    }
+    return Report{.text = "", .streamed = true};
+}
+
+}  // namespace
+
+CommandRows LogCommands() {
+    return {{{"Files",
+              "log",
+              "Show the daemon's log, each recovery and each firmware update as one line",
+              {{.name = "FILE",
+                .kind = cli::Kind::kFile,
+                .help = "The daemon's standard error in a file, or -: standard input",
+                .standard = "-"},
+               {.name = "-f,--follow",
+                .kind = cli::Kind::kFlag,
+                .help = "Go on as the file grows, is cut short or is replaced"},
+               {.name = "--summary",
+                .kind = cli::Kind::kFlag,
+                .help = "Only recoveries, updates and restarts of the daemon",
+                .excludes = "--all"},
+               {.name = "--all",
+                .kind = cli::Kind::kFlag,
+                .help = "Every line of recoveries and updates"},
+               {.name = "--at",
+                .value = "TIME",
+                .help = "Only what begins with this time or was going on then: 04:31 or "
+                        "\"11-23 04\""},
+               {.name = "--level",
+                .kind = cli::Kind::kChoice,
+                .value = "LEVEL",
+                .help = "Only this level and above: V, D, I, W or E",
+                .standard = "V",
+                .words = "V D I W E"},
+               {.name = "--tag",
+                .kind = cli::Kind::kChoice,
+                .value = "TAG",
+                .help = "Only this tag (shd, shd_hdlc, shd_serial, update_mcu, mcu); may be repeated",
+                .words = "shd shd_hdlc shd_serial update_mcu mcu",
+                .repeated = true},
+               {.name = "--sensor",
+                .kind = cli::Kind::kSensor,
+                .value = "SENSOR",
+                .help = "Only lines that name this sensor; may be repeated",
+                .repeated = true}},
+              "A recovery is told with its cause, its length, and the sensors that are on again or "
+              "not; an update with its cause, its length and the block at which it failed. The log "
+              "counts no blocks: \"about\" means that the time tells. With --json each line is an "
+              "object of its own.",
+              "shdtool log shd.log --summary\n"
+              "shdtool log shd.log --at 04:31\n"
+              "adb logcat -v threadtime | shdtool log --follow --level W"},
+             ShowLog}};
+}
+
+}  // namespace shdtool

@@ -1,0 +1,38 @@
+// The lines of a log file, or of standard input, also while they are being written. Used by the log
+// command.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <string_view>
+
+#include "platform/unique_fd.h"
+#include "tools/client/result.h"
+
+namespace shdtool {
+
+class LogInput {
+  public:
+    // path: "-" is standard input. Fails as OpenToRead (file_io.h), but an empty file may be
+    // followed.
+    [[nodiscard]] static shdclient::Result<LogInput> Open(const std::string& path, bool follow);
+
+    // Hands over each line without its end, and calls pause whenever nothing more is there for now.
+    // Returns at the end; that of a followed file never comes: one that is cut short is read from
+    // its beginning, one that another has taken the place of goes on with that. Standard input ends
+    // in any case.
+    void Read(const std::function<void(std::string_view)>& line, const std::function<void()>& pause);
+
+  private:
+    LogInput(UniqueFd fd, std::string path, bool follow)
+        : fd_(std::move(fd)), path_(std::move(path)), follow_(follow) {}
+
+    void FollowChange();
+
+    UniqueFd fd_;
+    std::string path_;
+    bool follow_;
+    std::string partial_;  // a line that has not ended
+};
+
+}  // namespace shdtool
