@@ -3,6 +3,7 @@
 set(SHD_SANITIZE "" CACHE STRING "Sanitizers to build with, e.g. address,undefined")
 option(SHD_HARDEN "Hardening flags of a release build" OFF)
 option(SHD_FUZZ "Build the libFuzzer targets (clang only)" OFF)
+option(SHD_ANDROID_LIBS "Android's own log, sockets and clock, as Debian packages them" OFF)
 
 add_library(shd_flags INTERFACE)
 target_compile_features(shd_flags INTERFACE cxx_std_20)
@@ -38,8 +39,16 @@ endif()
 add_library(shd_daemon_flags INTERFACE)
 target_link_libraries(shd_daemon_flags INTERFACE shd_flags Threads::Threads)
 target_compile_options(shd_daemon_flags INTERFACE -fno-exceptions -fno-rtti)
-target_include_directories(shd_daemon_flags INTERFACE
-  ${PROJECT_SOURCE_DIR}/platform/host/include)
+if(SHD_ANDROID_LIBS)
+  # Debian's packages have everything but the properties, so their header alone stays ours.
+  configure_file(${PROJECT_SOURCE_DIR}/platform/host/include/cutils/properties.h
+    ${PROJECT_BINARY_DIR}/properties/cutils/properties.h COPYONLY)
+  target_include_directories(shd_daemon_flags INTERFACE ${PROJECT_BINARY_DIR}/properties)
+  target_include_directories(shd_daemon_flags SYSTEM INTERFACE /usr/include/android)
+else()
+  target_include_directories(shd_daemon_flags INTERFACE
+    ${PROJECT_SOURCE_DIR}/platform/host/include)
+endif()
 
 # shd_library(NAME SOURCE...): one static library of the daemon.
 function(shd_library name)
