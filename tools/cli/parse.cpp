@@ -55,7 +55,7 @@ CLI::Option* Bind(CLI::App& app, const Option& option) {
         CLI::Validator([&option](const std::string& text) { return Complaint(option, text); }, ""));
     bound->required(option.required);
     if (option.repeated) bound->expected(option.required || !IsArgument(option) ? 1 : 0, kMany);
-    if (option.repeated && !IsArgument(option)) bound->allow_extra_args(false);
+    if (option.repeated) bound->allow_extra_args(IsArgument(option));
     if (option.value_may_miss) bound->expected(0, 1);
     if (*option.environment != '\0') bound->envname(option.environment);
     return bound;
