@@ -54,14 +54,14 @@ char* TextOf(ControlReply* reply) {
     return reinterpret_cast<char*>(reply) + kControlReplyTextOffset;
 }
 
-// Returns 0, or -1 when the client has gone or does not read.
+// Returns 0, or -1 when the client has gone or does not read: it then misses its reply, which only
+// two commands report.
 int Send(const Call& call, const ControlReply& reply) {
     return call.hub->control_server->Reply(call.client, reply);
 }
 
 int Answer(const Call& call, int32_t result) {
-    // A client that has gone misses its reply.
-    (void)Send(call, MakeReply(call.request.handle, call.request.command, result));
+    Send(call, MakeReply(call.request.handle, call.request.command, result));
     return 0;
 }
 
@@ -70,7 +70,7 @@ int AnswerMcuWide(const Call& call, int32_t result) {
 }
 
 int AnswerError(const Call& call) {
-    (void)Send(call, MakeReply(call.request.handle, kErrorReplyCommand, -1));
+    Send(call, MakeReply(call.request.handle, kErrorReplyCommand, -1));
     return 0;
 }
 
@@ -127,13 +127,13 @@ int SetParameter(const Call& call) {
 int Calibrate(const Call& call) {
     ControlReply reply = MakeReply(call.request.handle, call.request.command, 0);
     reply.result = SensorCalibration(call.hub, call.id, reply.data);
-    (void)Send(call, reply);
+    Send(call, reply);
     return 0;
 }
 
 int SetMcuLogLevel(const Call& call) {
     const int result = McuLogLevel(call.hub, call.request.args[0], call.request.args[1]);
-    (void)AnswerMcuWide(call, result);
+    AnswerMcuWide(call, result);
     return 0;
 }
 
@@ -141,7 +141,7 @@ int ConfigureRawData(const Call& call) {
     const auto type = call.Argument<uint16_t>();
     const int result = McuRawDataConfig(call.hub, type);
     LOGD("ProcessMcuRawDataConifg type:%d", type);
-    (void)AnswerMcuWide(call, result);
+    AnswerMcuWide(call, result);
     return 0;
 }
 
@@ -191,8 +191,8 @@ int Flush(const Call& call) {
 
 int GetInformation(const Call& call) {
     ControlReply reply = MakeReply(call.request.handle, call.request.command, 0);
-    (void)SensorGetInfo(call.hub, call.id, TextOf(&reply));  // a failure shows as an empty text
-    (void)Send(call, reply);
+    SensorGetInfo(call.hub, call.id, TextOf(&reply));  // a failure shows as an empty text
+    Send(call, reply);
     return 0;
 }
 
@@ -201,16 +201,16 @@ int GetMcuVersion(const Call& call) {
     ControlReply reply = MakeReply(0, FindCommand(SHB_MCU_VERSION)->reply_command, 0);
     const int result = SensorVersion(call.hub, number, TextOf(&reply));
     LOGD("ProcessMcuVersion type:%d ret:%d", number, result);
-    (void)Send(call, reply);
+    Send(call, reply);
     return 0;
 }
 
 int SwitchDebugLog(const Call& call) {
     const auto flag = call.Argument<uint16_t>();
     g_shd_log_debug = flag;
-    (void)property_set(kDebugProperty, std::to_string(flag).c_str());
+    property_set(kDebugProperty, std::to_string(flag).c_str());
     LOGD("ProcessMessage SHB_DEBUG_LOG flag:%d!", flag);
-    (void)AnswerMcuWide(call, 0);
+    AnswerMcuWide(call, 0);
     return 0;
 }
 
@@ -264,7 +264,7 @@ int ProcessVirtualSensor(const Call& call) {
         }
     }
     if (request.command == SHB_SENSOR_FLUSH) SendFlushComplete(call.hub, request.handle);
-    (void)Send(call, MakeReply(request.handle, kVirtualReplyCommand, 0));
+    Send(call, MakeReply(request.handle, kVirtualReplyCommand, 0));
     return 0;
 }
 

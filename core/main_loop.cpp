@@ -8,7 +8,7 @@
 
 void RunMainLoopOnce(SensorHub* hub) {
     const std::unique_ptr<QueuedRequest, FreeDeleter> queued(hub->request_queue.DequeueMessage());
-    (void)ProcessMessage(hub, *queued);
+    ProcessMessage(hub, *queued);
     hub->control_server->RequestDone(queued->client);
 }
 

@@ -140,7 +140,7 @@ void ApplyProperties(SensorHub* hub) {
 void ApplyRawDataProperty(SensorHub* hub) {
     int type = 0;
     if (!ReadProperty(kRawDataTypeProperty, &type) || type < 1 || type > 3) return;
-    (void)McuRawDataConfig(hub, static_cast<uint16_t>(type));
+    McuRawDataConfig(hub, static_cast<uint16_t>(type));
     LOGD("Set MCU Raw data Log Level : %d", type);
 }
 
@@ -150,7 +150,7 @@ void RaiseDescriptorLimit() {
     rlimit limit{};
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
     limit.rlim_cur = limit.rlim_max;
-    (void)setrlimit(RLIMIT_NOFILE, &limit);
+    setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 bool StartReader(ListenArgs* args) {
@@ -193,7 +193,7 @@ int RunDaemon() {
         const MutexLock lock(g_sensor_state_mutex);
         g_sensor_state.fill(SensorState{});
     }
-    (void)SetCoreDumpLimit();
+    SetCoreDumpLimit();
     RaiseDescriptorLimit();
     InitParameter();
     const int control_socket = TakeServerSocket(kControlSocketName);
@@ -206,7 +206,8 @@ int RunDaemon() {
     control_server.set_owner(&hub);
     hub.control_server = &control_server;
     DataServer data_server(data_socket);
-    (void)control_server.Start();  // without one of its sockets the daemon serves the other
+    // Without one of its sockets the daemon serves the other.
+    (void)control_server.Start();
     (void)data_server.Start();
     LOGD("Start sensorhub daemon, control server create ok");
 

@@ -92,7 +92,7 @@ int McuCoreDumpProcess(SensorHub* hub, const McuMessage* message) {
     if (!g_mcu_dump_base64_path.empty()) StoreBase64(bytes, first_piece);
     if (ctl != 0) {
         LOGD("McuCoreDumpProcess ctl:%x dump count:%x dump index:%x reboot", ctl, count, index);
-        if (index == count) (void)StartMcuReboot(hub);
+        if (index == count) StartMcuReboot(hub);
     }
     return 0;
 }

@@ -105,7 +105,7 @@ int ReceiveMcuRawData(SensorHub* /*hub*/, const McuMessage* message) {
         return 0;
     }
     // A message that is dropped has been reported.
-    (void)ParseMcuRawData(static_cast<RawDataStream>(stream), file.get(), message);
+    ParseMcuRawData(static_cast<RawDataStream>(stream), file.get(), message);
     return 0;
 }
 

@@ -94,7 +94,7 @@ void SendFlushComplete(SensorHub* hub, int32_t handle) {
 }
 
 void SendEvent(SensorHub* hub, const SensorEvent& event) {
-    (void)hub->data_server->Broadcast(&event, sizeof(event));
+    hub->data_server->Broadcast(&event, sizeof(event));
 }
 
 SensorEvent MakeEvent(int32_t handle) {

@@ -42,6 +42,7 @@ void SaveCalibration(const McuMessage& message) {
                              O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, kCalibrationMode));
     if (!file.valid()) return;
     const auto data = message.payload();
+    // A full disk shows at the next start, which takes no value that is out of range.
     (void)!write(file.get(), data.data(), data.size());
     __android_log_print(ANDROID_LOG_DEBUG, kSaveTag, "nvdata save clibration info ok\n");
 }
@@ -52,23 +53,23 @@ int SensorHub::OnEvent(McuMessage* raw_message) {
     switch (message->channel) {
         case MCU_CHANNEL_SENSOR:
             if (message->type == MCU_TYPE_DATA) {
-                (void)ProcessSensorData(this, message.get());
+                ProcessSensorData(this, message.get());
             } else {
-                (void)reply_queue.EnqueueMessage(message.release());
+                reply_queue.EnqueueMessage(message.release());
             }
             break;
         case MCU_CHANNEL_CTRL:
             LOGD("OnEvent Receive Mcu Control response");
-            (void)reply_queue.EnqueueMessage(message.release());
+            reply_queue.EnqueueMessage(message.release());
             break;
         case MCU_CHANNEL_LOG:
             LogMcuLine(*message);
             break;
         case MCU_CHANNEL_RAWDATA:
-            (void)ReceiveMcuRawData(this, message.get());
+            ReceiveMcuRawData(this, message.get());
             break;
         case MCU_CHANNEL_COREDUMP:
-            (void)McuCoreDumpProcess(this, message.get());
+            McuCoreDumpProcess(this, message.get());
             break;
         default:
             LOGW("OnEvent Receive Mcu unknown message");

@@ -115,7 +115,7 @@ int32_t ProcessBatchedData(const Report& report) {
     SensorEvent event = MakeEvent(report.format.handle);
     const int32_t count = report.count();
     for (int32_t i = count - settings.samples; i < count; ++i) {
-        (void)AddTimeStamp(&event, settings.timing, settings.indices.Next());
+        AddTimeStamp(&event, settings.timing, settings.indices.Next());
         report.format.convert(report.Sample(i), &event);
         if (settings.companion_enabled) SendCompanion(report.hub, event, report.format.companion);
         if (settings.enabled) SendEvent(report.hub, event);
@@ -132,7 +132,7 @@ int32_t ProcessRawRecords(const Report& report) {
         timing = TimingOf(StateOf(report.format.handle), report.now);
     }
     for (int32_t i = 0; i < count; ++i) {
-        (void)AddTimeStamp(&event, timing, count - 1 - i);
+        AddTimeStamp(&event, timing, count - 1 - i);
         std::memcpy(event.data, report.Sample(i), report.format.sample_size);
         SendEvent(report.hub, event);
     }
@@ -142,7 +142,7 @@ int32_t ProcessRawRecords(const Report& report) {
 int32_t ProcessHeartRate(const Report& report) {
     if (report.count() == 0) return 0;
     SensorEvent event = MakeEvent(report.format.handle);
-    (void)AddTimeStamp(&event, report.now, 0);
+    AddTimeStamp(&event, report.now, 0);
     ConvertHeartRate(report.Sample(0), &event);
     SendEvent(report.hub, event);
     if (g_shd_log_debug != 0) {
@@ -162,7 +162,7 @@ int32_t ProcessStepCounter(const Report& report) {
 // The gesture is the report; its bytes are not looked at.
 int32_t ProcessWristTilt(const Report& report) {
     SensorEvent event = MakeEvent(report.format.handle);
-    (void)AddTimeStamp(&event, report.now, 0);
+    AddTimeStamp(&event, report.now, 0);
     if (g_shd_log_debug != 0) LOGD("SENSOR_TYPE_WRIST_TILT_GESTURE event");
     SendEvent(report.hub, event);
     return 1;
@@ -185,7 +185,7 @@ int32_t ProcessMotionHealth(const Report& report) {
             LOGD("SENSORS_MOTION_HEALTH_HANDLE dataindex:%d date:%u step:%d status:%d", index,
                  ReadLe<uint32_t>(record), ReadLe<uint16_t>(record + 4), record[10]);
         }
-        (void)AddTimeStamp(&event, settings.timing, index);
+        AddTimeStamp(&event, settings.timing, index);
         std::memcpy(event.data, record, report.format.sample_size);
         SendEvent(report.hub, event);
     }

@@ -60,7 +60,7 @@ StepHistory g_step_history{};
 void ProcessStepCount(SensorHub* hub, uint32_t mcu_step, int64_t now) {
     StepHistory& history = g_step_history;
     SensorEvent event = MakeEvent(kHandleStepCounter);
-    (void)AddTimeStamp(&event, now, 0);
+    AddTimeStamp(&event, now, 0);
 
     if (g_mcu_rebooted.exchange(0) != 0) history.last_reset = history.last_step;
     const uint32_t value = mcu_step + history.last_reset;

@@ -30,7 +30,7 @@ uint8_t LowByte(uint32_t word) {
 
 // A choice that cannot be kept holds until the next start all the same.
 void StoreRawDataType(const char* value) {
-    (void)property_set(kRawDataTypeProperty, value);
+    property_set(kRawDataTypeProperty, value);
 }
 
 // The daemon's own side of a change. False when the type must not be sent.

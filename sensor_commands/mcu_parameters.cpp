@@ -26,7 +26,7 @@ template <typename T>
 void SendParameter(SensorHub* hub, int32_t mcu_sensor_id, const T& value) {
     std::array<uint8_t, sizeof(value)> bytes;
     std::memcpy(bytes.data(), &value, bytes.size());
-    (void)SensorSetParameter(hub, mcu_sensor_id, bytes);
+    SensorSetParameter(hub, mcu_sensor_id, bytes);
 }
 
 }  // namespace
@@ -43,6 +43,6 @@ std::optional<int> RestoreMcuLogLevel(SensorHub* hub) {
     if (property_get(kMcuLogProperty, value, nullptr) == 0) return std::nullopt;
     const int level = std::atoi(value);
     if (level < 0 || level > kHighestLogLevel) return std::nullopt;
-    (void)McuLogLevel(hub, 1, level);
+    McuLogLevel(hub, 1, level);
     return level;
 }

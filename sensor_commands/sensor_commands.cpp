@@ -38,7 +38,7 @@ bool AreBothRotationHandlesEnabled() {
 }  // namespace
 
 int SensorActive(SensorHub* hub, int32_t mcu_sensor_id) {
-    (void)McuRawDataSaveFileFlag(hub, 0, mcu_sensor_id);  // a missing marker has been reported
+    McuRawDataSaveFileFlag(hub, 0, mcu_sensor_id);  // a missing marker has been reported
     return ExchangeForStatus(hub, {McuOperation::kActive, mcu_sensor_id});
 }
 
@@ -47,7 +47,7 @@ int SensorDeactive(SensorHub* hub, int32_t mcu_sensor_id) {
         LOGD("Sensor Deactive rotation sensor not all closed");
         return 0;
     }
-    (void)McuRawDataSaveFileFlag(hub, 1, mcu_sensor_id);  // a missing marker has been reported
+    McuRawDataSaveFileFlag(hub, 1, mcu_sensor_id);  // a missing marker has been reported
     return ExchangeForStatus(hub, {McuOperation::kDeactive, mcu_sensor_id});
 }
 
@@ -133,7 +133,7 @@ int SensorHandshake(SensorHub* hub, int timeout_sec) {
 }
 
 int McuLogLevel(SensorHub* hub, int first_byte, int level) {
-    (void)property_set(kMcuLogProperty, std::to_string(level).c_str());  // the MCU counts, not this
+    property_set(kMcuLogProperty, std::to_string(level).c_str());  // the MCU counts, not this
     const uint8_t bytes[] = {static_cast<uint8_t>(first_byte), static_cast<uint8_t>(level)};
     return ExchangeForStatus(hub, {McuOperation::kLogLevel, 0, bytes});
 }
