@@ -190,7 +190,8 @@ TEST_F(ControlServerTest, ClientWith4096OpenRequestsIsNotReadUntilHalfAreDone) {
     server.join();
     Serve(904);
     execute(2048 + 1 + 904);
-    testing::internal::GetCapturedStdout();
+    // Never two at a time: one wake-up costs one pass.
+    EXPECT_EQ(testing::internal::GetCapturedStdout().find("comming = 2"), std::string::npos);
     EXPECT_EQ(Queued(), "");
     EXPECT_EQ(Replies(other), Handles{100});
     ASSERT_EQ(replies.size(), 5000U);
@@ -278,11 +279,10 @@ TEST_F(DataServerTest, ConnectionThatCanNeitherBeTakenNorRefusedWaitsWithoutASpi
         server.ServeOnce();
         EXPECT_EQ(TakeJournal(), List("delay 100000 | delay 100000"));
         EXPECT_FALSE(IsAtEnd(first));
-        for (const int fd : {98, 99}) close(fd);
-        server.ServeOnce();  // has a spare again, and a number for the client
+        close(99);
+        server.ServeOnce();  // has a spare again
+        EXPECT_TRUE(IsAtEnd(first));
         EXPECT_EQ(TakeJournal(), Lines{});
-        EXPECT_EQ(server.Broadcast("event", 5), 0);
-        EXPECT_EQ(ReadAvailable(first.get()), "event");
     });
 }
 
