@@ -31,7 +31,7 @@ _{name}_path() {{
 }}
 )";
 
-constexpr const char* kBash = R"(# bash completion of {name}: source <(shdtool completion bash)
+constexpr const char* kBash = R"(# bash completion of {name}
 {table}_{name}() {{
     local word=${{COMP_WORDS[COMP_CWORD]}} reached offered
     reached=$(_{name}_path "${{COMP_WORDS[@]:1:COMP_CWORD-1}}")
