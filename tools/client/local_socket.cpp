@@ -7,7 +7,6 @@
 #include <sys/un.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 
 namespace shdclient {
@@ -38,11 +37,6 @@ Error ConnectError(const std::string& path, int error) {
 }
 
 }  // namespace
-
-std::string DefaultRoot() {
-    const char* root = std::getenv("SHD_ROOT");
-    return root != nullptr ? root : "";
-}
 
 std::string PathBelow(std::string_view root, std::string_view device_path) {
     while (root.ends_with('/')) root.remove_suffix(1);

@@ -14,9 +14,6 @@ namespace shdclient {
 inline constexpr std::string_view kControlSocket = shd::kControlSocketName;
 inline constexpr std::string_view kDataSocket = shd::kDataSocketName;
 
-// The directory tree of the daemon: the value of SHD_ROOT, or empty (the device's own root).
-[[nodiscard]] std::string DefaultRoot();
-
 // A path of the device below root; with an empty root the path itself.
 [[nodiscard]] std::string PathBelow(std::string_view root, std::string_view device_path);
 

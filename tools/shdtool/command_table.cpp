@@ -9,7 +9,8 @@ const cli::Options kGlobalOptions{
     {.name = "--root",
      .kind = cli::Kind::kDirectory,
      .value = "DIR",
-     .help = "Directory tree of the daemon; default: SHD_ROOT, else the device's own"},
+     .help = "Directory tree of the daemon; default: SHD_ROOT, else the device's own, else that of "
+             "a running scripts/run"},
     {.name = "--json", .kind = cli::Kind::kFlag, .help = "Print one JSON object instead of text"},
     {.name = "--timeout",
      .kind = cli::Kind::kNumber,

@@ -11,7 +11,7 @@
 
 #include "platform/standard_descriptors.h"
 #include "tools/cli/parse.h"
-#include "tools/client/local_socket.h"
+#include "tools/client/default_root.h"
 #include "tools/shdtool/command_table.h"
 
 namespace {
