@@ -132,8 +132,10 @@ void Hub::InstallImage(const std::string& version, size_t size, bool runnable) c
 }
 
 void Hub::StartSimulator(const std::vector<std::string>& options) {
-    std::vector<std::string> command = {MCUSIM_BINARY, "--root", root_, "--trace",
-                                        directory_ + "/trace"};
+    std::vector<std::string> command = {MCUSIM_BINARY, "--root", root_};
+    if (std::ranges::count(options, "--replay") == 0) {
+        command.insert(command.end(), {"--trace", directory_ + "/trace"});
+    }
     const std::array defaults = {"--baud", "0", "--boot-delay", "0", "--flash-time-scale", "0"};
     for (size_t i = 0; i < defaults.size(); i += 2) {
         if (std::ranges::count(options, defaults[i]) > 0) continue;

@@ -1,7 +1,7 @@
 // What the MCU's firmware does on each command.
 #include "tools/mcusim/application/application_commands.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <algorithm>
 #include <array>

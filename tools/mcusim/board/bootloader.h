@@ -79,6 +79,9 @@ class Bootloader {
     // ignored from there until Reset(). The Go command's ACK comes out of Poll as usual.
     [[nodiscard]] std::optional<uint32_t> TakeGo();
 
+    // Blocks of Write Memory that have been programmed into the flash, over all resets.
+    [[nodiscard]] uint64_t blocks_written() const { return blocks_written_; }
+
   private:
     using Handler = void (Bootloader::*)();
     using Extent = size_t (*)(std::span<const uint8_t> head);
@@ -164,6 +167,7 @@ class Bootloader {
     int mute_in_ = 0;        // answers, 0: not armed
     int mute_resets_ = 1;    // for the silence that mute_in_ will begin
     int silent_resets_ = 0;  // until the present silence ends
+    uint64_t blocks_written_ = 0;
 };
 
 }  // namespace mcusim

@@ -5,12 +5,14 @@
 #include <numeric>
 #include <utility>
 
+#include "tools/firmware/part.h"
 #include "tools/mcusim/board/bootloader.h"
 
 namespace mcusim {
 namespace {
 
-constexpr uint32_t kRamBase = 0x20000000;
+using firmware::kRamBase;
+
 constexpr uint16_t kMassErase = 0xFFFF;
 constexpr uint16_t kBank1Erase = 0xFFFE;
 constexpr uint16_t kFirstSpecialErase = 0xFFF0;
@@ -193,6 +195,7 @@ void Bootloader::ProgramBlock(std::span<const uint8_t> data) {
                           copy = std::vector(data.begin(), data.end())](double share) {
         const auto done = static_cast<size_t>(static_cast<double>(copy.size()) * share);
         flash_.Program(address, std::span(copy).first(done));
+        if (done == copy.size()) ++blocks_written_;
     };
     Begin({{timings_.word_program * static_cast<int64_t>(words), program}});
 }

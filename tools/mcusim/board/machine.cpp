@@ -7,6 +7,11 @@
 #include "tools/mcusim/application/dump_builder.h"
 
 namespace mcusim {
+namespace {
+
+constexpr size_t kMaxInputBytes = 4096;
+
+}  // namespace
 
 Machine::Machine(Flash& flash_memory, const MachineOptions& options)
     : flash(flash_memory),
@@ -57,6 +62,16 @@ std::optional<Burst> Machine::TakeOutput(TimePoint now) {
         observer->OnBytes(burst->due, Direction::kMcuToHost, burst->bytes, bootloader_runs);
     }
     return burst;
+}
+
+void Machine::SetPin(TimePoint at, Pin pin, bool high) {
+    for (Observer* observer : observers_) observer->OnPin(at, pin, high);
+    if (pin == Pin::kBoot0) return board.SetBoot0(high);
+    board.SetReset(high, at);
+}
+
+bool Machine::HasRoom() const {
+    return line.input_bytes() < kMaxInputBytes;
 }
 
 void Machine::Advance(TimePoint now) {
@@ -113,6 +128,7 @@ std::string Machine::Stats(TimePoint now) const {
         {"resets", board.resets()},
         {"crashes", crashes_},
         {"power_cuts", board.power_cuts()},
+        {"blocks_written", bootloader.blocks_written()},
         {"wakeups", wakeups_},
         {"frames_in", application.frames_in()},
         {"bad_frames_in", application.bad_frames_in()},

@@ -12,6 +12,7 @@
 #include "tools/mcusim/application/sensor_signals.h"
 #include "tools/mcusim/board/board.h"
 #include "tools/mcusim/board/bootloader.h"
+#include "tools/mcusim/board/far_end.h"
 #include "tools/mcusim/board/flash.h"
 #include "tools/mcusim/board/observer.h"
 #include "tools/mcusim/line/faults.h"
@@ -27,21 +28,21 @@ struct MachineOptions {
     BootloaderTimings bootloader_timings;
 };
 
-class Machine {
+class Machine : public FarEnd {
   public:
     // flash must outlive the machine. Switches the power on at time 0.
     Machine(Flash& flash_memory, const MachineOptions& options);
 
-    // The host has written these bytes.
-    void HostWrote(TimePoint at, std::span<const uint8_t> bytes);
+    void HostWrote(TimePoint at, std::span<const uint8_t> bytes) override;
+    void SetPin(TimePoint at, Pin pin, bool high) override;
+    [[nodiscard]] bool HasRoom() const override;
+    void Advance(TimePoint now) override;
+    [[nodiscard]] std::optional<Burst> TakeOutput(TimePoint now) override;
+    [[nodiscard]] std::optional<TimePoint> NextDue() const override;
+    void SetStalled(size_t bytes) override { transmitter.set_stalled_bytes(bytes); }
+
     // The MCU has been woken through its sleep file.
     void CountWakeups(uint64_t count) { wakeups_ += count; }
-
-    // Lets everything happen that is due by now. Times passed in must not go back.
-    void Advance(TimePoint now);
-    // The next bytes that have reached the host by now; call until there are none.
-    [[nodiscard]] std::optional<Burst> TakeOutput(TimePoint now);
-    [[nodiscard]] std::optional<TimePoint> NextDue() const;
 
     // The firmware crashes: it sends a core dump in that many pieces, which asks the host for a
     // reset or does not, and stands still. Returns the dump. The application must be running.

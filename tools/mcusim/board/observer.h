@@ -12,6 +12,9 @@ namespace mcusim {
 
 enum class Direction { kHostToMcu, kMcuToHost };
 
+// The lines from the host to the MCU that are simulated.
+enum class Pin { kBoot0, kReset };
+
 class Observer {
   public:
     virtual ~Observer() = default;
@@ -24,6 +27,8 @@ class Observer {
     // it went no further; a damaged frame that arrived comes as an empty packet with a note.
     virtual void OnPacket(TimePoint at, Direction direction, std::span<const uint8_t> packet,
                           std::string_view note) = 0;
+    // The host has put a pin to this level.
+    virtual void OnPin(TimePoint at, Pin pin, bool high) = 0;
     // The board's mode has changed.
     virtual void OnMode(TimePoint at, std::string_view mode) = 0;
 };

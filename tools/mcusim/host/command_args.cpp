@@ -1,7 +1,7 @@
 // The words behind a command's name.
 #include "tools/mcusim/host/command_args.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <algorithm>
 #include <charconv>

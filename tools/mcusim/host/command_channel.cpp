@@ -1,7 +1,7 @@
 // The text command channel.
 #include "tools/mcusim/host/command_channel.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>

@@ -1,7 +1,7 @@
 // The other end of the command socket.
 #include "tools/mcusim/host/command_client.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 

@@ -2,7 +2,7 @@
 #include "tools/mcusim/host/device_tree.h"
 
 #include <fcntl.h>
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 

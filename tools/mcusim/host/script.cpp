@@ -1,15 +1,15 @@
 // Commands at given times.
 #include "tools/mcusim/host/script.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <algorithm>
 #include <charconv>
-#include <fstream>
 #include <stdexcept>
 #include <utility>
 
 #include "tools/mcusim/host/command_args.h"
+#include "tools/mcusim/host/text_file.h"
 
 namespace mcusim {
 namespace {
@@ -64,10 +64,9 @@ Script::Step Script::ParseStep(std::string_view line, std::string where) {
 }
 
 Script::Script(const std::string& path) {
-    std::ifstream file(path);
-    if (!file) throw std::runtime_error(path + ": cannot be opened");
-    std::string line;
-    for (int number = 1; std::getline(file, line); ++number) {
+    int number = 0;
+    for (const std::string& line : ReadLines(path)) {
+        ++number;
         const std::string_view text = Content(line);
         if (text.empty()) continue;
         std::string where = fmt::format("{}:{}", path, number);

@@ -1,15 +1,16 @@
 // Recorded signals from files.
 #include "tools/mcusim/host/signal_file.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <charconv>
 #include <cmath>
-#include <fstream>
 #include <optional>
 #include <stdexcept>
 #include <string_view>
 #include <vector>
+
+#include "tools/mcusim/host/text_file.h"
 
 namespace mcusim {
 namespace {
@@ -43,13 +44,11 @@ std::optional<std::vector<double>> ParseNumbers(std::string_view line) {
 }  // namespace
 
 RecordedSignal LoadSignal(const std::string& path, const SensorTraits& sensor) {
-    std::ifstream file(path);
-    if (!file) throw std::runtime_error(path + ": cannot be opened");
-
     RecordedSignal signal;
-    std::string line;
     bool heading_allowed = true;
-    for (int number = 1; std::getline(file, line); ++number) {
+    int number = 0;
+    for (const std::string& line : ReadLines(path)) {
+        ++number;
         const auto fail = [&](const std::string& why) {
             throw std::runtime_error(fmt::format("{}:{}: {}", path, number, why));
         };

@@ -1,7 +1,7 @@
 // The event loop and the preparation of what it serves.
 #include "tools/mcusim/host/simulator.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <sys/prctl.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -11,9 +11,11 @@
 #include <cstdio>
 #include <ctime>
 #include <filesystem>
+#include <utility>
 
 #include "tools/firmware/image.h"
 #include "tools/firmware/payload.h"
+#include "tools/mcusim/host/recording.h"
 #include "tools/mcusim/host/signal_file.h"
 #include "tools/mcusim/host/tester_commands.h"
 #include "tools/mcusim/host/trace.h"
@@ -46,13 +48,6 @@ std::vector<uint8_t> Firmware(const std::string& version, uint64_t seed) {
     return firmware::BuildPayload(version, kFirmwareSizeBytes, static_cast<uint32_t>(seed));
 }
 
-constexpr size_t kMaxInputBytes = 4096;
-
-// A host that writes faster than the line gets no more than this ahead of it.
-bool HasRoom(const Machine& machine) {
-    return machine.line.input_bytes() < kMaxInputBytes;
-}
-
 // Everything that has been written to a control file since the last time.
 std::string Drain(int fd) {
     std::string text;
@@ -77,23 +72,49 @@ Simulator::Simulator(const SimulatorOptions& options)
     PrepareFlash(options);
     MakeTree();
     start_ = Monotonic();
+    if (options.replay) {
+        StartPlayer(options);
+    } else {
+        StartMachine(options);
+    }
+
+    const std::string socket = kCommandSocket;
+    std::filesystem::remove(tree_.Path(socket));  // of a simulator that was killed
+    tree_.Adopt(socket);
+    channel_ = std::make_unique<CommandChannel>(
+        tree_.Path(socket), [this](const std::string& line) { return Answer(line); });
+}
+
+void Simulator::StartMachine(const SimulatorOptions& options) {
     machine_ = std::make_unique<Machine>(*flash_, options.machine);
+    far_end_ = machine_.get();
     for (const auto& [sensor, path] : options.signals) {
         machine_->signals.Play(sensor->id, LoadSignal(path, *sensor));
     }
     if (options.trace) observers_.push_back(std::make_unique<Trace>(*options.trace));
     if (options.record) observers_.push_back(std::make_unique<Recorder>(*options.record));
     for (const auto& observer : observers_) machine_->AddObserver(*observer, TimePoint(0));
+}
 
-    const std::string socket = kCommandSocket;
-    std::filesystem::remove(tree_.Path(socket));  // of a simulator that was killed
-    tree_.Adopt(socket);
-    channel_ =
-        std::make_unique<CommandChannel>(tree_.Path(socket), [this](const std::string& line) {
-            CommandContext context{*machine_, Now(), quit_, state_directory_};
-            machine_->Advance(context.now);
-            return RunCommand(line, context);
+void Simulator::StartPlayer(const SimulatorOptions& options) {
+    replay_ = *options.replay;
+    player_ = std::make_unique<Player>(
+        LoadRecording(replay_), options.replay_gap, [this](int line, const std::string& what) {
+            fmt::print(stderr, "mcusim: {}{}: {}\n", replay_,
+                       line > 0 ? fmt::format(":{}", line) : "", what);
         });
+    far_end_ = player_.get();
+}
+
+std::string Simulator::Answer(const std::string& line) {
+    if (!player_) {
+        CommandContext context{*machine_, Now(), quit_, state_directory_};
+        machine_->Advance(context.now);
+        return RunCommand(line, context);
+    }
+    if (line == "stats") return "ok " + player_->Stats();
+    quit_ = line == "quit";
+    return quit_ ? "ok" : "error: a recording is played; it takes stats and quit";
 }
 
 void Simulator::PrepareFlash(const SimulatorOptions& options) {
@@ -140,31 +161,32 @@ void Simulator::ServeControlFiles(TimePoint now) {
     const std::string boot0 = Drain(files_.boot0.get());
     Drain(files_.boot1.get());  // no mode that boot pin 1 would select is simulated
     Drain(files_.lpm.get());
-    machine_->CountWakeups(Drain(files_.sleep.get()).size());
+    const size_t wakeups = Drain(files_.sleep.get()).size();
+    if (machine_) machine_->CountWakeups(wakeups);
 
     for (const char level : boot0) {
-        if (level == '0' || level == '1') machine_->board.SetBoot0(level == '1');
+        if (level == '0' || level == '1') far_end_->SetPin(now, Pin::kBoot0, level == '1');
     }
     for (const char level : reset) {
-        if (level == '0' || level == '1') machine_->board.SetReset(level == '1', now);
+        if (level == '0' || level == '1') far_end_->SetPin(now, Pin::kReset, level == '1');
     }
 }
 
 void Simulator::ServeInput(TimePoint now) {
-    while (HasRoom(*machine_)) {
+    while (far_end_->HasRoom()) {
         const std::vector<uint8_t> bytes = pty_.Read();
         if (bytes.empty()) return;
-        machine_->HostWrote(now - lateness_, bytes);
+        far_end_->HostWrote(now - lateness_, bytes);
         lateness_ = TimePoint(0);
     }
 }
 
 void Simulator::ServeOutput(TimePoint now) {
-    while (const std::optional<Burst> burst = machine_->TakeOutput(now)) {
+    while (const std::optional<Burst> burst = far_end_->TakeOutput(now)) {
         pty_.Write(burst->bytes);
         lateness_ = std::min(Now() - burst->due, kMaxLateness);
     }
-    machine_->transmitter.set_stalled_bytes(pty_.pending());
+    far_end_->SetStalled(pty_.pending());
 }
 
 void Simulator::RunScript(TimePoint now) {
@@ -180,7 +202,7 @@ void Simulator::RunScript(TimePoint now) {
 }
 
 std::optional<TimePoint> Simulator::NextDue() const {
-    const std::optional<TimePoint> of_machine = machine_->NextDue();
+    const std::optional<TimePoint> of_machine = far_end_->NextDue();
     const std::optional<TimePoint> of_script = script_ ? script_->NextDue() : std::nullopt;
     if (of_machine && of_script) return std::min(*of_machine, *of_script);
     return of_machine ? of_machine : of_script;
@@ -188,7 +210,7 @@ std::optional<TimePoint> Simulator::NextDue() const {
 
 void Simulator::Wait() {
     std::vector<pollfd> fds = {{signals_.get(), POLLIN, 0}, {pty_.fd(), 0, 0}};
-    if (HasRoom(*machine_)) fds.back().events |= POLLIN;
+    if (far_end_->HasRoom()) fds.back().events |= POLLIN;
     if (pty_.pending() > 0) fds.back().events |= POLLOUT;
     for (const UniqueFd* file :
          {&files_.sleep, &files_.lpm, &files_.boot0, &files_.boot1, &files_.reset}) {
@@ -208,17 +230,22 @@ void Simulator::Wait() {
     channel_->Serve(fds);
 }
 
-void Simulator::Run() {
+bool Simulator::Run() {
     while (!quit_) {
         const TimePoint now = Now();
         RunScript(now);
-        machine_->Advance(now);
+        far_end_->Advance(now);
         ServeControlFiles(now);
         ServeInput(now);
-        machine_->Advance(now);
+        far_end_->Advance(now);
         ServeOutput(now);
+        if (player_ && player_->complete() && !std::exchange(replay_told_, true)) {
+            fmt::print("mcusim: played {}\n", replay_);
+            std::fflush(stdout);
+        }
         if (!quit_) Wait();
     }
+    return !player_ || (player_->complete() && player_->differences() == 0);
 }
 
 }  // namespace mcusim

@@ -17,6 +17,7 @@
 #include "tools/mcusim/board/observer.h"
 #include "tools/mcusim/host/command_channel.h"
 #include "tools/mcusim/host/device_tree.h"
+#include "tools/mcusim/host/player.h"
 #include "tools/mcusim/host/pty.h"
 #include "tools/mcusim/host/script.h"
 
@@ -33,6 +34,8 @@ struct SimulatorOptions {
     std::optional<std::string> script;
     std::optional<std::string> trace;  // a file's name, "-" for standard error
     std::optional<std::string> record;
+    std::optional<std::string> replay;  // a recording's name; only root, versions and seed count
+    TimePoint replay_gap = std::chrono::milliseconds(100);
     std::vector<std::pair<const SensorTraits*, std::string>> signals;  // sensor, file's name
     MachineOptions machine;
 };
@@ -42,8 +45,9 @@ class Simulator {
     // Makes the tree and switches the machine on; throws when something is in the way.
     explicit Simulator(const SimulatorOptions& options);
 
-    // Serves until quit, SIGINT, SIGTERM or SIGHUP.
-    void Run();
+    // Serves until quit, SIGINT, SIGTERM or SIGHUP. False when the host did otherwise than in the
+    // recording that was played.
+    [[nodiscard]] bool Run();
 
   private:
     struct ControlFiles {
@@ -52,6 +56,9 @@ class Simulator {
 
     void MakeTree();
     void PrepareFlash(const SimulatorOptions& options);
+    void StartMachine(const SimulatorOptions& options);
+    void StartPlayer(const SimulatorOptions& options);
+    [[nodiscard]] std::string Answer(const std::string& line);
     [[nodiscard]] TimePoint Now() const;
     void ServeControlFiles(TimePoint now);
     void ServeInput(TimePoint now);
@@ -68,7 +75,11 @@ class Simulator {
     std::vector<std::unique_ptr<Observer>> observers_;
     ControlFiles files_;
     TimePoint start_;
-    std::unique_ptr<Machine> machine_;
+    std::unique_ptr<Machine> machine_;  // or, to play a recording,
+    std::unique_ptr<Player> player_;
+    FarEnd* far_end_ = nullptr;  // the one there is
+    std::string replay_;
+    bool replay_told_ = false;  // that everything has been played
     std::unique_ptr<CommandChannel> channel_;
     std::optional<Script> script_;
     TimePoint lateness_{0};  // by which the last bytes reached the host after they were due

@@ -1,7 +1,7 @@
 // The command table.
 #include "tools/mcusim/host/tester_commands.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <algorithm>
 #include <fstream>
@@ -9,6 +9,7 @@
 #include <span>
 #include <stdexcept>
 
+#include "tools/cli/parse.h"
 #include "tools/mcusim/application/dump_builder.h"
 #include "tools/mcusim/host/command_args.h"
 
@@ -250,11 +251,22 @@ std::string RunCommand(std::string_view line, CommandContext& context) {
 }
 
 std::string CommandHelp() {
+    constexpr size_t kColumns = 80;
+    constexpr size_t kIndent = 6;
     std::string text;
     for (const CommandTraits& traits : kCommands) {
-        text += fmt::format("  {:42} {}\n", UsageOf(traits), traits.help);
+        text += fmt::format("  {}\n{}\n", UsageOf(traits),
+                            cli::Wrapped(traits.help, kColumns, kIndent));
     }
     return text;
+}
+
+std::string CommandWords() {
+    std::string words;
+    for (const CommandTraits& traits : kCommands) {
+        words.append(words.empty() ? "" : " ").append(traits.name);
+    }
+    return words;
 }
 
 }  // namespace mcusim

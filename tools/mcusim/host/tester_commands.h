@@ -34,7 +34,9 @@ using CommandAction = std::function<std::string(CommandContext& context)>;
 // Parses and executes; the answer is "ok", "ok ..." or "error: ...".
 [[nodiscard]] std::string RunCommand(std::string_view line, CommandContext& context);
 
-// One line of usage and meaning per command.
+// Usage and meaning of each command, for the help and the manual.
 [[nodiscard]] std::string CommandHelp();
+// Their names, with blanks between, for the completion.
+[[nodiscard]] std::string CommandWords();
 
 }  // namespace mcusim

@@ -10,6 +10,7 @@
 #include <stdexcept>
 
 #include "tools/mcusim/application/describe.h"
+#include "tools/mcusim/host/recording.h"
 
 namespace mcusim {
 namespace {
@@ -63,9 +64,11 @@ void Trace::OnMode(TimePoint at, std::string_view mode) {
 
 void Recorder::OnBytes(TimePoint at, Direction direction, std::span<const uint8_t> bytes,
                        bool /*bootloader*/) {
-    output_.Write(fmt::format("{:.6f} {} {:02x}\n", Seconds(at),
-                              direction == Direction::kHostToMcu ? '>' : '<',
-                              fmt::join(bytes, "")));
+    output_.Write(FormatStep(at, direction, bytes));
+}
+
+void Recorder::OnPin(TimePoint at, Pin pin, bool high) {
+    output_.Write(FormatStep(at, pin, high));
 }
 
 }  // namespace mcusim

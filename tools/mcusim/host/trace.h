@@ -37,20 +37,21 @@ class Trace : public Observer {
                  bool bootloader) override;
     void OnPacket(TimePoint at, Direction direction, std::span<const uint8_t> packet,
                   std::string_view note) override;
+    void OnPin(TimePoint, Pin, bool) override {}
     void OnMode(TimePoint at, std::string_view mode) override;
 
   private:
     TextOutput output_;
 };
 
-// One line per write of the host (>) and per burst of the MCU (<): time in seconds, direction,
-// the bytes in hexadecimal.
+// A step of a recording per write of the host, per burst of the MCU and per pin that the host sets.
 class Recorder : public Observer {
   public:
     explicit Recorder(const std::string& path) : output_(path) {}
     void OnBytes(TimePoint at, Direction direction, std::span<const uint8_t> bytes,
                  bool bootloader) override;
     void OnPacket(TimePoint, Direction, std::span<const uint8_t>, std::string_view) override {}
+    void OnPin(TimePoint at, Pin pin, bool high) override;
     void OnMode(TimePoint, std::string_view) override {}
 
   private:
