@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <termios.h>
 
-#include <algorithm>
 #include <array>
 
 #include "mcu_link/serial_port.h"
@@ -20,26 +19,6 @@ namespace {
 constexpr char kLogTag[] = "update_mcu";
 constexpr std::chrono::milliseconds kReadTimeout{200};
 constexpr size_t kReplySize = 8;
-
-struct BootloaderCommand {
-    BootloaderCommandId id;
-    uint8_t bytes[2];  // command, complement
-};
-
-constexpr BootloaderCommand kBootloaderCommands[] = {
-    {BootloaderCommandId::kGet, {0x00, 0xFF}},
-    {BootloaderCommandId::kGetVersion, {0x01, 0xFE}},
-    {BootloaderCommandId::kGetId, {0x02, 0xFD}},
-    {BootloaderCommandId::kReadMemory, {0x11, 0xEE}},
-    {BootloaderCommandId::kGo, {0x21, 0xDE}},
-    {BootloaderCommandId::kWriteMemory, {0x31, 0xCE}},
-    {BootloaderCommandId::kErase, {0x43, 0xBC}},
-    {BootloaderCommandId::kExtendedErase, {0x44, 0xBB}},
-    {BootloaderCommandId::kWriteProtect, {0x63, 0x9C}},
-    {BootloaderCommandId::kWriteUnprotect, {0x73, 0x8C}},
-    {BootloaderCommandId::kReadoutProtect, {0x82, 0x7D}},
-    {BootloaderCommandId::kReadoutUnprotect, {0x92, 0x6D}},
-};
 
 // One at a time, used by the thread that runs the update.
 UniqueFd g_update_port;
@@ -64,14 +43,18 @@ void ConfigureUpdateLink(int fd) {
     tcflush(fd, TCIOFLUSH);
 }
 
-}  // namespace
-
-std::span<const uint8_t> BootloaderCommandBytes(BootloaderCommandId id) {
-    const auto* command =
-        std::find_if(std::begin(kBootloaderCommands), std::end(kBootloaderCommands),
-                     [id](const BootloaderCommand& entry) { return entry.id == id; });
-    return command->bytes;
+// Fills data; -1 when it does not come.
+int ReadData(int fd, std::span<uint8_t> data) {
+    while (!data.empty()) {
+        if (WaitReadable(fd, kAckTimeout) <= 0) return -1;
+        const ssize_t count = read(fd, data.data(), data.size());
+        if (count <= 0) return -1;
+        data = data.subspan(static_cast<size_t>(count));
+    }
+    return 0;
 }
+
+}  // namespace
 
 UniqueFd open_mcu_normal_tty() {
     UniqueFd fd = OpenUart(0);
@@ -101,7 +84,8 @@ void drop_pending_input(int fd) {
     (void)tcflush(fd, TCIFLUSH);  // a line that cannot be flushed shows in the answers
 }
 
-int mcu_send_cmd(std::span<const uint8_t> bytes, std::chrono::microseconds timeout) {
+int mcu_send_cmd(std::span<const uint8_t> bytes, std::chrono::microseconds timeout,
+                 std::span<uint8_t> data) {
     if (bytes.empty()) {
         LOGE("mcu_send_cmd :cmd null!\n");
         return -1;
@@ -111,13 +95,15 @@ int mcu_send_cmd(std::span<const uint8_t> bytes, std::chrono::microseconds timeo
         LOGE("write mcu_send_cmd error!\n");
         return -1;
     }
-    // An answer that does not come in time counts as one of 0 bytes.
+    // An answer that does not come in time counts as one of 0 bytes. Data that is wanted stays on
+    // the line.
     std::array<uint8_t, kReplySize> reply{};
-    if (WaitReadable(fd, timeout) > 0 && read(fd, reply.data(), reply.size()) < 0) {
+    const size_t reply_size = data.empty() ? reply.size() : 1;
+    if (WaitReadable(fd, timeout) > 0 && read(fd, reply.data(), reply_size) < 0) {
         LOGE("read mcu_send_cmd error!\n");
         return -1;
     }
-    if (reply[0] == kBootloaderAck) return 0;
+    if (reply[0] == kBootloaderAck) return ReadData(fd, data);
     LOGE("read mcu_send_cmd return %x,error!\n", reply[0]);
     return -1;
 }

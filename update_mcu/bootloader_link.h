@@ -1,4 +1,4 @@
-// The link to the MCU's ROM bootloader: opening the UART for it, one acknowledged command at a
+// The link to the MCU's ROM bootloader: opening the UART for it, one acknowledged transmission at a
 // time, and reads with a time limit. Protocol: the USART protocol of the STM32 system-memory
 // bootloader, ST application note AN3155.
 #pragma once
@@ -13,30 +13,8 @@
 inline constexpr uint8_t kBootloaderInit = 0x7F;
 inline constexpr uint8_t kBootloaderAck = 0x79;
 
-// Identifiers of AN3155's commands; BootloaderCommandBytes has the bytes that are sent. The daemon
-// sends Write Memory and Extended Erase.
-enum class BootloaderCommandId : uint32_t {
-    kGet = 0,
-    kGetVersion = 1,
-    kGetId = 2,
-    kGo = 3,
-    kReadMemory = 4,
-    kWriteMemory = 5,
-    kErase = 6,
-    kExtendedErase = 7,
-    kWriteProtect = 8,
-    kWriteUnprotect = 9,
-    kReadoutProtect = 10,
-    kReadoutUnprotect = 11,
-};
-
-// The command byte and its complement, as they are sent.
-[[nodiscard]] std::span<const uint8_t> BootloaderCommandBytes(BootloaderCommandId id);
-
-// How long an acknowledgement may take. The mass erase is the slowest operation: 32 s at most on
-// the slowest parts by their data sheets.
+// How long an acknowledgement, or the data behind it, may take; erasing the flash takes longer.
 inline constexpr std::chrono::seconds kAckTimeout{1};
-inline constexpr std::chrono::seconds kMassEraseTimeout{40};
 
 // Opens the UART with the normal link's settings: raw, 8 data bits, no parity, 115200 bit/s.
 // Invalid on failure.
@@ -52,10 +30,12 @@ void close_mcu_tty();
 // had to say.
 void drop_pending_input(int fd);
 
-// Sends one command or block to the update port in one write and waits for its acknowledgement.
-// Returns 0 when it came; -1 for any other answer, for none in time, and for failures.
+// Sends one command or block to the update port in one write and waits for its acknowledgement;
+// then, if data is not empty, until as many bytes have come behind that. Returns 0 when all of it
+// came; -1 for any other answer, for none in time, and for failures.
 [[nodiscard]] int mcu_send_cmd(std::span<const uint8_t> bytes,
-                               std::chrono::microseconds timeout = kAckTimeout);
+                               std::chrono::microseconds timeout = kAckTimeout,
+                               std::span<uint8_t> data = {});
 
 // Reads once, waiting for at most 200 ms. Returns the bytes read, 0 when nothing came, a negative
 // value on an error.

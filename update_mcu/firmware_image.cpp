@@ -1,4 +1,4 @@
-// Reading of the firmware image and writing of its payload; used by the version check and the
+// Reading of the firmware image and the walk over its payload; used by the version check and the
 // update.
 #include "update_mcu/firmware_image.h"
 
@@ -16,14 +16,14 @@
 #include "platform/log.h"
 #include "platform/unique_fd.h"
 #include "protocol/system.h"
-#include "update_mcu/bootloader_link.h"
+#include "update_mcu/bootloader_commands.h"
 
 using namespace shd;
 
 namespace {
 
 constexpr char kLogTag[] = "update_mcu";
-constexpr size_t kBlockSize = 256;  // bytes of a Write Memory block at most, AN3155
+constexpr size_t kBlockSize = kWriteMemoryMaxSize;
 
 UniqueFd OpenImage() {
     UniqueFd file(open(DevicePath(kFirmwareImagePath).c_str(), O_RDONLY | O_CLOEXEC));
@@ -48,26 +48,6 @@ int32_t ImageFileSize() {
         return -1;
     }
     return std::in_range<int32_t>(status.st_size) ? static_cast<int32_t>(status.st_size) : -1;
-}
-
-int SendAddress(uint32_t address) {
-    std::array<uint8_t, 5> bytes = {
-        static_cast<uint8_t>(address >> 24), static_cast<uint8_t>((address >> 16) & 0xFF),
-        static_cast<uint8_t>((address >> 8) & 0xFF), static_cast<uint8_t>(address & 0xFF), 0};
-    bytes[4] = bytes[0] ^ bytes[1] ^ bytes[2] ^ bytes[3];
-    return mcu_send_cmd(bytes);
-}
-
-int SendBlock(std::span<const uint8_t> data) {
-    std::array<uint8_t, kBlockSize + 2> bytes{};
-    uint8_t checksum = static_cast<uint8_t>((data.size() - 1) & 0xFF);
-    bytes[0] = checksum;
-    for (size_t i = 0; i < data.size(); ++i) {
-        bytes[i + 1] = data[i];
-        checksum ^= data[i];
-    }
-    bytes[data.size() + 1] = checksum;
-    return mcu_send_cmd({bytes.data(), data.size() + 2});
 }
 
 int WritePayload(std::span<const uint8_t> payload) {
@@ -100,27 +80,6 @@ int get_mcu_head(mcu_head* head) {
     ReadWhole(file.get(), bytes);
     std::memcpy(head, bytes.data(), bytes.size());
     head->version[sizeof(head->version) - 1] = '\0';
-    return 0;
-}
-
-int write_memory_cmd(std::span<const uint8_t> data, uint32_t address) {
-    if (data.data() == nullptr) {
-        LOGE("data null!\n");
-        return -1;
-    }
-    if (mcu_send_cmd(BootloaderCommandBytes(BootloaderCommandId::kWriteMemory)) != 0) return -1;
-    if (SendAddress(address) != 0) {
-        LOGE("write memory address fail!\n");
-        return -1;
-    }
-    if (data.size() > kBlockSize) {
-        LOGE("write data_temp too len!\n");
-        return -1;
-    }
-    if (SendBlock(data) != 0) {
-        LOGE("write memory data fail!\n");
-        return -1;
-    }
     return 0;
 }
 

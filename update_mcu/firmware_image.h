@@ -3,17 +3,12 @@
 #pragma once
 
 #include <cstdint>
-#include <span>
 
 #include "protocol/image_header.h"
 
 // Reads the image's header; a shorter file leaves the rest 0, and the version is terminated in any
 // case. Returns 0, or -1 without a destination or when the file cannot be opened.
 [[nodiscard]] int get_mcu_head(shd::mcu_head* head);
-
-// Writes one block of 1 to 256 bytes to a flash address. Blocks for three acknowledgements.
-// Returns 0, or -1 as soon as one is missing.
-[[nodiscard]] int write_memory_cmd(std::span<const uint8_t> data, uint32_t address);
 
 // Writes the whole payload into the erased flash, in order of addresses. The update port must be
 // open and past its handshake. Returns 0, or -1 at the first failure; what has been written stays.

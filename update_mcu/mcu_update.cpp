@@ -12,6 +12,7 @@
 #include "platform/log.h"
 #include "platform/mutex.h"
 #include "protocol/system.h"
+#include "update_mcu/bootloader_commands.h"
 #include "update_mcu/bootloader_link.h"
 #include "update_mcu/firmware_image.h"
 #include "update_mcu/gpio.h"
@@ -25,9 +26,6 @@ constexpr int kHandshakeCycles = 4;
 constexpr int kHandshakeAttempts = 5;
 constexpr std::chrono::milliseconds kHandshakePause{50};
 constexpr size_t kHandshakeReplySize = 8;
-
-// The code of the global mass erase and its XOR checksum, AN3155.
-constexpr std::array<uint8_t, 3> kMassErase = {0xFF, 0xFF, 0x00};
 
 enum class HandshakeResult { kAcknowledged, kNoAnswer, kWriteFailed };
 
@@ -118,23 +116,9 @@ bool mcu_init() {
     return true;
 }
 
-bool extended_erase_cmd() {
-    LOGD("extended_erase_cmd enter!\n");
-    if (mcu_send_cmd(BootloaderCommandBytes(BootloaderCommandId::kExtendedErase)) != 0) {
-        LOGE("write extended erase fail!\n");
-        return false;
-    }
-    if (mcu_send_cmd(kMassErase, kMassEraseTimeout) != 0) {
-        LOGE("write erase all fail!\n");
-        return false;
-    }
-    LOGD("write extended erase cmd ok!\n");
-    return true;
-}
-
 // With the update port open; every way out leaves it to the caller to close.
 bool EraseAndWrite() {
-    if (!extended_erase_cmd()) {
+    if (extended_erase_cmd() != 0) {
         LOGE("extended_erase_cmd error!\n");
         return false;
     }

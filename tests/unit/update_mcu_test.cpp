@@ -11,6 +11,7 @@
 
 #include "tests/support/fake_uart.h"
 #include "tests/support/test_hub.h"
+#include "update_mcu/bootloader_commands.h"
 #include "update_mcu/bootloader_link.h"
 #include "update_mcu/firmware_image.h"
 #include "update_mcu/gpio.h"
@@ -168,6 +169,32 @@ TEST_F(UpdateTest, BytesFromBeforeTheBootloaderAreNoAnswers) {
     EXPECT_EQ(answers, List("D read 7F cmd response buf = 6e. | D read 7F cmd response buf = 79."));
     EXPECT_EQ(std::count(log.begin(), log.end(), "I set_update_gpio, set mcu to update mode!"), 2);
     EXPECT_EQ(waits, 6 + 5);  // five answers to one erase and one block
+}
+
+TEST_F(UpdateTest, CommandReturnsWhatFollowsItsLastAcknowledgement) {
+    const TerminalUart terminal;
+    ASSERT_GE(open_mcu_tty(), 0);
+    std::deque<std::string> answers = {"79", "79 0A 0B", "", "0C 0D"};  // what comes at each wait
+    g_hooks.on_readable = [&](int fd, auto /*limit*/) {
+        if (const auto bytes = terminal.Received(); !bytes.empty()) Note("uart", bytes);
+        if (!answers.empty()) {
+            if (!answers.front().empty()) terminal.Send(answers.front());
+            answers.pop_front();
+        }
+        pollfd entry{fd, POLLIN, 0};
+        return poll(&entry, 1, 0);
+    };
+    const uint8_t block[] = {0x5A};
+    const Transmission get{BootloaderRow(BootloaderCommandId::kGet).bytes};
+    uint8_t data[4] = {};
+    EXPECT_EQ(bootloader_transaction({get, {block}}, data), 0);
+    EXPECT_EQ(Hex(data), "0A 0B 0C 0D");
+    EXPECT_EQ(Journal(), List(R"(readable 1000 ms | uart 00 FF | readable 1000 ms | uart 5A
+        readable 1000 ms | readable 1000 ms)"));
+    answers = {"79", "79 0A"};  // and no more
+    EXPECT_EQ(bootloader_transaction({get, {block, "no data!\n"}}, data), -1);
+    EXPECT_EQ(Journal().back(), "E no data!");
+    close_mcu_tty();
 }
 
 TEST_F(UpdateTest, ImageFileIsCheckedBeforeAnythingIsWritten) {
