@@ -1,4 +1,6 @@
 // Entry point of shd, started by init without arguments.
+#include <unistd.h>
+
 #include <cstdio>
 
 #include "core/startup.h"
@@ -21,5 +23,7 @@ int main(int argc, char** /*argv*/) {
     if (!ClaimHub()) return kExitSecondDaemon;
     // The servers' trace lines appear as they are written, also in a file or a pipe.
     setvbuf(stdout, nullptr, _IOLBF, 0);
-    return RunDaemon();
+    const int result = RunDaemon();
+    std::fflush(stdout);
+    _exit(result);  // no destructor runs under the servers' threads
 }

@@ -201,11 +201,13 @@ int RunDaemon() {
     if (mcu_version_check() == 0 && mcu_update() != 0) return -1;
     (void)g_board_serial.Open();  // a port that stays closed shows up as failing writes
 
-    SensorHub hub;
-    ControlServer control_server(control_socket);
+    // From here on threads run that use these, and nobody ends them: they live for the whole
+    // process, also when start-up fails.
+    auto& hub = *new SensorHub;
+    auto& control_server = *new ControlServer(control_socket);
     control_server.set_owner(&hub);
     hub.control_server = &control_server;
-    DataServer data_server(data_socket);
+    auto& data_server = *new DataServer(data_socket);
     // Without one of its sockets the daemon serves the other.
     (void)control_server.Start();
     (void)data_server.Start();
@@ -213,8 +215,7 @@ int RunDaemon() {
 
     hub.serial_port = &g_board_serial;
     hub.data_server = &data_server;
-    ListenArgs listen_args{&hub, &g_board_serial};
-    if (!StartReader(&listen_args)) return -1;
+    if (!StartReader(new ListenArgs{&hub, &g_board_serial})) return -1;
     Handshake(&hub);
     ApplyProperties(&hub);
     LOGD("Set parameter");

@@ -2,8 +2,9 @@
 #pragma once
 
 // Runs the daemon on the calling thread, which becomes the thread that executes control requests.
-// Returns only when start-up fails, with -1; ends the process when an inherited socket cannot be
-// listened on.
+// Returns only when start-up fails, with -1; the servers' threads may run then, so that the caller
+// ends the process without taking down what they use. Ends the process when an inherited socket
+// cannot be listened on.
 int RunDaemon();
 
 // Raises the core-file size limit as far as it goes. Returns 0 or the failed call's result.

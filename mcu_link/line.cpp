@@ -3,6 +3,7 @@
 
 #include <csignal>
 
+#include "mcu_link/serial_port.h"
 #include "platform/delay.h"
 
 namespace {
@@ -51,6 +52,9 @@ LinkHold::LinkHold() {
 }
 
 LinkHold::~LinkHold() {
+    // Settings belong to the tty, not to a descriptor: a holder leaves behind the bootloader's
+    // parity with its stripped eighth bit, or a port that has just been opened.
+    g_board_serial.Configure();
     g_line.hold_ = 0;
     g_line.hold_.notify_all();
     g_line.mutex().Unlock();

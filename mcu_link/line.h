@@ -42,8 +42,10 @@ extern Line g_line;
 
 // Owns the line exclusively from construction to destruction: no write of the port starts, and the
 // reader thread is parked, interrupted in a read that it is blocked in. Construction blocks until
-// another owner has let go and the reader has finished the message in hand. Not recursive; the
-// holder must not write through BoardSerial. Without a reader thread it costs only the lock.
+// another owner has let go and the reader has finished the message in hand. Its end gives the line
+// its normal settings back and drops what is pending, when the daemon's port is open. Not
+// recursive; the holder must not write through BoardSerial. Without a reader thread it costs only
+// the lock.
 class SCOPED_CAPABILITY LinkHold {
   public:
     LinkHold() ACQUIRE(g_line.mutex());

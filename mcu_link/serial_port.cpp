@@ -6,7 +6,6 @@
 #include <termios.h>
 #include <unistd.h>
 
-#include "mcu_link/line.h"
 #include "platform/control_file.h"
 #include "platform/device_path.h"
 #include "platform/log.h"
@@ -23,11 +22,6 @@ constexpr char kLogTag[] = "shd_serial";
 ssize_t WakeMcu() {
     const ControlFileResult result = WriteControlFile(kMcuSleepPath, "0");
     return result.opened ? result.written : 0;
-}
-
-ssize_t WriteOnce(int fd, const uint8_t* buffer, ssize_t length) {
-    if (fd <= 0 || length < 0) return -1;
-    return write(fd, buffer, static_cast<size_t>(length));
 }
 
 }  // namespace
@@ -48,26 +42,30 @@ int ConfigureUart(int fd) {
     return 0;
 }
 
-int BoardSerial::OpenDevice() {
+bool BoardSerial::OpenDevice() {
     fd_ = open(DevicePath(kUartPath).c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
-    return fd();
+    return is_open();
+}
+
+void BoardSerial::Configure() {
+    if (is_open()) (void)ConfigureUart(fd());  // always 0
 }
 
 int BoardSerial::Open() {
-    const int fd = OpenDevice();
-    if (fd < 0) return -1;
-    return ConfigureUart(fd);
+    const MutexLock line(g_line.mutex());
+    if (!OpenDevice()) return -1;
+    Configure();
+    return 0;
 }
 
 void BoardSerial::Close() {
     const int fd = fd_.exchange(0);
-    if (fd > 0) close(fd);
+    if (IsOpen(fd)) close(fd);
 }
 
 ssize_t BoardSerial::Read(uint8_t* buffer, size_t length) {
-    const int fd = fd_.load();
-    if (fd <= 0) return -1;
-    return read(fd, buffer, length);
+    const int fd = fd_;
+    return IsOpen(fd) ? read(fd, buffer, length) : -1;
 }
 
 ssize_t BoardSerial::Write(const uint8_t* buffer, ssize_t length) {
@@ -77,7 +75,10 @@ ssize_t BoardSerial::Write(const uint8_t* buffer, ssize_t length) {
         // back to sleep, or been reset.
         const MutexLock line(g_line.mutex());
         wake_result = WakeMcu();
-        if (wake_result >= 0) return WriteOnce(fd(), buffer, length);
+        if (wake_result >= 0) {
+            if (!is_open() || length < 0) return -1;
+            return write(fd(), buffer, static_cast<size_t>(length));
+        }
     }
     LOGE("BoardSerial wakeup mcu failure err:%d", static_cast<int>(wake_result));
     return -1;

@@ -7,6 +7,8 @@
 
 #include <sys/types.h>
 
+#include "mcu_link/line.h"
+
 class SerialPort {
   public:
     // Both return what read and write return: a count, or a negative value on failure.
@@ -16,7 +18,8 @@ class SerialPort {
 };
 
 // /dev/ttyHSL1. Read is called by the reader thread alone, Write by whichever thread sends a
-// request, Open by start-up, Close and OpenDevice by the reboot procedure, which holds the line.
+// request. The descriptor belongs to whoever has the line: its number is only changed and used
+// under the line's lock, except by the reader's read, which a hold keeps away.
 class BoardSerial final : public SerialPort {
   public:
     // Blocks until a byte arrives; -1 at once while the port is closed.
@@ -31,19 +34,29 @@ class BoardSerial final : public SerialPort {
     // The descriptor stays open for the life of the process.
     ~BoardSerial() override {}
 
-    // Opens and configures the device. Returns 0, or -1 with the negative descriptor kept in fd.
-    [[nodiscard]] virtual int Open();
+    // Opens and configures the device; start-up. Returns 0, or -1 with the negative descriptor kept
+    // in fd.
+    [[nodiscard]] virtual int Open() EXCLUDES(g_line.mutex());
 
     // Closes the descriptor, if there is one.
-    void Close();
+    void Close() REQUIRES(g_line.mutex());
 
-    // Opens the device without configuring it and returns the descriptor, negative on failure.
-    [[nodiscard]] int OpenDevice();
+    // Opens the device, which must be closed, and leaves its settings to the end of the hold. False
+    // on failure.
+    [[nodiscard]] bool OpenDevice() REQUIRES(g_line.mutex());
 
-    [[nodiscard]] int fd() const { return fd_.load(); }
-    [[nodiscard]] bool is_open() const { return fd() > 0; }
+    // Gives the line its normal settings and drops what is pending; nothing while the port is
+    // closed.
+    void Configure() REQUIRES(g_line.mutex());
+
+    [[nodiscard]] int fd() const REQUIRES(g_line.mutex()) { return fd_; }
+
+    // On any thread; what it says holds for as long as the caller has the line.
+    [[nodiscard]] bool is_open() const { return IsOpen(fd_); }
 
   private:
+    [[nodiscard]] static bool IsOpen(int fd) { return fd > 0; }
+
     std::atomic<int32_t> fd_{0};  // 0 or less: closed
 };
 

@@ -7,7 +7,6 @@
 #include <array>
 
 #include "mcu_link/line.h"
-#include "mcu_link/serial_port.h"
 #include "platform/delay.h"
 #include "platform/log.h"
 #include "platform/mutex.h"
@@ -156,10 +155,6 @@ int RunUpdate() {
 int mcu_update() {
     return g_update_turn.RunOrJoin([] {
         const LinkHold hold;
-        const int result = RunUpdate();
-        // Line settings belong to the tty: without this the daemon's own descriptor would go on
-        // with the bootloader's parity and with the eighth bit stripped.
-        if (g_board_serial.is_open()) (void)ConfigureUart(g_board_serial.fd());
-        return result;
+        return RunUpdate();
     });
 }

@@ -30,17 +30,16 @@ constexpr std::chrono::seconds kSettlePause{1};
 constexpr int kLastPlainAttempt = 10;
 constexpr int kLastAttempt = 20;
 
-// The caller holds the line. True when the port is open and configured.
-bool ReopenPort() {
+// The last reboot thread. Written by whoever has set g_mcu_rebooting, never joined.
+pthread_t g_mcu_reboot_thread;
+
+// True when the port is open; the end of the hold configures it.
+bool ReopenPort() REQUIRES(g_line.mutex()) {
     g_board_serial.Close();
     Delay(kReopenPause);
-    const int fd = g_board_serial.OpenDevice();
-    if (fd < 0) {
-        __android_log_print(ANDROID_LOG_ERROR, "shd_serial",
-                            "BoardSerial ReInit open uart failure");
-        return false;
-    }
-    return ConfigureUart(fd) == 0;
+    if (g_board_serial.OpenDevice()) return true;
+    __android_log_print(ANDROID_LOG_ERROR, "shd_serial", "BoardSerial ReInit open uart failure");
+    return false;
 }
 
 // After an attempt: waits, and from the twelfth on updates the firmware. False when the procedure
@@ -157,13 +156,11 @@ int StartMcuReboot(SensorHub* hub) {
         LOGE("SensorMcuReboot thread has exist");
         return -1;
     }
-    pthread_t thread{};
-    if (pthread_create(&thread, nullptr, SensorMcuRebootFn, hub) != 0) {
+    if (pthread_create(&g_mcu_reboot_thread, nullptr, SensorMcuRebootFn, hub) != 0) {
         LOGE("SensorMcuReboot thread create failure");
         g_mcu_rebooting = 0;
         return -1;
     }
-    pthread_detach(thread);  // nobody joins it, and its stack must not outlive it
     return 0;
 }
 
@@ -172,6 +169,7 @@ void* SensorMcuRebootFn(void* argument) {
         LOGE("SensorMcuRebootFn param NULL");
         return nullptr;
     }
+    pthread_detach(pthread_self());  // nobody joins it, and its stack must not outlive it
     SensorMcuReboot(static_cast<SensorHub*>(argument));
     return nullptr;
 }

@@ -207,6 +207,20 @@ int WaitReadable(int fd, std::chrono::microseconds timeout) {
     return g_hooks.on_readable ? g_hooks.on_readable(fd, timeout) : 0;
 }
 
+extern "C" {
+using ThreadEntry = void* (*)(void*);
+int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, ThreadEntry entry,
+                          void* argument);
+int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, ThreadEntry entry,
+                          void* argument);
+
+int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, ThreadEntry entry,
+                          void* argument) {
+    const int error = g_hooks.on_thread ? g_hooks.on_thread() : 0;
+    return error != 0 ? error : __real_pthread_create(thread, attributes, entry, argument);
+}
+}
+
 void Mutex::Lock() {
     pthread_mutex_lock(&mutex_);
     NoteLock(this, "taken");

@@ -28,7 +28,8 @@ struct Hooks {
     std::function<bool()> on_wait;  // CondVar::WaitUntil, mutex released; false: deadline
     std::function<int(int fd, std::chrono::microseconds timeout)> on_readable;  // WaitReadable
     std::function<int(const std::string& name)> on_local_server;  // returns the descriptor
-    std::map<const Mutex*, std::string> named_locks;              // the locks that are journalled
+    std::function<int()> on_thread;  // pthread_create: 0, or the error with which it fails
+    std::map<const Mutex*, std::string> named_locks;  // the locks that are journalled
 };
 
 inline Hooks g_hooks;

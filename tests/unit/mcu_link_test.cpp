@@ -59,7 +59,14 @@ TEST(MessageAssembler, DamagedFramesCostOnlyThemselves) {
 }
 
 struct SerialPortTest : testing::Test, CleanProcess {
-    ~SerialPortTest() override { port.Close(); }
+    ~SerialPortTest() override {
+        const LinkHold hold;
+        port.Close();
+    }
+    int PortFd() {
+        const MutexLock line(g_line.mutex());
+        return port.fd();
+    }
     BoardSerial port;
     uint8_t byte = 0x55;
 };
@@ -67,7 +74,7 @@ struct SerialPortTest : testing::Test, CleanProcess {
 TEST_F(SerialPortTest, MissingDeviceShowsInEveryCall) {
     EXPECT_EQ(port.Write(&byte, 1) + port.Read(&byte, 1), -2);
     EXPECT_EQ(port.Open(), -1);
-    EXPECT_LT(port.fd(), 0);
+    EXPECT_LT(PortFd(), 0);
     EXPECT_EQ(port.Write(&byte, 1) + port.Read(&byte, 1), -2);
 }
 
@@ -92,7 +99,7 @@ TEST_F(SerialPortTest, LineSettingsOfBothLinks) {
     const TerminalUart terminal;
     ASSERT_EQ(port.Open(), 0);
     termios settings{};
-    ASSERT_EQ(tcgetattr(port.fd(), &settings), 0);
+    ASSERT_EQ(tcgetattr(PortFd(), &settings), 0);
     EXPECT_EQ(settings.c_cflag & (CLOCAL | CS8 | PARENB), static_cast<tcflag_t>(CLOCAL | CS8));
     EXPECT_EQ(settings.c_lflag & (ICANON | ECHO | ISIG | IEXTEN), 0U);
     EXPECT_EQ(settings.c_iflag & (ISTRIP | INPCK | ICRNL | IXON), 0U);
@@ -167,6 +174,7 @@ TEST_F(LinkHoldTest, WriteOfThePortWaitsForTheEndOfAnUpdate) {
     };
     EXPECT_EQ(mcu_update(), -1);
     writer.join();
+    const LinkHold hold;
     port.Close();
 }
 

@@ -30,7 +30,10 @@ struct RebootTest : testing::Test, TestHub {
             WriteFile(std::string("/proc/") + file, "?");
         }
     }
-    ~RebootTest() override { g_board_serial.Close(); }
+    ~RebootTest() override {
+        const LinkHold hold;
+        g_board_serial.Close();
+    }
 
     // Runs a recovery that gives up with the given line.
     Lines LogOfFailure(const std::string& last) {

@@ -3,7 +3,9 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/sockios.h>
 #include <stdlib.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 
@@ -93,6 +95,31 @@ TEST_F(StartupTest, FailedFirmwareUpdateEndsTheStart) {
     EXPECT_EQ(log[11], "E/update_mcu mcu_init error!\\n");
 }
 
+// The servers' threads go on until the process ends; asan sees them touch what has gone.
+TEST_F(StartupTest, ReaderThatCannotBeCreatedEndsTheStartUnderRunningServers) {
+    InChild([] {
+        FakeUart uart;
+        uart.script = {Hex(Frame("01 01 0F 00 31 2E 39 30 30 00"))};
+        WriteFirmwareImage("1.900", "x");
+        g_hooks.on_local_server = [](const std::string& name) {
+            return Listen("/" + name).Release();
+        };
+        int threads = 0;
+        g_hooks.on_thread = [&threads] { return ++threads == 3 ? EAGAIN : 0; };
+        EXPECT_EQ(RunDaemon(), -1);
+        EXPECT_EQ(TakeJournal({"shd"}).back(), "E/shd pthread_create ListsenThread failure");
+        const UniqueFd control = Connect("/shdctl"), data = Connect("/shddata");
+        const ClientRequest request{};
+        for (int i = 0; i < 20; ++i) {
+            EXPECT_EQ(send(control.get(), &request, sizeof(request), MSG_NOSIGNAL), 32);
+            EXPECT_EQ(send(data.get(), &request, 1, MSG_NOSIGNAL), 1);
+            usleep(1000);
+        }
+        int unread = -1;  // the servers take in what is sent
+        while (ioctl(control.get(), SIOCOUTQ, &unread) == 0 && unread != 0) usleep(1000);
+    });
+}
+
 // With thirteen handshakes in vain and then one request from a client.
 void ExpectStartUpLog() {
     Lines expected = List(R"(
@@ -154,6 +181,7 @@ TEST_F(StartupTest, SilentMcuIsUpdatedFromTheTwelfthHandshakeOnAndThenServed) {
                 }).detach();
             }
             if (++handshakes < 14) return false;
+            const MutexLock line(g_line.mutex());
             const off_t position = lseek(g_board_serial.fd(), 0, SEEK_CUR);
             const auto frame = Frame("01 01 00 00 00");
             if (ReadFile("/dev/ttyHSL1").size() <= static_cast<size_t>(position)) {
