@@ -1,4 +1,5 @@
-// Judges the files of the daemon's tree as the daemon itself will. Called by the status command.
+// Judges the files of the daemon's tree as the daemon itself will, and looks at its sockets. Called
+// by the status command.
 #include "tools/shdtool/status_checks.h"
 
 #include <fmt/format.h>
@@ -9,11 +10,13 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
+#include <vector>
 
 #include "tools/client/local_socket.h"
 #include "tools/shdtool/files/dump_store.h"
 #include "tools/shdtool/files/file_io.h"
-#include "tools/shdtool/files/image_check.h"
+#include "tools/shdtool/sockets/socket_table.h"
 
 namespace shdtool {
 namespace {
@@ -48,45 +51,55 @@ Check CheckProperty(std::string_view root, const Property& property) {
     const auto value =
         ReadWholeFile(PathBelow(root, "/data/property/") + std::string(property.name));
     if (!value || value->empty()) {
-        return {property.name, Verdict::kNote, fmt::format("not set: {}", property.unset)};
+        return {property.name,
+                Verdict::kNote,
+                fmt::format("not set: {}", property.unset),
+                {{"value", nullptr}}};
     }
     const bool harmless = !property.warn_unless_zero || std::atoi(value->c_str()) == 0;
     const char* meaning = harmless && property.warn_unless_zero ? property.unset : property.meaning;
-    return {property.name, harmless ? Verdict::kGood : Verdict::kWarning,
-            fmt::format("{} ({})", Printable(*value), meaning)};
+    return {property.name,
+            harmless ? Verdict::kGood : Verdict::kWarning,
+            fmt::format("{} ({})", Printable(*value), meaning),
+            {{"value", Printable(*value)}}};
 }
 
 Check CheckUart(std::string_view root) {
     const std::string path = PathBelow(root, shd::kUartPath);
-    if (Exists(path)) return {"UART", Verdict::kGood, path + " is there"};
-    return {"UART", Verdict::kFailed,
-            path +
-                " is missing: the daemon cannot reach the MCU (on a development machine start "
-                "mcusim)"};
+    const bool there = Exists(path);
+    return {"UART",
+            there ? Verdict::kGood : Verdict::kFailed,
+            there ? path + " is there"
+                  : path +
+                        " is missing: the daemon cannot reach the MCU (on a development machine "
+                        "start mcusim)",
+            {{"path", path}, {"present", there}}};
 }
 
-Check CheckImage(std::string_view root, std::string_view mcu_version) {
+std::optional<ImageReport> CheckImage(std::string_view root, const CheckSink& add) {
     constexpr const char* kName = "firmware image";
     const std::string path = PathBelow(root, shd::kFirmwareImagePath);
     if (!Exists(path)) {
-        return {kName, Verdict::kNote, path + " is missing: the MCU cannot be updated"};
+        add({kName,
+             Verdict::kNote,
+             path + " is missing: the MCU cannot be updated",
+             {{"present", false}}});
+        return std::nullopt;
     }
     const auto content = ReadWholeFile(path);
-    if (!content) return {kName, Verdict::kWarning, content.error().message};
-    std::vector<uint8_t> bytes(content->begin(), content->end());
-    const ImageReport image = ExamineImage(bytes);
-    if (!image.refusals.empty()) {
-        return {kName, Verdict::kWarning,
-                fmt::format("{} would be refused: {}", path, image.refusals[0])};
+    if (!content) {
+        add({kName, Verdict::kWarning, content.error().message, {{"present", true}}});
+        return std::nullopt;
     }
+    const std::vector<uint8_t> bytes(content->begin(), content->end());
+    ImageReport image = ExamineImage(bytes);
     const std::string version = Printable(image.version);
-    if (mcu_version.empty()) return {kName, Verdict::kGood, "version " + version};
-    if (image.version == mcu_version) {
-        return {kName, Verdict::kGood, fmt::format("version {}, as the MCU runs", version)};
-    }
-    return {kName, Verdict::kWarning,
-            fmt::format("version {}, but the MCU runs {}; the next start of shd writes the image",
-                        version, Printable(mcu_version))};
+    add({kName,
+         image.good() ? Verdict::kGood : Verdict::kWarning,
+         image.good() ? "good, version " + version
+                      : fmt::format("{} is not good: {}", path, image.worst()),
+         {{"present", true}, {"version", version}, {"good", image.good()}}});
+    return image;
 }
 
 Check CheckCalibrationFile(std::string_view root, const char* name, const char* device_path,
@@ -115,18 +128,23 @@ Check CheckDumps(std::string_view root) {
             if (file) newest = std::max(newest, file->modified);
         }
     }
-    if (count == 0) return {kName, Verdict::kGood, "none"};
-    return {kName, Verdict::kWarning,
+    if (count == 0) return {kName, Verdict::kGood, "none", {{"count", 0}}};
+    return {kName,
+            Verdict::kWarning,
             fmt::format("{} stored, the newest of {}: the MCU has crashed; see 'shdtool dump list'",
-                        count, FormatFileTime(newest))};
+                        count, FormatFileTime(newest)),
+            {{"count", count}, {"newest", newest}}};
 }
 
 Check CheckRawLog(std::string_view root, const char* file) {
     const std::string name = std::string("raw data ") + file;
     const std::string path = PathBelow(root, shd::kRawDataDir) + file;
     const auto content = ReadWholeFile(path);
-    if (!content) return {name, Verdict::kNote, "none"};
-    return {name, Verdict::kGood, fmt::format("{} bytes in {}", content->size(), path)};
+    if (!content) return {name, Verdict::kNote, "none", {{"bytes", 0}}};
+    return {name,
+            Verdict::kGood,
+            fmt::format("{} bytes in {}", content->size(), path),
+            {{"bytes", content->size()}}};
 }
 
 }  // namespace
@@ -141,44 +159,89 @@ Check CheckAccelerometerCalibration(std::string_view content) {
     std::array<int16_t, 3> values{};
     std::memcpy(values.data(), content.data(), std::min(content.size(), sizeof(values)));
     const std::string text = fmt::format("x {}, y {}, z {}", values[0], values[1], values[2]);
+    const Json fields{{"values", Json::List(values)}};
     const bool in_range = std::all_of(values.begin(), values.end(), [](int16_t value) {
         return std::abs(value) <= shd::kAccCalibrationMax;
     });
     if (!in_range) {
         return {kName, Verdict::kWarning,
                 fmt::format("{}: beyond {}, so the daemon ignores it; calibrate the accelerometer",
-                            text, shd::kAccCalibrationMax)};
+                            text, shd::kAccCalibrationMax),
+                fields};
     }
     if (content.size() != kCalibrationReplyBytes && content.size() != sizeof(values)) {
         return {kName, Verdict::kWarning,
                 fmt::format("{}: from a file of {} bytes, perhaps another sensor's; calibrate the "
                             "accelerometer",
-                            text, content.size())};
+                            text, content.size()),
+                fields};
     }
-    return {kName, Verdict::kGood, text};
+    return {kName, Verdict::kGood, text, fields};
 }
 
 Check CheckPressureCalibration(std::string_view content) {
     constexpr const char* kName = "pressure calibration";
     const std::string text(content.substr(0, kCalibrationReadBytes));
     const int value = std::atoi(text.c_str());
-    if (std::abs(value) <= shd::kBaroCalibrationMax)
-        return {kName, Verdict::kGood, std::to_string(value)};
-    return {
-        kName, Verdict::kWarning,
-        fmt::format("{}: beyond {}, so the daemon ignores it", value, shd::kBaroCalibrationMax)};
+    const bool good = std::abs(value) <= shd::kBaroCalibrationMax;
+    return {kName,
+            good ? Verdict::kGood : Verdict::kWarning,
+            good ? std::to_string(value)
+                 : fmt::format("{}: beyond {}, so the daemon ignores it", value,
+                               shd::kBaroCalibrationMax),
+            {{"value", value}}};
 }
 
-std::vector<Check> CheckFiles(std::string_view root, std::string_view mcu_version) {
-    std::vector<Check> checks{CheckUart(root), CheckImage(root, mcu_version)};
-    for (const Property& property : kProperties) checks.push_back(CheckProperty(root, property));
-    checks.push_back(CheckCalibrationFile(root, "accelerometer calibration",
-                                          shd::kAccCalibrationPath, CheckAccelerometerCalibration));
-    checks.push_back(CheckCalibrationFile(root, "pressure calibration", shd::kBaroCalibrationPath,
-                                          CheckPressureCalibration));
-    checks.push_back(CheckDumps(root));
-    for (const char* file : {"alg.txt", "hrm.txt"}) checks.push_back(CheckRawLog(root, file));
-    return checks;
+std::optional<ImageReport> CheckFiles(std::string_view root, const CheckSink& add) {
+    add(CheckUart(root));
+    std::optional<ImageReport> image = CheckImage(root, add);
+    for (const Property& property : kProperties) add(CheckProperty(root, property));
+    add(CheckCalibrationFile(root, "accelerometer calibration", shd::kAccCalibrationPath,
+                             CheckAccelerometerCalibration));
+    add(CheckCalibrationFile(root, "pressure calibration", shd::kBaroCalibrationPath,
+                             CheckPressureCalibration));
+    add(CheckDumps(root));
+    for (const char* file : {"alg.txt", "hrm.txt"}) add(CheckRawLog(root, file));
+    return image;
+}
+
+bool CheckSockets(std::string_view root, const CheckSink& add) {
+    const std::pair<const char*, std::string> sockets[] = {
+        {"control socket", shdclient::SocketPath(root, shdclient::kControlSocket)},
+        {"data socket", shdclient::SocketPath(root, shdclient::kDataSocket)}};
+    const auto uses = ReadSocketUse({sockets[0].second, sockets[1].second});
+    if (!uses) {  // the question to the daemon will tell
+        add({"clients", Verdict::kNote, uses.error().message});
+        return true;
+    }
+    for (size_t i = 0; i < std::size(sockets); ++i) {
+        const auto& [name, path] = sockets[i];
+        const SocketUse& use = (*uses)[i];
+        const std::string text =
+            use.served
+                ? fmt::format("{} is served{}", path,
+                              use.server_pid > 0 ? fmt::format(" by process {}", use.server_pid)
+                                                 : std::string())
+                : fmt::format("nobody listens on {}", path);
+        add({name,
+             use.served ? Verdict::kGood : Verdict::kFailed,
+             text,
+             {{"path", path}, {"served", use.served}, {"clients", use.clients.size()}}});
+    }
+    std::vector<std::string> losing;
+    for (const SocketUse& use : *uses) {
+        for (const SocketClient& client : use.clients) {
+            if (client.losing()) losing.push_back(fmt::format("{} ({})", client.name, client.pid));
+        }
+    }
+    std::string text = fmt::format("{} on the control socket, {} on the data socket",
+                                   (*uses)[0].clients.size(), (*uses)[1].clients.size());
+    if (!losing.empty()) text += fmt::format("; losing data: {}", fmt::join(losing, ", "));
+    add({"clients",
+         losing.empty() ? Verdict::kGood : Verdict::kWarning,
+         text,
+         {{"losing", losing.size()}}});
+    return (*uses)[0].served;
 }
 
 }  // namespace shdtool

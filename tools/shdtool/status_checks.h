@@ -1,9 +1,13 @@
-// What status finds out about the daemon's tree from its files alone. Used by the status command.
+// What status finds out about the daemon without asking it. Used by the status command.
 #pragma once
 
+#include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
+
+#include "tools/shdtool/files/image_check.h"
+#include "tools/shdtool/json.h"
 
 namespace shdtool {
 
@@ -15,18 +19,24 @@ enum class Verdict {
 };
 
 struct Check {
-    std::string name;
+    std::string name;  // "firmware image"; its JSON fields are under "firmware_image"
     Verdict verdict;
     std::string text;  // one line, names the file and what to do
+    Json fields = {};  // what the text says, for programs
 };
+using CheckSink = std::function<void(const Check&)>;
 
 // "ok", "-", "warn" or "FAIL".
 [[nodiscard]] std::string_view VerdictText(Verdict verdict);
 
 // The UART and the firmware image, the properties, the stored calibration, the core dumps and the
-// raw-data logs, each as one or more checks. mcu_version is the version of the running firmware,
-// empty when it is not known.
-[[nodiscard]] std::vector<Check> CheckFiles(std::string_view root, std::string_view mcu_version);
+// raw-data logs, each handed over as soon as it is known. The image is also returned when there is
+// one that can be read.
+[[nodiscard]] std::optional<ImageReport> CheckFiles(std::string_view root, const CheckSink& add);
+
+// The two sockets and their clients by the kernel's table; connects to nothing. False: nobody
+// listens on the control socket.
+[[nodiscard]] bool CheckSockets(std::string_view root, const CheckSink& add);
 
 // The accelerometer's calibration file, given its content: three 16-bit values that the daemon
 // takes when each lies in -312..312. Public for the tests.

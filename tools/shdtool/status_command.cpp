@@ -1,16 +1,22 @@
-// shdtool status: asks the daemon and the MCU, looks at the files, and gives a verdict on each.
+// shdtool status: looks at files and sockets, asks the daemon and the MCU, and gives a verdict on
+// each.
 // A row of the table of commands.
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <array>
+#include <cctype>
 #include <chrono>
+#include <cstdio>
 #include <optional>
 #include <string>
-#include <vector>
+#include <utility>
 
 #include "tools/client/event_stream.h"
 #include "tools/client/hub_client.h"
 #include "tools/client/local_socket.h"
 #include "tools/shdtool/command_table.h"
+#include "tools/shdtool/output_style.h"
 #include "tools/shdtool/status_checks.h"
 
 namespace shdtool {
@@ -19,101 +25,149 @@ namespace {
 using shdclient::HubClient;
 using shdclient::Result;
 using std::chrono::milliseconds;
+using std::chrono::steady_clock;
 
 // A virtual sensor, for which the daemon answers by itself, with a command that it ignores there.
 constexpr int32_t kVirtualHandle = 18;
 
-struct Findings {
-    std::vector<Check> checks;
-    int exit_status = kExitSuccess;
-    std::string mcu_version;
+// Shows each check as soon as it is known.
+class Findings {
+  public:
+    explicit Findings(const Context& context) : json_(context.json) {}
 
-    void Add(const char* name, Verdict verdict, const std::string& text) {
-        checks.push_back({name, verdict, text});
+    void Add(const Check& check) {
+        if (!json_) {
+            const std::string head =
+                fmt::format("{:<4}  {:<30}  ", VerdictText(check.verdict), check.name);
+            fmt::print("{}{}\n", style_.Paint(head, ColourOf(check.verdict)),
+                       style_.Fit(check.text, head.size()));
+            (void)std::fflush(stdout);
+        }
+        Json fields{{"verdict", VerdictText(check.verdict)}};
+        fields.Merge(check.fields);
+        if (check.verdict >= Verdict::kWarning) fields.Set("problem", check.text);
+        std::string key = check.name;
+        std::transform(key.begin(), key.end(), key.begin(), [](char c) {
+            return c == ' ' ? '_' : static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        });
+        report_.fields.Set(key, fields);
     }
     void AddFailure(const char* name, const shdclient::Error& error) {
-        Add(name, Verdict::kFailed, error.message);
-        // The first failure decides: without a socket everything behind it fails, too.
-        if (exit_status == kExitSuccess) exit_status = ExitStatusOf(error.code);
+        Add({name, Verdict::kFailed, error.message, {{"answers", false}}});
+        Fail(ExitStatusOf(error.code));
     }
+    // The first failure decides: without a socket everything behind it fails, too.
+    void Fail(int exit_status) {
+        if (report_.exit_status == kExitSuccess) report_.exit_status = exit_status;
+    }
+    [[nodiscard]] const Report& report() const { return report_; }
+
+  private:
+    static std::string_view ColourOf(Verdict verdict) {
+        constexpr std::array<std::string_view, 4> kColours{"32", "", "33", "1;31"};
+        return kColours[static_cast<size_t>(verdict)];
+    }
+
+    const bool json_;
+    const OutputStyle style_ = StandardOutputStyle();
+    Report report_{""};
 };
 
-void CheckDataSocket(const Context& context, Findings& findings) {
-    constexpr const char* kName = "data socket";
+double MillisecondsSince(steady_clock::time_point start) {
+    return std::chrono::duration<double, std::milli>(steady_clock::now() - start).count();
+}
+
+// The data server's thread takes what a client sends.
+void AskDataServer(const Context& context, Findings& findings) {
+    constexpr const char* kName = "data server";
     constexpr milliseconds kServedLimit{1'000};
+    const auto start = steady_clock::now();
     auto stream = shdclient::EventStream::Connect(context.root);
     if (!stream) return findings.AddFailure(kName, stream.error());
     const shdclient::Status served = stream->WaitUntilServed(kServedLimit);
     if (!served) return findings.AddFailure(kName, served.error());
-    findings.Add(kName, Verdict::kGood,
-                 shdclient::SocketPath(context.root, shdclient::kDataSocket) + " is served");
+    const double latency_ms = MillisecondsSince(start);
+    findings.Add({kName,
+                  Verdict::kGood,
+                  fmt::format("takes a client in {:.1f} ms", latency_ms),
+                  {{"answers", true}, {"latency_ms", latency_ms}}});
 }
 
-// False when there is no point in asking further.
-bool CheckDaemon(HubClient& hub, Findings& findings) {
+// A connection to a daemon that answers by itself; null when there is no point in asking further.
+std::optional<HubClient> AskDaemon(const Context& context, Findings& findings) {
     constexpr const char* kName = "daemon";
-    const auto start = std::chrono::steady_clock::now();
-    const shdclient::Status answer = hub.SelfTest(kVirtualHandle);
-    if (!answer && answer.error().code == shdclient::ErrorCode::kTimeout) {
-        findings.AddFailure(
-            kName, {shdclient::ErrorCode::kTimeout,
-                    answer.error().message + "; at its start it answers only once the MCU does"});
-        return false;
+    Result<HubClient> hub = ConnectHub(context);
+    if (!hub) {
+        findings.AddFailure(kName, hub.error());
+        return std::nullopt;
     }
+    const auto start = steady_clock::now();
+    const shdclient::Status answer = hub->SelfTest(kVirtualHandle);
     if (!answer) {
-        findings.AddFailure(kName, answer.error());
-        return false;
+        shdclient::Error error = answer.error();
+        if (error.code == shdclient::ErrorCode::kTimeout) {
+            error.message += "; at its start it answers only once the MCU does";
+        }
+        findings.AddFailure(kName, error);
+        return std::nullopt;
     }
-    const std::chrono::duration<double, std::milli> time = std::chrono::steady_clock::now() - start;
-    findings.Add(kName, Verdict::kGood, fmt::format("answered in {:.1f} ms", time.count()));
-    return true;
+    const double latency_ms = MillisecondsSince(start);
+    findings.Add({kName,
+                  Verdict::kGood,
+                  fmt::format("answered in {:.1f} ms", latency_ms),
+                  {{"answers", true}, {"latency_ms", latency_ms}}});
+    return std::move(*hub);
 }
 
-void CheckMcu(HubClient& hub, Findings& findings) {
+// The version of the running firmware, when it says one.
+std::optional<std::string> AskMcu(HubClient& hub, Findings& findings) {
     constexpr const char* kName = "MCU";
     constexpr uint16_t kFirmwareVersion = 0;
+    const auto start = steady_clock::now();
     const Result<std::string> version = hub.Version(kFirmwareVersion);
-    if (!version) return findings.AddFailure(kName, version.error());
-    findings.mcu_version = *version;
-    findings.Add(kName, Verdict::kGood, "answers, firmware " + *version);
+    if (!version) {
+        findings.AddFailure(kName, version.error());
+        return std::nullopt;
+    }
+    const double latency_ms = MillisecondsSince(start);
+    findings.Add(
+        {kName,
+         Verdict::kGood,
+         fmt::format("answered in {:.1f} ms, firmware {}", latency_ms, Printable(*version)),
+         {{"answers", true}, {"latency_ms", latency_ms}, {"version", Printable(*version)}}});
+    return *version;
 }
 
-void CheckLive(const Context& context, Findings& findings) {
-    constexpr const char* kName = "control socket";
-    Result<HubClient> hub = ConnectHub(context);
-    if (hub) {
-        findings.Add(
-            kName, Verdict::kGood,
-            shdclient::SocketPath(context.root, shdclient::kControlSocket) + " takes connections");
-    } else {
-        findings.AddFailure(kName, hub.error());
-    }
-    CheckDataSocket(context, findings);
-    const bool answers = hub && CheckDaemon(*hub, findings);
-    if (!hub) findings.Add("daemon", Verdict::kFailed, "not asked: no control socket");
-    if (answers) {
-        CheckMcu(*hub, findings);
-    } else {
-        findings.Add("MCU", Verdict::kFailed, "not asked: the daemon does not answer");
-    }
+void AddNextStart(const ImageReport& image, const std::optional<std::string>& mcu_version,
+                  Findings& findings) {
+    const std::string decision = DaemonDecision(image, mcu_version);
+    const bool writes = mcu_version && image.refusals.empty() && image.version != *mcu_version;
+    findings.Add({"next start",
+                  writes ? Verdict::kWarning : Verdict::kNote,
+                  fmt::format("the daemon {}", decision),
+                  {{"decision", decision}}});
 }
 
 Outcome ShowStatus(Context& context) {
-    Findings findings;
-    CheckLive(context, findings);
-    for (Check& check : CheckFiles(context.root, findings.mcu_version)) {
-        findings.checks.push_back(std::move(check));
+    Findings findings(context);
+    const CheckSink add = [&findings](const Check& check) { findings.Add(check); };
+    const std::optional<ImageReport> image = CheckFiles(context.root, add);
+    const bool served = CheckSockets(context.root, add);
+    std::optional<HubClient> hub = AskDaemon(context, findings);
+    if (served) AskDataServer(context, findings);
+    std::optional<std::string> version;
+    if (context.arguments.Has("--no-probe")) {
+        findings.Add({"MCU", Verdict::kNote, "not asked", {{"answers", nullptr}}});
+    } else if (hub) {
+        version = AskMcu(*hub, findings);
+    } else {
+        findings.Add({"MCU",
+                      Verdict::kFailed,
+                      "not asked: the daemon does not answer",
+                      {{"answers", nullptr}}});
     }
-    Report report{.text = "", .exit_status = findings.exit_status};
-    Json checks = Json::List();
-    for (const Check& check : findings.checks) {
-        report.text += fmt::format("{}{:<4}  {:<30}  {}", report.text.empty() ? "" : "\n",
-                                   VerdictText(check.verdict), check.name, check.text);
-        checks.Add(
-            {{"name", check.name}, {"verdict", VerdictText(check.verdict)}, {"text", check.text}});
-    }
-    report.fields.Set("checks", checks);
-    return report;
+    if (image) AddNextStart(*image, version, findings);
+    return findings.report();
 }
 
 }  // namespace
@@ -122,12 +176,17 @@ CommandRows StatusCommands() {
     return {{{"Overview",
               "status",
               "Say at one glance what works and what does not",
-              {},
-              "Looks at the sockets, the daemon, the MCU, the properties, the stored calibration, "
-              "the core dumps and the raw-data logs. With a silent MCU it takes up to twice "
-              "--timeout.\n"
+              {{.name = "--no-probe",
+                .kind = cli::Kind::kFlag,
+                .help = "Leave out the request to the MCU"}},
+              "Looks at the UART, the image, the properties, the stored calibration, the core "
+              "dumps, the raw-data logs, the sockets and their clients; then asks the daemon, and "
+              "last the MCU for its version. A request that the MCU does not answer counts for "
+              "the daemon: a second one in a row starts a recovery, which resets the MCU. With a "
+              "silent MCU it takes up to twice --timeout.\n"
               "Exit status: 0 daemon and MCU answer, 1 one of them does not, 3 no daemon there.",
-              "shdtool status"},
+              "shdtool status\n"
+              "shdtool status --no-probe"},
              ShowStatus}};
 }
 

@@ -2,18 +2,17 @@
 #include "tools/mcusim/application/dump_builder.h"
 
 #include <algorithm>
+#include <array>
+#include <bit>
 #include <random>
 
+#include "tools/firmware/core_dump.h"
 #include "tools/firmware/part.h"
 #include "tools/mcusim/line/packet.h"
 
 namespace mcusim {
 namespace {
 
-constexpr uint32_t kDumpMagic = 0x504D4443;  // "CDMP"
-constexpr uint32_t kDumpVersion = 1;
-constexpr uint32_t kRamBase = 0x20000000;
-constexpr uint32_t kRamBytes = 128 * 1024;
 constexpr uint32_t kStackBytes = 2048;
 constexpr uint32_t kCodeBytes = 48 * 1024;
 constexpr uint32_t kThumbBit = 1;
@@ -28,26 +27,30 @@ class DumpWriter {
     explicit DumpWriter(uint64_t seed) : random_(seed) {}
 
     void Word(uint32_t value) { Append32(bytes_, value); }
+    void Head(const firmware::CoreDumpHead& head) {
+        const auto words = std::bit_cast<std::array<uint32_t, sizeof(head) / 4>>(head);
+        for (const uint32_t word : words) Word(word);
+    }
     uint32_t Random(uint32_t below) { return static_cast<uint32_t>(random_() % below); }
     uint32_t CodeAddress() { return firmware::kFlashBase + 0x400 + Random(kCodeBytes / 2) * 2; }
-    uint32_t RamAddress() { return kRamBase + Random(kRamBytes / 4) * 4; }
+    uint32_t RamAddress() { return firmware::kRamBase + Random(firmware::kRamSizeBytes / 4) * 4; }
 
     // What words of a stack or of static data look like: mostly small numbers and zeros, pointers
     // into the RAM, and return addresses.
-    void MemoryWord() {
+    uint32_t MemoryWord() {
         switch (Random(8)) {
             case 0:
-                return Word(CodeAddress() | kThumbBit);
+                return CodeAddress() | kThumbBit;
             case 1:
             case 2:
-                return Word(RamAddress());
+                return RamAddress();
             case 3:
-                return Word(Random(0xFFFFFFFF));
+                return Random(0xFFFFFFFF);
             case 4:
             case 5:
-                return Word(Random(1000));
+                return Random(1000);
             default:
-                return Word(0);
+                return 0;
         }
     }
 
@@ -63,29 +66,31 @@ class DumpWriter {
 
 std::vector<uint8_t> BuildCoreDump(uint64_t seed, size_t size) {
     DumpWriter dump(seed);
-    const uint32_t stack_pointer = kRamBase + kRamBytes - kStackBytes + dump.Random(64) * 8;
+    const uint32_t stack_pointer =
+        firmware::kRamBase + firmware::kRamSizeBytes - kStackBytes + dump.Random(64) * 8;
 
-    dump.Word(kDumpMagic);
-    dump.Word(kDumpVersion);
-    dump.Word(static_cast<uint32_t>(size));
-    dump.Word(kHardFault);
-    for (int general = 0; general <= 12; ++general) dump.MemoryWord();  // r0 to r12
-    dump.Word(stack_pointer);
-    dump.Word(kExceptionReturn);                        // lr
-    dump.Word(dump.CodeAddress());                      // pc
-    dump.Word(0x01000000 | kHardFault);                 // xPSR: Thumb state, exception number
-    dump.Word(kPreciseDataBusError);                    // CFSR
-    dump.Word(kForcedHardFault);                        // HFSR
-    dump.Word(0);                                       // DFSR
-    dump.Word(kWildPointer);                            // MMFAR
-    dump.Word(kWildPointer + dump.Random(0x1000) * 4);  // BFAR
+    firmware::CoreDumpHead head{};
+    head.magic = firmware::kCoreDumpMagic;
+    head.version = firmware::kCoreDumpVersion;
+    head.size = static_cast<uint32_t>(size);
+    head.exception = kHardFault;
+    for (uint32_t& general : head.general) general = dump.MemoryWord();
+    head.sp = stack_pointer;
+    head.lr = kExceptionReturn;
+    head.pc = dump.CodeAddress();
+    head.xpsr = 0x01000000 | kHardFault;  // Thumb state, exception number
+    head.cfsr = kPreciseDataBusError;
+    head.hfsr = kForcedHardFault;
+    head.mmfar = kWildPointer;
+    head.bfar = kWildPointer + dump.Random(0x1000) * 4;
+    dump.Head(head);
 
     dump.Word(stack_pointer);
     dump.Word(kStackBytes);
-    for (uint32_t i = 0; i < kStackBytes / 4; ++i) dump.MemoryWord();
-    dump.Word(kRamBase);
+    for (uint32_t i = 0; i < kStackBytes / 4; ++i) dump.Word(dump.MemoryWord());
+    dump.Word(firmware::kRamBase);
     dump.Word(static_cast<uint32_t>(size > dump.size() + 4 ? size - dump.size() - 4 : 0));
-    while (dump.size() < size) dump.MemoryWord();
+    while (dump.size() < size) dump.Word(dump.MemoryWord());
 
     Bytes bytes = dump.Take();
     bytes.resize(size);

@@ -1,5 +1,5 @@
-// shdtool dump list and dump decode: the MCU's core dumps. Rows of the table
-// of commands; they need no daemon.
+// shdtool dump list, show and decode: the MCU's core dumps. Rows of the table of commands; they
+// need no daemon.
 #include <fmt/format.h>
 #include <unistd.h>
 
@@ -9,6 +9,7 @@
 
 #include "tools/client/local_socket.h"
 #include "tools/shdtool/command_table.h"
+#include "tools/shdtool/files/dump_show.h"
 #include "tools/shdtool/files/dump_store.h"
 #include "tools/shdtool/files/dump_text.h"
 #include "tools/shdtool/files/file_io.h"
@@ -61,12 +62,19 @@ Outcome ListDumps(Context& context) {
     return report;
 }
 
-// FILE as it is, or the base64 file of a slot when it is the slot's number and no such file exists.
-std::string ResolveFile(const Context& context, const std::string& file) {
+// FILE as it is; or when no such file exists and it is the number of a slot, that slot's text, or
+// its raw file when that is wanted and there.
+std::string ResolveFile(const Context& context, bool raw) {
+    const std::string file = context.arguments.Text("FILE");
     const bool is_slot = file.size() == 1 && file[0] >= '0' && file[0] < '0' + kDumpSlots;
     std::error_code error;
     if (!is_slot || std::filesystem::exists(file, error)) return file;
-    return ReadDumpSlots(context.root)[static_cast<size_t>(file[0] - '0')].text_path;
+    const DumpSlot slot = ReadDumpSlots(context.root)[static_cast<size_t>(file[0] - '0')];
+    return raw && (slot.raw || !slot.text) ? slot.raw_path : slot.text_path;
+}
+
+Outcome Show(Context& context) {
+    return ShowDump(context, ResolveFile(context, true));
 }
 
 std::string DamageText(const std::string& path, const DecodedDump& dump, size_t text_size) {
@@ -94,7 +102,7 @@ Result<std::string> Deliver(const Context& context, const std::string& output,
 }
 
 Outcome Decode(Context& context) {
-    const std::string path = ResolveFile(context, context.arguments.Text("FILE"));
+    const std::string path = ResolveFile(context, false);
     const std::string output = context.arguments.Text("--output");
     const Result<std::string> text = ReadWholeFile(path);
     if (!text) return text.error();
@@ -127,10 +135,10 @@ CommandRows DumpCommands() {
     return {
         {{kHeading,
           "dump",
-          "List and decode the MCU's core dumps",
+          "List, show and decode the MCU's core dumps",
           {},
           "",
-          "shdtool dump list\nshdtool dump decode 0 -o crash.bin"}},
+          "shdtool dump list\nshdtool dump show 0"}},
         {{kHeading,
           "dump list",
           "List the slots with size, time and whether the two files of each agree",
@@ -138,6 +146,23 @@ CommandRows DumpCommands() {
           "",
           "shdtool dump list"},
          ListDumps},
+        {{kHeading,
+          "dump show",
+          "Show the registers, the fault, the stack and the strings of a dump",
+          {{.name = "FILE",
+            .kind = cli::Kind::kFile,
+            .help = "A dump, raw or as base64 text, or the number of a slot (0 to 5)",
+            .words = "0 1 2 3 4 5",
+            .required = true},
+           {.name = "--hex",
+            .kind = cli::Kind::kFlag,
+            .help = "Show all bytes of its memory, too"}},
+          "A dump in the layout of the simulated firmware is taken apart; of any other the strings "
+          "and the bytes are shown.\n"
+          "Exit status: 0 shown, 1 shown but cut off, 2 unreadable.",
+          "shdtool dump show 0\n"
+          "shdtool dump show crash.bin --hex | less"},
+         Show},
         {{kHeading,
           "dump decode",
           "Turn the base64 text of a dump back into its bytes",

@@ -3,10 +3,12 @@
 #include <fmt/format.h>
 
 #include <cstdint>
-#include <cstdio>
+#include <filesystem>
+#include <optional>
 #include <span>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "tools/firmware/image.h"
@@ -29,39 +31,62 @@ std::span<const uint8_t> BytesOf(const std::string& content) {
 std::string TextOf(const std::string& path, const ImageReport& image) {
     std::string text = fmt::format("{}: {} bytes\n", path, image.file_size);
     auto out = std::back_inserter(text);
+    fmt::format_to(out, "  sha256      {}\n", image.sha256);
     fmt::format_to(out, "  magic       0x{:08x}\n", image.magic);
     fmt::format_to(out, "  header_len  {}\n", image.header_len);
     fmt::format_to(out, "  image_size  {}\n", image.image_size);
     fmt::format_to(out, "  version     {}\n", Printable(image.version));
     fmt::format_to(out, "  board code  {}\n", Printable(image.board_code));
+    if (image.vectors) {
+        fmt::format_to(out, "  stack       0x{:08x}\n", image.vectors->stack_top);
+        fmt::format_to(out, "  reset       0x{:08x}\n", image.vectors->reset);
+    }
     fmt::format_to(out, "  firmware    {}",
                    image.firmware_version.empty()
                        ? "not the simulated MCU's, or damaged"
                        : "simulated MCU, version " + Printable(image.firmware_version));
     for (const std::string& note : image.notes) fmt::format_to(out, "\n  note: {}", note);
+    for (const std::string& fault : image.faults) fmt::format_to(out, "\n  FAULT: {}", fault);
     for (const std::string& refusal : image.refusals) {
-        fmt::format_to(out, "\n  refused: {}", refusal);
+        fmt::format_to(out, "\n  FAULT: {}", refusal);
     }
-    if (image.refusals.empty()) text += "\nThe daemon accepts it.";
-    return text;
+    if (!image.size_fault.empty()) fmt::format_to(out, "\n  FAULT: {}", image.size_fault);
+    return text + (image.good() ? "\nThe image is good." : "\nThe image is NOT good.");
 }
 
 Report ReportOf(const std::string& path, const ImageReport& image) {
-    Report report{.text = TextOf(path, image),
-                  .fields = {{"file", path},
-                             {"file_size", image.file_size},
-                             {"magic", image.magic},
-                             {"header_len", image.header_len},
-                             {"image_size", image.image_size},
-                             {"version", Printable(image.version)},
-                             {"board_code", Printable(image.board_code)},
-                             {"firmware_version", Printable(image.firmware_version)},
-                             {"notes", Json::List(image.notes)},
-                             {"refusals", Json::List(image.refusals)}}};
-    if (image.refusals.empty()) return report;
+    Report report{
+        .text = TextOf(path, image),
+        .fields = {{"file", path},
+                   {"file_size", image.file_size},
+                   {"sha256", image.sha256},
+                   {"magic", image.magic},
+                   {"header_len", image.header_len},
+                   {"image_size", image.image_size},
+                   {"version", Printable(image.version)},
+                   {"board_code", Printable(image.board_code)},
+                   {"firmware_version", Printable(image.firmware_version)},
+                   {"stack_pointer", image.vectors ? Json(image.vectors->stack_top) : Json()},
+                   {"reset_vector", image.vectors ? Json(image.vectors->reset) : Json()},
+                   {"faults", Json::List(image.faults)},
+                   {"size_fault", image.size_fault},
+                   {"notes", Json::List(image.notes)},
+                   {"refusals", Json::List(image.refusals)}}};
+    if (image.good()) return report;
     report.exit_status = kExitRefused;
-    report.complaint = fmt::format("the daemon would refuse {}: {}", path, image.refusals[0]);
+    report.complaint = fmt::format("{} is not good: {}", path, image.worst());
     return report;
+}
+
+// The version of the running firmware, as far as somebody knows it.
+std::optional<std::string> McuVersion(const Context& context) {
+    const cli::Arguments& arguments = context.arguments;
+    if (arguments.Has("--mcu-version")) return arguments.Text("--mcu-version");
+    if (arguments.Has("--no-probe")) return std::nullopt;
+    Result<shdclient::HubClient> hub = ConnectHub(context);
+    if (!hub) return std::nullopt;
+    const Result<std::string> version = hub->Version(0);
+    return version ? std::optional(*version) : std::nullopt;
 }
 
 Result<std::vector<uint8_t>> Payload(const cli::Arguments& arguments) {
@@ -93,6 +118,11 @@ Outcome Build(Context& context) {
     const std::string output = context.arguments.Text("--output");
     const Result<std::vector<uint8_t>> image = BuildImage(context.arguments);
     if (!image) return image.error();
+    std::error_code none;
+    if (!context.arguments.Has("--force") && std::filesystem::exists(output, none)) {
+        return WrongUsage(
+            fmt::format("image build: {} is there already; --force replaces it", output));
+    }
     const shdclient::Status written = WriteWholeFile(output, *image);
     if (!written) return written.error();
     return ReportOf(output, ExamineImage(*image));
@@ -102,7 +132,12 @@ Outcome Show(Context& context) {
     const std::string path = context.arguments.Text("FILE");
     const Result<std::string> content = ReadWholeFile(path);
     if (!content) return content.error();
-    return ReportOf(path, ExamineImage(BytesOf(*content)));
+    const ImageReport image = ExamineImage(BytesOf(*content));
+    const std::string decision = DaemonDecision(image, McuVersion(context));
+    Report report = ReportOf(path, image);
+    report.text += fmt::format("\nAt its next start the daemon {}.", decision);
+    report.fields.Set("daemon", decision);
+    return report;
 }
 
 const cli::Options kBuildOptions{
@@ -137,6 +172,7 @@ const cli::Options kBuildOptions{
      .value = "FILE",
      .help = "Image file to write",
      .required = true},
+    {.name = "--force", .kind = cli::Kind::kFlag, .help = "Replace the file when there is one"},
 };
 
 }  // namespace
@@ -147,15 +183,25 @@ CommandRows ImageCommands() {
     return {
         {{kHeading, "image", "Build and examine the firmware image mcu.bin", {}, "", kShow}},
         {{kHeading, "image build", "Put a header in front of an MCU firmware", kBuildOptions,
-          "Exit status: 0 success, 1 written but nothing the daemon accepts, 2 not written.",
+          "Exit status: 0 success, 1 written but not good, 2 not written.",
           "shdtool image build --version 1.900.12 --payload firmware.bin -o mcu.bin\n"
           "shdtool image build --version 1.900.13 --simulated-firmware --size 200k -o mcu.bin"},
          Build},
         {{kHeading,
           "image show",
-          "Show every field of an image, and whether the daemon accepts it",
-          {{.name = "FILE", .kind = cli::Kind::kFile, .help = "The image", .required = true}},
-          "Exit status: 0 accepted, 1 refused, 2 unreadable.",
+          "Say whether an image is good, and what the daemon will do with it",
+          {{.name = "FILE", .kind = cli::Kind::kFile, .help = "The image", .required = true},
+           {.name = "--no-probe",
+            .kind = cli::Kind::kFlag,
+            .help = "Do not ask a running hub for the MCU's version"},
+           {.name = "--mcu-version",
+            .value = "TEXT",
+            .help = "Take this for the MCU's version; \"\" is an MCU that does not tell it",
+            .excludes = "--no-probe"}},
+          "An image is good when the daemon takes its header and the payload can run: it is not "
+          "blank, has no second header, and its stack pointer and reset vector lie in the memory "
+          "of the part, an STM32F411xE.\n"
+          "Exit status: 0 good, 1 not good, 2 unreadable.",
           kShow},
          Show},
     };

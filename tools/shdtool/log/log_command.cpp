@@ -77,8 +77,9 @@ class LogPrinter {
 Outcome ShowLog(Context& context) {
     const std::string path = context.arguments.Text("FILE");
     if (path == "-" && isatty(STDIN_FILENO) == 1) {
-        return WrongUsage("log: name the file that the daemon's standard error goes to, or pipe it "
-                          "in: logcat -v threadtime | shdtool log");
+        return WrongUsage(
+            "log: name the file that the daemon's standard error goes to, or pipe it "
+            "in: logcat -v threadtime | shdtool log");
     }
     Result<LogInput> input = LogInput::Open(path, context.arguments.Has("--follow"));
     if (!input) return input.error();
@@ -98,52 +99,53 @@ Outcome ShowLog(Context& context) {
 }  // namespace
 
 CommandRows LogCommands() {
-    return {{{"Files",
-              "log",
-              "Show the daemon's log, each recovery and each firmware update as one line",
-              {{.name = "FILE",
-                .kind = cli::Kind::kFile,
-                .help = "The daemon's standard error in a file, or -: standard input",
-                .standard = "-"},
-               {.name = "-f,--follow",
-                .kind = cli::Kind::kFlag,
-                .help = "Go on as the file grows, is cut short or is replaced"},
-               {.name = "--summary",
-                .kind = cli::Kind::kFlag,
-                .help = "Only recoveries, updates and restarts of the daemon",
-                .excludes = "--all"},
-               {.name = "--all",
-                .kind = cli::Kind::kFlag,
-                .help = "Every line of recoveries and updates"},
-               {.name = "--at",
-                .value = "TIME",
-                .help = "Only what begins with this time or was going on then: 04:31 or "
-                        "\"11-23 04\""},
-               {.name = "--level",
-                .kind = cli::Kind::kChoice,
-                .value = "LEVEL",
-                .help = "Only this level and above: V, D, I, W or E",
-                .standard = "V",
-                .words = "V D I W E"},
-               {.name = "--tag",
-                .kind = cli::Kind::kChoice,
-                .value = "TAG",
-                .help = "Only this tag (shd, shd_hdlc, shd_serial, update_mcu, mcu); may be repeated",
-                .words = "shd shd_hdlc shd_serial update_mcu mcu",
-                .repeated = true},
-               {.name = "--sensor",
-                .kind = cli::Kind::kSensor,
-                .value = "SENSOR",
-                .help = "Only lines that name this sensor; may be repeated",
-                .repeated = true}},
-              "A recovery is told with its cause, its length, and the sensors that are on again or "
-              "not; an update with its cause, its length and the block at which it failed. The log "
-              "counts no blocks: \"about\" means that the time tells. With --json each line is an "
-              "object of its own.",
-              "shdtool log shd.log --summary\n"
-              "shdtool log shd.log --at 04:31\n"
-              "adb logcat -v threadtime | shdtool log --follow --level W"},
-             ShowLog}};
+    return {
+        {{"Files",
+          "log",
+          "Show the daemon's log, each recovery and each firmware update as one line",
+          {{.name = "FILE",
+            .kind = cli::Kind::kFile,
+            .help = "The daemon's standard error in a file, or -: standard input",
+            .standard = "-"},
+           {.name = "-f,--follow",
+            .kind = cli::Kind::kFlag,
+            .help = "Go on as the file grows, is cut short or is replaced"},
+           {.name = "--summary",
+            .kind = cli::Kind::kFlag,
+            .help = "Only recoveries, updates and restarts of the daemon",
+            .excludes = "--all"},
+           {.name = "--all",
+            .kind = cli::Kind::kFlag,
+            .help = "Every line of recoveries and updates"},
+           {.name = "--at",
+            .value = "TIME",
+            .help = "Only what begins with this time or was going on then: 04:31 or "
+                    "\"11-23 04\""},
+           {.name = "--level",
+            .kind = cli::Kind::kChoice,
+            .value = "LEVEL",
+            .help = "Only this level and above: V, D, I, W or E",
+            .standard = "V",
+            .words = "V D I W E"},
+           {.name = "--tag",
+            .kind = cli::Kind::kChoice,
+            .value = "TAG",
+            .help = "Only this tag (shd, shd_hdlc, shd_serial, update_mcu, mcu); may be repeated",
+            .words = "shd shd_hdlc shd_serial update_mcu mcu",
+            .repeated = true},
+           {.name = "--sensor",
+            .kind = cli::Kind::kSensor,
+            .value = "SENSOR",
+            .help = "Only lines that name this sensor; may be repeated",
+            .repeated = true}},
+          "A recovery is told with its cause, its length, and the sensors that are on again or "
+          "not; an update with its cause, its length and the block at which it failed. The log "
+          "counts no blocks: \"about\" means that the time tells. With --json each line is an "
+          "object of its own.",
+          "shdtool log shd.log --summary\n"
+          "shdtool log shd.log --at 04:31\n"
+          "adb logcat -v threadtime | shdtool log --follow --level W"},
+         ShowLog}};
 }
 
 }  // namespace shdtool

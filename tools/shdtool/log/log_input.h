@@ -21,7 +21,8 @@ class LogInput {
     // Returns at the end; that of a followed file never comes: one that is cut short is read from
     // its beginning, one that another has taken the place of goes on with that. Standard input ends
     // in any case.
-    void Read(const std::function<void(std::string_view)>& line, const std::function<void()>& pause);
+    void Read(const std::function<void(std::string_view)>& line,
+              const std::function<void()>& pause);
 
   private:
     LogInput(UniqueFd fd, std::string path, bool follow)

@@ -72,10 +72,10 @@ Outcome ShowClients(Context& context) {
             shdclient::ErrorCode::kUnavailable,
             fmt::format("no daemon: nobody listens on {} or {}", paths[0], paths[1])};
     }
-    Report report{rows.empty() ? "nobody is connected"
-                               : fmt::format("{:<8} {:>8}  {:<16} {:>9} {:>9} {:>6}  {}", "SOCKET",
-                                             "PROCESS", "NAME", "UNREAD B", "UNSERVED", "BUFFER",
-                                             "STATE")};
+    Report report{rows.empty()
+                      ? "nobody is connected"
+                      : fmt::format("{:<8} {:>8}  {:<16} {:>9} {:>9} {:>6}  {}", "SOCKET",
+                                    "PROCESS", "NAME", "UNREAD B", "UNSERVED", "BUFFER", "STATE")};
     Json list = Json::List();
     size_t losing = 0;
     for (const Row& row : rows) {
