@@ -1,0 +1,8 @@
+# Debian's cross compiler for another machine, whose programs run under qemu here. SHD_TARGET is its
+# name in Debian's tool names, SHD_EMULATOR the program; scripts/cross gives both.
+set(CMAKE_TRY_COMPILE_PLATFORM_VARIABLES SHD_TARGET SHD_EMULATOR)
+set(CMAKE_SYSTEM_NAME Linux)
+string(REGEX REPLACE "-.*" "" CMAKE_SYSTEM_PROCESSOR ${SHD_TARGET})
+set(CMAKE_C_COMPILER ${SHD_TARGET}-gcc)
+set(CMAKE_CXX_COMPILER ${SHD_TARGET}-g++)
+set(CMAKE_CROSSCOMPILING_EMULATOR ${SHD_EMULATOR} -L /usr/${SHD_TARGET})
