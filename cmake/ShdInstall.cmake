@@ -53,6 +53,7 @@ shd_generated(shdtool ${CMAKE_INSTALL_DATADIR}/bash-completion/completions runti
   shdtool completion bash)
 shd_generated(_shdtool ${CMAKE_INSTALL_DATADIR}/zsh/site-functions runtime shdtool completion zsh)
 shd_generated(shdtool.1 ${CMAKE_INSTALL_MANDIR}/man1 runtime shdtool --manual)
+shd_generated(mcusim.1 ${CMAKE_INSTALL_MANDIR}/man1 dev mcusim --manual)
 get_property(generated GLOBAL PROPERTY SHD_GENERATED_FILES)
 add_custom_target(shd_generated_files ALL DEPENDS ${generated})
 

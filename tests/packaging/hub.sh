@@ -37,7 +37,7 @@ eventually() {
 
 # start_board TREE: the simulated MCU and its lines.
 start_board() {
-    "$bin/mcusim" --root "$1" </dev/null >"$work/mcusim.log" 2>&1 &
+    "${bin:?}/mcusim" --root "$1" </dev/null >"$work/mcusim.log" 2>&1 &
     pids+=($!)
     eventually "mcusim is ready" grep -q ready "$work/mcusim.log"
 }
@@ -48,13 +48,13 @@ start_daemon() {
     shift
     SHD_ROOT=$tree "$@" >/dev/null 2>"$tree.log" &
     pids+=($!)
-    eventually "the daemon answers" "$bin/shdtool" --root "$tree" --timeout 20 selftest step-detector
+    eventually "the daemon answers" "${bin:?}/shdtool" --root "$tree" --timeout 20 selftest step-detector
 }
 
 # events_flow TREE: thirty samples of a sensor switched on reach a client.
 events_flow() {
-    "$bin/shdtool" --root "$1" enable accelerometer --rate 50
-    timeout 60 "$bin/shdtool" --root "$1" watch accelerometer --count 30 >"$work/events"
+    "${bin:?}/shdtool" --root "$1" enable accelerometer --rate 50
+    timeout 60 "${bin:?}/shdtool" --root "$1" watch accelerometer --count 30 >"$work/events"
     [ "$(grep -c '^accelerometer  .*m/s^2' "$work/events")" -eq 30 ] ||
         fail "not thirty samples: $(cat "$work/events")"
 }

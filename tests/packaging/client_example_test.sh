@@ -1,0 +1,51 @@
+#!/usr/bin/env bash
+# The guide's program, built against an installed client library by find_package and by pkg-config,
+# follows a hub across a restart of its daemon; each installed header compiles alone.
+# Usage: client_example_test.sh BUILD_DIRECTORY [PREFIX]; called by ctest, and for the packages.
+set -euo pipefail
+cd "$(dirname "$0")/../.."
+build=$(realpath "${1:?usage: client_example_test.sh BUILD_DIRECTORY [PREFIX]}")
+bin=$build/bin
+source tests/packaging/hub.sh
+
+prefix=${2:-$work/prefix}
+[ -n "${2:-}" ] || cmake --install "$build" --prefix "$prefix" --component dev >/dev/null
+
+# fenced LANGUAGE: the first such block of the guide.
+fenced() {
+    sed -n "/^\`\`\`$1\$/,/^\`\`\`\$/p" docs/integration.md | sed '1d;$d'
+}
+mkdir "$work/example"
+fenced cpp >"$work/example/example.cpp"
+{
+    echo "cmake_minimum_required(VERSION 3.25)"
+    echo "project(example LANGUAGES CXX)"
+    echo "add_executable(my_hal example.cpp)"
+    fenced cmake
+} >"$work/example/CMakeLists.txt"
+cmake -S "$work/example" -B "$work/example/build" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" \
+    -DCMAKE_CXX_FLAGS="-Wall -Wextra -Werror" >/dev/null
+cmake --build "$work/example/build" -- --quiet
+
+PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name shdclient.pc)")
+export PKG_CONFIG_PATH
+read -r -a flags <<<"$(pkg-config --cflags --libs shdclient)"
+g++ -std=c++20 -o "$work/by_pkg_config" "$work/example/example.cpp" "${flags[@]}"
+while read -r header; do
+    g++ -std=c++20 -fsyntax-only -fno-exceptions -fno-rtti -x c++ "${flags[0]}" - \
+        <<<"#include \"$header\"" || fail "$header does not compile alone"
+done < <(find "$prefix/include/shdclient" -name '*.h' -printf '%P\n')
+
+start_board "$work/tree"
+start_daemon "$work/tree" "$bin/shd"
+SHD_ROOT=$work/tree timeout 100 "$work/example/build/my_hal" 100 >"$work/seen" &
+example=$!
+pids+=("$example")
+eventually "ten samples" sh -c "[ \$(grep -c 'm/s^2' '$work/seen') -ge 10 ]"
+grep -q "flush complete" "$work/seen" || fail "the flush never ended"
+kill "${pids[1]}"
+wait "${pids[1]}" || true
+start_daemon "$work/tree" "$bin/shd"
+wait "$example" || fail "the example ended with $?: $(tail -n 3 "$work/seen")"
+sed -n '/^reconnected/,$p' "$work/seen" | grep -q 'm/s^2' || fail "no samples of the new daemon"
+SHD_ROOT=$work/tree timeout 60 "$work/by_pkg_config" 10 >/dev/null || fail "that of pkg-config failed"

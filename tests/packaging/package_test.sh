@@ -1,0 +1,61 @@
+#!/usr/bin/env bash
+# The packages, installed into a clean root: the installed daemon serves events on the sockets of its
+# units, as a service manager hands them over, and the removal leaves nothing.
+# Usage: package_test.sh DIRECTORY (of the packages); called by scripts/check, as root.
+set -euo pipefail
+cd "$(dirname "$0")/../.."
+packages=$(realpath "${1:?usage: package_test.sh DIRECTORY}")
+source tests/packaging/hub.sh
+root=$work/root
+bin=$root/usr/bin
+
+[ "$(id -u)" -eq 0 ] || fail "installing packages takes root"
+mkdir -p "$root/etc" "$root"/var/lib/dpkg/{info,updates} "$root"/proc/{mcu,mcusleep}
+touch "$root/var/lib/dpkg/status" "$root/etc/passwd" "$root/etc/group" "$root/etc/shadow" \
+    "$root/etc/gshadow"
+echo 0 >"$root/proc/mcusleep/lpm"
+find "$root" -not -path "$root/var*" | sort >"$work/before"
+
+# on_root OPTION...: dpkg on the root; the scripts run outside and are told by DPKG_ROOT.
+on_root() {
+    dpkg --root="$root" --force-depends --force-script-chrootless --log=/dev/null "$@" \
+        >"$work/dpkg.log" 2>&1 || fail "dpkg $*: $(cat "$work/dpkg.log")"
+}
+on_root --install "$packages"/*.deb
+
+grep -q '^shd:' "$root/etc/passwd" || fail "no user shd"
+for path in data/mcudumplog data/logdata/sensor data/property nvdata; do
+    [ -d "$root/$path" ] || fail "no $path"
+done
+[ "$(cat "$root/proc/mcusleep/lpm")" = 1 ] || fail "the low-power file is not given back"
+[ -L "$root/etc/systemd/system/multi-user.target.wants/shd.service" ] || fail "not part of the boot"
+for page in man8/shd.8 man1/shdtool.1; do
+    page=$root/usr/share/man/$page
+    [ "$(file -b --mime-type "$page")" != application/gzip ] || gunzip "$page"
+    groff -man -ww -Tutf8 "$page" 2>&1 >/dev/null | tee "$work/groff"
+    [ ! -s "$work/groff" ] || fail "$page: groff complains"
+done
+bash -n "$root/usr/share/bash-completion/completions/shdtool"
+tests/packaging/client_example_test.sh build-release "$root/usr"
+
+# As shd.service starts it, from the units' own words. The launcher waits for a first client.
+unit=$root/usr/lib/systemd/system
+field() { sed -n "s/^$2=//p" "$unit/$1"; }
+read -r launcher daemon < <(field shd.service ExecStart)
+tree=$work/tree
+start_board "$tree"
+listen=() names=
+for socket in $(field shd.service Sockets); do
+    listen+=(--listen="$tree$(field "$socket" ListenStream)")
+    names+=${names:+:}$(field "$socket" FileDescriptorName)
+done
+start_daemon "$tree" systemd-socket-activate -E SHD_ROOT="$tree" "${listen[@]}" --fdname="$names" \
+    "$root$launcher" "$root$daemon"
+! grep -q "from environment" "$tree.log" || fail "the sockets were not taken"
+events_flow "$tree"
+
+on_root --purge shd libshdclient-dev
+find "$root" -not -path "$root/var*" | sort >"$work/after"
+sed -i -E "\|^$root/etc/(passwd\|group\|shadow\|gshadow)-\$|d;\|^$root/etc/.pwd.lock\$|d" "$work/after"
+diff "$work/before" "$work/after" || fail "the removal left or took something"
+! grep -q -e '^shd:' -e '^sensors:' "$root/etc/passwd" "$root/etc/group" || fail "user or group left"
