@@ -38,7 +38,7 @@ struct RebootTest : testing::Test, TestHub {
     // Runs a recovery that gives up with the given line.
     Lines LogOfFailure(const std::string& last) {
         SensorMcuReboot(&hub);
-        const Lines log = TakeJournal({"shd", "shd_serial", "update_mcu"});
+        const Lines log = TakeJournal({"line", "shd", "shd_serial", "update_mcu"});
         EXPECT_EQ(log[log.size() - 3], last);
         EXPECT_EQ(log.back(), "D/shd SensorWakeLockAcquiredLocked :0");
         EXPECT_EQ(g_mcu_rebooting + g_mcu_rebooted, 0);
@@ -110,6 +110,7 @@ TEST_F(RebootTest, PortIsOpenedAgainUntilTheTwelfthAttempt) {
     Lines log = LogOfFailure("E/shd SensorMcuReboot init UART timeout index:11 update mcu failure");
     EXPECT_EQ(Count(log, failure), 12);
     EXPECT_EQ(Count(log, "W/shd SensorMcuReboot init UART timeout update mcu"), 1);
+    EXPECT_EQ(Count(log, "line taken"), 13);  // each attempt and the update
     // A port that opens at that attempt is followed by one update, then by the handshake.
     WriteFirmwareImage("1.900", "x");
     int attempts = 0;
