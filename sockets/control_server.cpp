@@ -39,19 +39,16 @@ int ControlServer::Reply(int client, const shd::ControlReply& reply) {
 void ControlServer::RequestQueued(int client) {
     const MutexLock lock(clients_mutex_);
     OpenRequests& open = open_requests_[static_cast<size_t>(client)];
-    if (++open.own == kMaxOpenRequests) open.held_back = true;
+    ++open.own;
+    if (open.count() >= kMaxOpenRequests) open.held_back = true;
 }
 
 void ControlServer::RequestDone(int client) {
     {
         const MutexLock lock(clients_mutex_);
         OpenRequests& open = open_requests_[static_cast<size_t>(client)];
-        if (open.orphaned > 0) {
-            --open.orphaned;
-            return;
-        }
-        --open.own;
-        if (!open.held_back || open.own > kMaxOpenRequests / 2) return;
+        --(open.orphaned > 0 ? open.orphaned : open.own);
+        if (!open.held_back || open.count() > kMaxOpenRequests / 2) return;
         open.held_back = false;
     }
     Wake();
@@ -63,5 +60,5 @@ bool ControlServer::IsHeldBack(int client) const {
 
 void ControlServer::ForgetClient(int client) {
     OpenRequests& open = open_requests_[static_cast<size_t>(client)];
-    open = {open.orphaned + open.own, 0, false};
+    open = {open.count(), 0, open.held_back};
 }

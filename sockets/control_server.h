@@ -36,7 +36,9 @@ class ControlServer final : public SocketServer {
     void ForgetClient(int client) override REQUIRES(clients_mutex_);
 
   private:
-    // A client with this many requests queued is not read from until half of them are done.
+    // A client is not read from while this many requests of its number are queued, until half of
+    // them are done. Those of clients that have gone count as well: they come before its own
+    // anyway, and clients in quick succession must not fill the memory either.
     static constexpr uint32_t kMaxOpenRequests = 4096;
 
     // The requests that came from one descriptor's number and are queued or running. They are
@@ -46,6 +48,8 @@ class ControlServer final : public SocketServer {
         uint32_t orphaned = 0;
         uint32_t own = 0;
         bool held_back = false;
+
+        [[nodiscard]] uint32_t count() const { return orphaned + own; }
     };
 
     void RequestQueued(int client) EXCLUDES(clients_mutex_);

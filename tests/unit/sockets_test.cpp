@@ -40,6 +40,22 @@ struct ControlServerTest : testing::Test, TestHub {
         control_server.ServeOnce();
         return client;
     }
+    // The server's next pass ends when that many requests have been executed, and not before.
+    template <typename Execution>
+    void ExpectWokenAfter(int requests, Execution execute) {
+        std::atomic<pid_t> server_id{0};
+        std::atomic<bool> awake{false};
+        std::thread server([&] {
+            server_id = gettid();
+            Serve(1);
+            awake = true;
+        });
+        while (!IsAsleep(server_id) && !awake) sched_yield();
+        execute(requests - 1);
+        EXPECT_FALSE(awake);
+        execute(1);
+        server.join();
+    }
     void Serve(int passes) {
         while (passes-- > 0) control_server.ServeOnce();
     }
@@ -169,14 +185,6 @@ TEST_F(ControlServerTest, ClientWith4096OpenRequestsIsNotReadUntilHalfAreDone) {
     Serve(4096);
     Ask(other, 100);
     Serve(1);
-    std::atomic<pid_t> server_id{0};
-    std::atomic<bool> awake{false};
-    std::thread server([&] {
-        server_id = gettid();
-        Serve(1);
-        awake = true;
-    });
-    while (!IsAsleep(server_id) && !awake) sched_yield();
     std::vector<int32_t> replies;
     const auto execute = [&](int requests) {
         while (requests-- > 0) {
@@ -184,10 +192,7 @@ TEST_F(ControlServerTest, ClientWith4096OpenRequestsIsNotReadUntilHalfAreDone) {
             for (const int32_t handle : Replies(greedy)) replies.push_back(handle);
         }
     };
-    execute(2047);
-    EXPECT_FALSE(awake);  // nobody was ready, and none too early
-    execute(1);
-    server.join();
+    ExpectWokenAfter(2048, execute);
     Serve(904);
     execute(2048 + 1 + 904);
     // Never two at a time: one wake-up costs one pass.
@@ -196,6 +201,21 @@ TEST_F(ControlServerTest, ClientWith4096OpenRequestsIsNotReadUntilHalfAreDone) {
     EXPECT_EQ(Replies(other), Handles{100});
     ASSERT_EQ(replies.size(), 5000U);
     for (int32_t i = 0; i < 5000; ++i) ASSERT_EQ(replies[static_cast<size_t>(i)], 1000 + i);
+}
+
+TEST_F(ControlServerTest, RequestsOfAClientThatHasGoneCountForItsSuccessor) {
+    UniqueFd gone = Accepted();
+    Ask(gone, 0, 4095);
+    Serve(4095);
+    gone.Reset();
+    Serve(1);
+    const UniqueFd next = Accepted();
+    Ask(next, 5000, 2);
+    Serve(1);
+    ExpectWokenAfter(2048, [this](int requests) { Execute(requests); });
+    Serve(1);
+    Execute(2047 + 2);
+    EXPECT_EQ(Replies(next), (Handles{5000, 5001}));
 }
 
 struct DataServerTest : testing::Test, TestHub {};
