@@ -60,13 +60,15 @@ int Send(const Call& call, const ControlReply& reply) {
     return call.hub->control_server->Reply(call.client, reply);
 }
 
-int Answer(const Call& call, int32_t result) {
-    Send(call, MakeReply(call.request.handle, call.request.command, result));
-    return 0;
+// The reply of a command that has a handler, as its facts say.
+ControlReply ReplyTo(const Call& call, int32_t result) {
+    const CommandFacts* facts = FindCommand(call.request.command);
+    return MakeReply(facts->mcu_wide ? 0 : call.request.handle, facts->reply_command, result);
 }
 
-int AnswerMcuWide(const Call& call, int32_t result) {
-    return Send(call, MakeReply(0, call.request.command, result));
+int Answer(const Call& call, int32_t result) {
+    Send(call, ReplyTo(call, result));
+    return 0;
 }
 
 int AnswerError(const Call& call) {
@@ -125,36 +127,33 @@ int SetParameter(const Call& call) {
 }
 
 int Calibrate(const Call& call) {
-    ControlReply reply = MakeReply(call.request.handle, call.request.command, 0);
+    ControlReply reply = ReplyTo(call, 0);
     reply.result = SensorCalibration(call.hub, call.id, reply.data);
     Send(call, reply);
     return 0;
 }
 
 int SetMcuLogLevel(const Call& call) {
-    const int result = McuLogLevel(call.hub, call.request.args[0], call.request.args[1]);
-    AnswerMcuWide(call, result);
-    return 0;
+    return Answer(call, McuLogLevel(call.hub, call.request.args[0], call.request.args[1]));
 }
 
 int ConfigureRawData(const Call& call) {
     const auto type = call.Argument<uint16_t>();
     const int result = McuRawDataConfig(call.hub, type);
     LOGD("ProcessMcuRawDataConifg type:%d", type);
-    AnswerMcuWide(call, result);
-    return 0;
+    return Answer(call, result);
 }
 
 int ConfigureHealth(const Call& call) {
     const auto param = call.Argument<McuHealthParam>();
-    if (AnswerMcuWide(call, McuHealthConfig(call.hub, &param)) == 0) return 0;
+    if (Send(call, ReplyTo(call, McuHealthConfig(call.hub, &param))) == 0) return 0;
     LOGE("ProcessMcuHealthConifg sensorhub_sendmsg failure\n");
     return -1;
 }
 
 int ConfigureDateTime(const Call& call) {
     const auto seconds = call.Argument<uint32_t>();
-    if (AnswerMcuWide(call, McuDateTimeConfig(call.hub, seconds)) == 0) return 0;
+    if (Send(call, ReplyTo(call, McuDateTimeConfig(call.hub, seconds))) == 0) return 0;
     LOGE("ProcessDateTimeConifg sensorhub_sendmsg failure\n");
     return -1;
 }
@@ -190,7 +189,7 @@ int Flush(const Call& call) {
 }
 
 int GetInformation(const Call& call) {
-    ControlReply reply = MakeReply(call.request.handle, call.request.command, 0);
+    ControlReply reply = ReplyTo(call, 0);
     SensorGetInfo(call.hub, call.id, TextOf(&reply));  // a failure shows as an empty text
     Send(call, reply);
     return 0;
@@ -198,7 +197,7 @@ int GetInformation(const Call& call) {
 
 int GetMcuVersion(const Call& call) {
     const auto number = call.Argument<uint16_t>();
-    ControlReply reply = MakeReply(0, FindCommand(SHB_MCU_VERSION)->reply_command, 0);
+    ControlReply reply = ReplyTo(call, 0);
     const int result = SensorVersion(call.hub, number, TextOf(&reply));
     LOGD("ProcessMcuVersion type:%d ret:%d", number, result);
     Send(call, reply);
@@ -210,8 +209,7 @@ int SwitchDebugLog(const Call& call) {
     g_shd_log_debug = flag;
     property_set(kDebugProperty, std::to_string(flag).c_str());
     LOGD("ProcessMessage SHB_DEBUG_LOG flag:%d!", flag);
-    AnswerMcuWide(call, 0);
-    return 0;
+    return Answer(call, 0);
 }
 
 int LogSleep(const Call& /*call*/) {
@@ -248,6 +246,8 @@ constexpr CommandHandler kHandlers[] = {
     {SHB_MCU_SLEEP, LogSleep},
     {SHB_MCU_WAKEUP, LogWakeup},
 };
+
+static_assert(std::size(kHandlers) == std::size(kCommands));
 
 // Virtual sensors are answered here, whatever the command, also while the MCU is away.
 int ProcessVirtualSensor(const Call& call) {
