@@ -105,7 +105,7 @@ void ExpectFailure(const char* fault, const Lines&... lines) {
     EXPECT_EQ(hub.ReadFile(kVersionProperty), "");
 }
 
-TEST(Update, FailsAsPrescribedAtEachStage) {
+TEST(Update, FailsInItsOwnWayAtEachStage) {
     constexpr const char* kSilence = "read mcu_send_cmd return 0,error!";
     constexpr const char* kNack = "read mcu_send_cmd return 1f,error!";
     constexpr const char* kBegin = "begin write mcu memory!";
