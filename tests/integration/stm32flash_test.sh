@@ -5,6 +5,10 @@ set -euo pipefail
 
 readonly kImageSize=204800 kFlashSize=524288 kFlashBase=0x08000000
 bin=${1:?usage: stm32flash_test.sh BINARY_DIRECTORY}
+if ! command -v stm32flash >/dev/null; then
+    echo "skipped: stm32flash is not installed (scripts/setup installs it)"
+    exit 77
+fi
 work=$(mktemp -d)
 root=$work/root
 sim=

@@ -16,7 +16,10 @@ namespace {
 // The hub of scripts/run, empty: none. A link that a killed run has left behind, whose simulator is
 // gone, and one of another user's, count as none.
 std::string FindDemoHub() {
-    const std::string link = "/tmp/shd-demo-" + std::to_string(getuid());
+    const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+    const std::string link =
+        std::string(runtime != nullptr && *runtime != '\0' ? runtime : "/tmp") + "/shd-demo-" +
+        std::to_string(getuid());
     struct stat state {};
     if (lstat(link.c_str(), &state) != 0 || !S_ISLNK(state.st_mode) || state.st_uid != getuid()) {
         return "";
