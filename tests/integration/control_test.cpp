@@ -28,7 +28,7 @@ ControlReply TextReply(int32_t handle, int32_t command, std::string_view text) {
     return reply;
 }
 
-TEST(Control, EveryCommandIsAnsweredAsPrescribed) {
+TEST(Control, EveryCommandIsAnsweredInItsOwnForm) {
     Hub hub;
     hub.StartUp();
     hub.Simulate("status 33 0 5 1");
