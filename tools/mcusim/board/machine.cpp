@@ -1,8 +1,11 @@
 // The simulated machine.
 #include "tools/mcusim/board/machine.h"
 
+#include <fmt/core.h>
+
 #include <algorithm>
-#include <nlohmann/json.hpp>
+#include <string_view>
+#include <type_traits>
 
 #include "tools/mcusim/application/dump_builder.h"
 
@@ -10,6 +13,32 @@ namespace mcusim {
 namespace {
 
 constexpr size_t kMaxInputBytes = 4096;
+
+// One line of JSON, in the order of the additions. The whole of a JSON library would cost more
+// compiling than the rest of the simulator.
+class JsonObject {
+  public:
+    template <typename Number>
+    requires std::is_arithmetic_v<Number>
+    void Add(std::string_view name, Number value) { AddText(name, fmt::format("{}", value)); }
+    void Add(std::string_view name, const JsonObject& value) { AddText(name, value.Text()); }
+    void Add(std::string_view name, std::string_view value) {
+        std::string quoted = "\"";
+        for (const char c : value) {
+            if (c == '"' || c == '\\') quoted += '\\';
+            quoted += static_cast<unsigned char>(c) < ' ' ? '?' : c;
+        }
+        AddText(name, quoted + '"');
+    }
+    [[nodiscard]] std::string Text() const { return "{" + text_ + "}"; }
+
+  private:
+    void AddText(std::string_view name, const std::string& value) {
+        text_ += fmt::format("{}\"{}\":{}", text_.empty() ? "" : ",", name, value);
+    }
+
+    std::string text_;
+};
 
 }  // namespace
 
@@ -106,43 +135,42 @@ std::vector<uint8_t> Machine::Crash(TimePoint now, int pieces, bool ask_for_rese
 }
 
 std::string Machine::Stats(TimePoint now) const {
-    nlohmann::ordered_json sensors;
+    JsonObject sensors;
     for (const SensorBank::Channel& channel : application.sensors().channels()) {
-        sensors[std::string(channel.traits->name)] = {
-            {"id", channel.traits->id},
-            {"active", channel.active},
-            {"period_ms", channel.period_ms},
-            {"batch", channel.batch},
-            {"generated", channel.generated},
-            {"sent", channel.sent},
-            {"dropped", channel.dropped},
-            {"discarded", channel.discarded},
-            {"pending", channel.pending_samples()},
-            {"reports", channel.reports},
-        };
+        JsonObject sensor;
+        sensor.Add("id", channel.traits->id);
+        sensor.Add("active", channel.active);
+        sensor.Add("period_ms", channel.period_ms);
+        sensor.Add("batch", channel.batch);
+        sensor.Add("generated", channel.generated);
+        sensor.Add("sent", channel.sent);
+        sensor.Add("dropped", channel.dropped);
+        sensor.Add("discarded", channel.discarded);
+        sensor.Add("pending", channel.pending_samples());
+        sensor.Add("reports", channel.reports);
+        sensors.Add(channel.traits->name, sensor);
     }
-    const nlohmann::ordered_json stats = {
-        {"uptime_s", Seconds(now)},
-        {"mode", board.ModeName()},
-        {"version", RunningVersion(flash).value_or("")},
-        {"resets", board.resets()},
-        {"crashes", crashes_},
-        {"power_cuts", board.power_cuts()},
-        {"blocks_written", bootloader.blocks_written()},
-        {"wakeups", wakeups_},
-        {"frames_in", application.frames_in()},
-        {"bad_frames_in", application.bad_frames_in()},
-        {"frames_out", transmitter.frames_out()},
-        {"frames_refused", transmitter.frames_refused()},
-        {"raw_data_messages", application.raw_data().messages()},
-        {"fault_dropped_in", faults.dropped_in()},
-        {"fault_dropped_out", faults.dropped_out()},
-        {"fault_corrupted_out", faults.corrupted_out()},
-        {"line_bytes_in", line.bytes_in()},
-        {"line_bytes_out", line.bytes_out()},
-        {"sensors", sensors},
-    };
-    return stats.dump();
+    JsonObject stats;
+    stats.Add("uptime_s", Seconds(now));
+    stats.Add("mode", board.ModeName());
+    stats.Add("version", RunningVersion(flash).value_or(""));
+    stats.Add("resets", board.resets());
+    stats.Add("crashes", crashes_);
+    stats.Add("power_cuts", board.power_cuts());
+    stats.Add("blocks_written", bootloader.blocks_written());
+    stats.Add("wakeups", wakeups_);
+    stats.Add("frames_in", application.frames_in());
+    stats.Add("bad_frames_in", application.bad_frames_in());
+    stats.Add("frames_out", transmitter.frames_out());
+    stats.Add("frames_refused", transmitter.frames_refused());
+    stats.Add("raw_data_messages", application.raw_data().messages());
+    stats.Add("fault_dropped_in", faults.dropped_in());
+    stats.Add("fault_dropped_out", faults.dropped_out());
+    stats.Add("fault_corrupted_out", faults.corrupted_out());
+    stats.Add("line_bytes_in", line.bytes_in());
+    stats.Add("line_bytes_out", line.bytes_out());
+    stats.Add("sensors", sensors);
+    return stats.Text();
 }
 
 }  // namespace mcusim
