@@ -40,7 +40,7 @@ int FakeUart::Answer(int fd) {
 TerminalUart::TerminalUart() : master_(posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK)) {
     if (grantpt(master_.get()) != 0 || unlockpt(master_.get()) != 0) std::abort();
     const std::string name = ptsname(master_.get());
-    slave_.Reset(open(name.c_str(), O_RDWR | O_NOCTTY));
+    slave_.Reset(open(name.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
     LinkFile("/dev/ttyHSL1", name);
 }
 

@@ -4,6 +4,8 @@
 #include <android/log.h>
 #include <cutils/properties.h>
 #include <cutils/sockets.h>
+#include <fcntl.h>
+#include <termios.h>
 #include <unistd.h>
 #include <utils/SystemClock.h>
 
@@ -24,6 +26,7 @@
 #include "platform/delay.h"
 #include "platform/device_path.h"
 #include "platform/mutex.h"
+#include "protocol/system.h"
 
 namespace fs = std::filesystem;
 
@@ -218,6 +221,32 @@ int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, T
                           void* argument) {
     const int error = g_hooks.on_thread ? g_hooks.on_thread() : 0;
     return error != 0 ? error : __real_pthread_create(thread, attributes, entry, argument);
+}
+
+int __real_tcsetattr(int fd, int action, const termios* settings);
+int __wrap_tcsetattr(int fd, int action, const termios* settings);
+
+int __wrap_tcsetattr(int fd, int action, const termios* settings) {
+    const int result = __real_tcsetattr(fd, action, settings);
+    if (g_hooks.on_settings) g_hooks.on_settings(*settings);
+    return result;
+}
+
+int __real_open(const char* path, int flags, ...);
+int __wrap_open(const char* path, int flags, ...);
+
+int __wrap_open(const char* path, int flags, ...) {
+    const bool terminal = std::string_view(path).ends_with(shd::kUartPath);
+    const int needed = terminal ? O_CLOEXEC | O_NOCTTY : O_CLOEXEC;
+    if ((flags & needed) != needed) {
+        std::fprintf(stderr, "%s opened without O_CLOEXEC or O_NOCTTY\n", path);
+        std::abort();
+    }
+    va_list rest;
+    va_start(rest, flags);
+    const auto mode = (flags & O_CREAT) != 0 ? va_arg(rest, mode_t) : mode_t{0};
+    va_end(rest);
+    return __real_open(path, flags, mode);
 }
 }
 

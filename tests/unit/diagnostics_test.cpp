@@ -75,8 +75,9 @@ TEST_F(RawDataTest, SummariesAndMarkersCarryTheLocalTime) {
 TEST_F(RawDataTest, SamplesAreWrittenWhenTheLastMessageOfARunHasCome) {
     Raw("00 00 01 01 00 FF FF 00 80 02 00 03 00 FF 7F");
     EXPECT_EQ(ReadFile(kAlg), "1 1 -1 -32768\n1 2 3 32767\n");
-    Raw("01 00 05 01 00 02 00 03 00 04 00 FF FF 06 00 07 00 08 00 09 00 0A 00 AA BB CC");
-    EXPECT_EQ(ReadFile(kHrm), "5 1 2 3 4 65535\n5 6 7 8 9 10\n");  // the odd bytes are dropped
+    Raw("01 00 05 FF FF FE FF FD FF FC FF FB FF 06 00 07 00 08 00 09 00 0A 00 AA BB CC");
+    EXPECT_EQ(ReadFile(kHrm),
+              "5 65535 65534 65533 65532 65531\n5 6 7 8 9 10\n");  // the odd bytes are dropped
     for (int i = 0; i < 3; ++i) RawOfSize("00 00 01", 512);
     EXPECT_EQ(ReadFile(kAlg).size(), 26U);
     RawOfSize("00 00 01", 103);

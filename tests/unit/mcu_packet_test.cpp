@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
+
 #include "tests/support/test_hub.h"
 
 namespace {
@@ -22,7 +24,8 @@ TEST(McuPacket, BuildersMakeKnownFrames) {
     BuildDelayPacket(&packet, 33, 200);
     EXPECT_EQ(FrameOf(packet), "01 00 21 02 C8 00 00 00 0E 4B 7E");
     ClearPacket(&packet);
-    EXPECT_EQ(packet.raw_len + packet.frame_len + packet.raw[0] + packet.frame[0], 0);
+    const McuPacket empty{};
+    EXPECT_EQ(std::memcmp(&packet, &empty, sizeof(packet)), 0);
 }
 
 TEST(McuPacket, ArgumentsThatDoNotFitAreLeftOut) {
@@ -37,7 +40,7 @@ TEST(McuPacket, ArgumentsThatDoNotFitAreLeftOut) {
         McuPacket packet{};
         BuildSensorPacket(&packet, 16, 0x13);
         AppendArguments(&packet, arguments);
-        EXPECT_EQ(packet.raw_len, c.raw_len);
+        EXPECT_EQ(packet.raw_len, c.raw_len) << c.plain << " " << c.escaped;
         EXPECT_EQ(packet.frame_len, c.frame_len) << c.plain << " " << c.escaped;
     }
 }
@@ -50,17 +53,22 @@ TEST(McuMessage, HeadersAreParsedByChannelAndMalformedFramesRejected) {
         04                   | 04 00 00 00 |
         05 01 02 03 04       | 05 00 00 00 | 01 02 03 04
         07 FF                | 07 00 00 00 | FF)")) {
+        McuMessagePtr used = AllocMcuMessage(0);
+        std::memset(used.get(), 0xEE, sizeof(*used));
+        used.reset();  // the next message gets this block
         const auto message = Message(row[0]);
         const uint8_t header[] = {message->channel, message->type, message->service, message->cmd};
-        EXPECT_EQ(Hex(header), row[1]);
-        EXPECT_EQ(Hex(message->payload()), row[2]);
-        EXPECT_EQ(message->data[511], 0);
+        EXPECT_EQ(Hex(header), row[1]) << row[0];
+        EXPECT_EQ(Hex(message->payload()), row[2]) << row[0];
+        const auto size = static_cast<size_t>(message->data_len);
+        const std::vector<uint8_t> behind(message->data + size, std::end(message->data));
+        EXPECT_EQ(behind, std::vector<uint8_t>(512 - size)) << row[0];
     }
     for (const auto* frame : {"", "01 02 03", "01", "00 05", "00", "02 00 00 00", "03 00 00 00",
                               "06 00 00 00", "08 00 00 00", "FF 00 00 00"}) {
         McuMessagePtr message;
         EXPECT_EQ(ParseMcuMessage(Bytes(frame), &message), -1) << frame;
-        EXPECT_EQ(message, nullptr);
+        EXPECT_EQ(message, nullptr) << frame;
     }
 }
 

@@ -41,7 +41,8 @@ struct RebootTest : testing::Test, TestHub {
         const Lines log = TakeJournal({"line", "shd", "shd_serial", "update_mcu"});
         EXPECT_EQ(log[log.size() - 3], last);
         EXPECT_EQ(log.back(), "D/shd SensorWakeLockAcquiredLocked :0");
-        EXPECT_EQ(g_mcu_rebooting + g_mcu_rebooted, 0);
+        EXPECT_EQ(g_mcu_rebooting, 0);
+        EXPECT_EQ(g_mcu_rebooted, 0);
         return log;
     }
     FakeUart uart;

@@ -213,8 +213,10 @@ TEST_F(CommandTest, TextsAreBounded) {
     }
     char text[256] = {};
     mcu.script = {"", "", FakeMcu::kSilence};
-    EXPECT_EQ(SensorGetInfo(h, 16, text) + SensorVersion(h, 7, text), -2);
-    EXPECT_EQ(SensorGetInfo(h, 16, nullptr) + SensorVersion(h, 0, nullptr), -2);
+    EXPECT_EQ(SensorGetInfo(h, 16, text), -1);
+    EXPECT_EQ(SensorVersion(h, 7, text), -1);
+    EXPECT_EQ(SensorGetInfo(h, 16, nullptr), -1);
+    EXPECT_EQ(SensorVersion(h, 0, nullptr), -1);
     EXPECT_EQ(TakeJournal({"mcu", "shd"}), List(R"(
         mcu 01 00 10 22 | E/shd Sensor GetInfo :16 data len < 1
         mcu 01 00 0F 01 | E/shd Sensor Version :7 data len < 1

@@ -1,4 +1,5 @@
 // The two socket servers: records, clients that leave or ask for too much, shortage of descriptors.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sched.h>
@@ -219,6 +220,21 @@ TEST_F(ControlServerTest, RequestsOfAClientThatHasGoneCountForItsSuccessor) {
 }
 
 struct DataServerTest : testing::Test, TestHub {};
+
+TEST_F(DataServerTest, DescriptorsAreNotInherited) {
+    const auto inherited = [] {
+        std::vector<int> found;
+        for (int fd = 0; fd < FD_SETSIZE; ++fd) {
+            if (fcntl(fd, F_GETFD) == 0) found.push_back(fd);
+        }
+        return found;
+    };
+    const auto before = inherited();
+    DataServer server(Listen("/other.sock").Release());
+    const UniqueFd client = Connect("/other.sock");
+    server.ServeOnce();
+    EXPECT_EQ(inherited(), before);
+}
 
 TEST_F(DataServerTest, WhatAClientSendsIsDiscardedAndItsEndNoticed) {
     testing::internal::CaptureStdout();

@@ -72,7 +72,8 @@ TEST_F(StartupTest, SocketThatCannotListenEndsTheProcess) {
         rlimit limit{};
         getrlimit(RLIMIT_CORE, &limit);
         EXPECT_EQ(limit.rlim_cur, limit.rlim_max);
-        setenv("ANDROID_SOCKET_shdctl", std::to_string(open("/dev/null", O_RDONLY)).c_str(), 1);
+        const int no_socket = open("/dev/null", O_RDONLY | O_CLOEXEC);
+        setenv("ANDROID_SOCKET_shdctl", std::to_string(no_socket).c_str(), 1);
         std::atexit([] {
             EXPECT_EQ(TakeJournal(),
                       List(R"(E/shd Listen on socket failed: Socket operation on non-socket\n)"));
@@ -101,12 +102,14 @@ TEST_F(StartupTest, ReaderThatCannotBeCreatedEndsTheStartUnderRunningServers) {
         FakeUart uart;
         uart.script = {Hex(Frame("01 01 0F 00 31 2E 39 30 30 00"))};
         WriteFirmwareImage("1.900", "x");
-        g_hooks.on_local_server = [](const std::string& name) {
-            return Listen("/" + name).Release();
+        std::vector<int> sockets;
+        g_hooks.on_local_server = [&sockets](const std::string& name) {
+            return sockets.emplace_back(dup(Listen("/" + name).get()));  // not close-on-exec
         };
         int threads = 0;
         g_hooks.on_thread = [&threads] { return ++threads == 3 ? EAGAIN : 0; };
         EXPECT_EQ(RunDaemon(), -1);
+        for (const int fd : sockets) EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC);
         EXPECT_EQ(TakeJournal({"shd"}).back(), "E/shd pthread_create ListsenThread failure");
         const UniqueFd control = Connect("/shdctl"), data = Connect("/shddata");
         const ClientRequest request{};
