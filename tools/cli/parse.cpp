@@ -54,8 +54,12 @@ CLI::Option* Bind(CLI::App& app, const Option& option) {
     bound->check(
         CLI::Validator([&option](const std::string& text) { return Complaint(option, text); }, ""));
     bound->required(option.required);
-    if (option.repeated) bound->expected(option.required || !IsArgument(option) ? 1 : 0, kMany);
-    if (option.repeated) bound->allow_extra_args(IsArgument(option));
+    if (option.repeated && IsArgument(option)) {
+        bound->expected(option.required ? 1 : 0, kMany);
+        bound->allow_extra_args();
+    } else if (option.repeated) {
+        bound->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);  // one value each time
+    }
     if (option.value_may_miss) bound->expected(0, 1);
     if (*option.environment != '\0') bound->envname(option.environment);
     return bound;

@@ -35,8 +35,13 @@ OutputStyle StandardOutputStyle() {
         const char* value = std::getenv(name);
         return std::string_view(value != nullptr ? value : "");
     };
-    style.colour =
-        variable("NO_COLOR").empty() && !variable("TERM").empty() && variable("TERM") != "dumb";
+    const std::string_view term = variable("TERM");
+    std::string_view locale;
+    for (const char* name : {"LANG", "LC_CTYPE", "LC_ALL"}) {
+        if (!variable(name).empty()) locale = variable(name);
+    }
+    style.colour = variable("NO_COLOR").empty() && !term.empty() && term != "dumb" &&
+                   locale != "C" && locale != "POSIX";
     return style;
 }
 

@@ -12,15 +12,16 @@ struct OutputStyle {
     bool colour = false;
     size_t width = 0;  // columns, 0: no terminal, lines are not broken
 
-    // The text, in a colour ("31" red, "32" green, "33" yellow, "2" dim, "1" bold; ECMA-48) where
-    // there are any.
+    // The text in a colour of ECMA-48 ("31" red, "32" green, "33" yellow, "2" dim, "1" bold), where
+    // there are colours.
     [[nodiscard]] std::string Paint(std::string_view text, std::string_view code) const;
 
     // Broken at blanks where there is a width, the lines behind the first indented.
     [[nodiscard]] std::string Fit(std::string_view text, size_t indent) const;
 };
 
-// Of standard output. Colours need a terminal whose TERM is set and not dumb, and no NO_COLOR.
+// Of standard output. Colours need a terminal whose TERM is set and not dumb, a locale other than
+// C, and no NO_COLOR.
 [[nodiscard]] OutputStyle StandardOutputStyle();
 
 }  // namespace shdtool

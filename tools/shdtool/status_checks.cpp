@@ -69,7 +69,7 @@ Check CheckUart(std::string_view root) {
     const bool there = Exists(path);
     return {"UART",
             there ? Verdict::kGood : Verdict::kFailed,
-            there ? path + " is there"
+            there ? "is there"
                   : path +
                         " is missing: the daemon cannot reach the MCU (on a development machine "
                         "start mcusim)",
@@ -105,7 +105,7 @@ std::optional<ImageReport> CheckImage(std::string_view root, const CheckSink& ad
 Check CheckCalibrationFile(std::string_view root, const char* name, const char* device_path,
                            Check (*judge)(std::string_view)) {
     const std::string path = PathBelow(root, device_path);
-    if (!Exists(path)) return {name, Verdict::kNote, "none stored, 0 is used (" + path + ")"};
+    if (!Exists(path)) return {name, Verdict::kNote, "none stored, 0 is used"};
     const auto content = ReadWholeFile(path);
     if (!content) return {name, Verdict::kWarning, content.error().message};
     if (content->empty()) return {name, Verdict::kWarning, path + " is empty, 0 is used"};
@@ -217,12 +217,10 @@ bool CheckSockets(std::string_view root, const CheckSink& add) {
     for (size_t i = 0; i < std::size(sockets); ++i) {
         const auto& [name, path] = sockets[i];
         const SocketUse& use = (*uses)[i];
+        const std::string server =
+            use.server_pid > 0 ? fmt::format(" by process {}", use.server_pid) : std::string();
         const std::string text =
-            use.served
-                ? fmt::format("{} is served{}", path,
-                              use.server_pid > 0 ? fmt::format(" by process {}", use.server_pid)
-                                                 : std::string())
-                : fmt::format("nobody listens on {}", path);
+            use.served ? "served" + server : fmt::format("nobody listens on {}", path);
         add({name,
              use.served ? Verdict::kGood : Verdict::kFailed,
              text,

@@ -103,12 +103,8 @@ DumpAnalysis AnalyseDump(ByteSpan dump) {
 }
 
 std::string_view ExceptionName(uint32_t exception) {
-    constexpr std::string_view kNames[] = {"",
-                                           "reset",
-                                           "non-maskable interrupt",
-                                           "hard fault",
-                                           "memory fault",
-                                           "bus fault",
+    constexpr std::string_view kNames[] = {"",           "reset",        "non-maskable interrupt",
+                                           "hard fault", "memory fault", "bus fault",
                                            "usage fault"};
     return exception > 0 && exception < std::size(kNames) ? kNames[exception] : "no fault";
 }

@@ -120,8 +120,7 @@ Json FieldsOf(const std::string& path, ByteSpan bytes, const DumpAnalysis& dump)
     for (const DumpString& string : dump.strings) {
         strings.Add({{"offset", string.offset}, {"text", string.text}});
     }
-    return fields.Merge(
-        {{"areas", areas}, {"return_addresses", addresses}, {"strings", strings}});
+    return fields.Merge({{"areas", areas}, {"return_addresses", addresses}, {"strings", strings}});
 }
 
 }  // namespace
@@ -136,12 +135,12 @@ Outcome ShowDump(Context& context, const std::string& path) {
 
     const DumpAnalysis dump = AnalyseDump(bytes);
     const bool hex = context.arguments.Has("--hex") || !dump.head;
-    Report report{fmt::format("{}: {} bytes, {}\n", path, bytes.size(),
-                              dump.head ? "in the simulated firmware's layout"
-                                        : "in no layout that is known")};
+    Report report{fmt::format(
+        "{}: {} bytes, {}\n", path, bytes.size(),
+        dump.head ? "in the simulated firmware's layout" : "in no layout that is known")};
     if (dump.missing_bytes > 0) {
-        report.complaint = fmt::format("{} is cut off: {} bytes are missing", path,
-                                       dump.missing_bytes);
+        report.complaint =
+            fmt::format("{} is cut off: {} bytes are missing", path, dump.missing_bytes);
         report.exit_status = kExitRefused;
     }
     if (dump.head) report.text += HeadText(*dump.head) + AreasText(dump, hex);
