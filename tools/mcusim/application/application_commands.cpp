@@ -1,4 +1,4 @@
-// What the MCU's firmware does on each command.
+// What the MCU's firmware does on each command. Run by application.cpp through the command table.
 #include "tools/mcusim/application/application_commands.h"
 
 #include <fmt/core.h>

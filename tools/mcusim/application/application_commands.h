@@ -1,4 +1,5 @@
-// The application's command table, shared by the two halves of its implementation.
+// The application's command table and log levels. Shared by the two halves of its implementation,
+// and by nobody else.
 #pragma once
 
 #include <cstddef>

@@ -1,4 +1,4 @@
-// Packets in words.
+// Packets in words. Called by the trace, and by the player of recordings for what differs.
 #include "tools/mcusim/application/describe.h"
 
 #include <fmt/format.h>

@@ -1,4 +1,4 @@
-// Packets in words, for the trace.
+// Packets in words. The trace writes them, the player of recordings names differences with them.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// The core dump.
+// Building a core dump and cutting it into pieces. Called when the simulated firmware crashes.
 #include "tools/mcusim/application/dump_builder.h"
 
 #include <algorithm>

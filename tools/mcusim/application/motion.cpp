@@ -1,4 +1,4 @@
-// The wrist model.
+// The wrist model. Asked by the sensors' signals for every sample.
 #include "tools/mcusim/application/motion.h"
 
 #include <algorithm>

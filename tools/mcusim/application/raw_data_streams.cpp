@@ -1,4 +1,4 @@
-// The raw-data streams.
+// The raw-data streams. Configured, gated and run by the application.
 #include "tools/mcusim/application/raw_data_streams.h"
 
 #include <algorithm>

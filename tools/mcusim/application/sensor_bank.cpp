@@ -1,4 +1,4 @@
-// The MCU's sensors at work.
+// The MCU's sensors at work. Commanded and run by the application.
 #include "tools/mcusim/application/sensor_bank.h"
 
 #include <algorithm>

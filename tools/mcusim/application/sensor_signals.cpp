@@ -1,4 +1,4 @@
-// The sensors' signals.
+// What each sensor measures. Asked by the sensor bank and by the raw-data streams.
 #include "tools/mcusim/application/sensor_signals.h"
 
 #include <algorithm>

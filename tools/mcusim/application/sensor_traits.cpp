@@ -1,4 +1,5 @@
-// The table of the MCU's sensors and the encoding of their samples.
+// The table of the MCU's sensors and the encoding of their samples. Read by everything that deals
+// with sensors.
 #include "tools/mcusim/application/sensor_traits.h"
 
 #include <algorithm>

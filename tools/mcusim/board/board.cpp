@@ -1,4 +1,4 @@
-// The board around the MCU.
+// The board around the MCU. Driven by the machine, and by a tester's commands.
 #include "tools/mcusim/board/board.h"
 
 #include <array>

@@ -1,4 +1,4 @@
-// The simulated machine.
+// The simulated machine and its counters. Driven by the simulator's event loop.
 #include "tools/mcusim/board/machine.h"
 
 #include <fmt/core.h>

@@ -1,4 +1,4 @@
-// The words behind a command's name.
+// The words behind a command's name. Called by the parsers of commands and scripts.
 #include "tools/mcusim/host/command_args.h"
 
 #include <fmt/core.h>

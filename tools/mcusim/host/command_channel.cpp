@@ -1,4 +1,4 @@
-// The text command channel.
+// The text command channel. Served by the simulator's event loop.
 #include "tools/mcusim/host/command_channel.h"
 
 #include <fmt/core.h>

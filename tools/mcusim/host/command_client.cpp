@@ -1,4 +1,4 @@
-// The other end of the command socket.
+// The other end of the command socket. Called by main for --send.
 #include "tools/mcusim/host/command_client.h"
 
 #include <fmt/core.h>

@@ -1,4 +1,4 @@
-// The directory tree around the daemon.
+// The directory tree around the daemon. Made and taken down by the simulator.
 #include "tools/mcusim/host/device_tree.h"
 
 #include <fcntl.h>

@@ -1,4 +1,4 @@
-// The pseudo terminal.
+// The pseudo terminal. Read and written by the simulator's event loop.
 #include "tools/mcusim/host/pty.h"
 
 #include <fcntl.h>

@@ -1,4 +1,4 @@
-// Commands at given times.
+// Commands at given times. Loaded and run by the simulator.
 #include "tools/mcusim/host/script.h"
 
 #include <fmt/core.h>

@@ -1,4 +1,4 @@
-// Recorded signals from files.
+// Recorded signals from files. Called by the simulator for --signal.
 #include "tools/mcusim/host/signal_file.h"
 
 #include <fmt/core.h>

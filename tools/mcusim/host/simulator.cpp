@@ -1,4 +1,4 @@
-// The event loop and the preparation of what it serves.
+// The event loop and the preparation of what it serves. Run by main.
 #include "tools/mcusim/host/simulator.h"
 
 #include <fmt/core.h>

@@ -1,4 +1,4 @@
-// The command table.
+// The command table. Used by the command channel, by scripts and for the help.
 #include "tools/mcusim/host/tester_commands.h"
 
 #include <fmt/core.h>

@@ -1,4 +1,4 @@
-// The observers behind --trace and --record.
+// The observers behind --trace and --record. Called by the machine for all that happens.
 #include "tools/mcusim/host/trace.h"
 
 #include <fmt/format.h>

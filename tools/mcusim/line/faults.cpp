@@ -1,4 +1,4 @@
-// Faults on demand.
+// Faults on demand. Asked by the application and by the transmitter.
 #include "tools/mcusim/line/faults.h"
 
 namespace mcusim {

@@ -1,4 +1,5 @@
-// Reading and building of MCU packets, and little-endian fields.
+// Reading and building of MCU packets, and little-endian fields. Called by all that is said or
+// heard on the link.
 #include "tools/mcusim/line/packet.h"
 
 #include <algorithm>

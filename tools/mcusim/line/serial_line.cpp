@@ -1,4 +1,4 @@
-// The wire in virtual time.
+// The wire in virtual time. Used by machine, board and transmitter.
 #include "tools/mcusim/line/serial_line.h"
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-// The MCU's sending side.
+// The MCU's sending side. Called by the application, its sensors and streams, and for crashes.
 #include "tools/mcusim/line/transmitter.h"
 
 #include <vector>
