@@ -140,7 +140,7 @@ void Bootloader::OnReadLength() {
     if (&region == &kFlashRegion) {
         flash_.Read(address_, data);
     } else if (&region == &kRamRegion) {
-        std::copy_n(ram_.begin() + (address_ - kRamBase), length, data.begin());
+        std::copy_n(ram_.data() + (address_ - kRamBase), length, data.begin());
     } else if (&region == &kOptionRegion) {
         std::copy_n(flash_.option_bytes().begin() + (address_ - kOptionBytesBase), length,
                     data.begin());
@@ -181,7 +181,7 @@ void Bootloader::OnWriteData() {
     if (refuse || Xor(block_) != 0 || !Fits(region, address_, data.size())) return Nack();
     if (&region == &kFlashRegion) return ProgramBlock(data);
     if (&region == &kRamRegion) {
-        std::copy(data.begin(), data.end(), ram_.begin() + (address_ - kRamBase));
+        std::copy(data.begin(), data.end(), ram_.data() + (address_ - kRamBase));
         return Ack();
     }
     auto options = flash_.option_bytes();
