@@ -1,16 +1,16 @@
 #!/usr/bin/env bash
 # The packages, installed into a clean root: the installed daemon serves events on the sockets of its
 # units, as a service manager hands them over, and the removal leaves nothing.
-# Usage: package_test.sh DIRECTORY (of the packages); called by scripts/check, as root.
+# Usage: package_test.sh BUILD_DIRECTORY/packages; called by scripts/check, as root.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
-packages=$(realpath "${1:?usage: package_test.sh DIRECTORY}")
+packages=$(realpath "${1:?usage: package_test.sh BUILD_DIRECTORY/packages}")
 source tests/packaging/hub.sh
 root=$work/root
 bin=$root/usr/bin
 
 [ "$(id -u)" -eq 0 ] || fail "installing packages takes root"
-mkdir -p "$root/etc" "$root"/var/lib/dpkg/{info,updates} "$root"/proc/{mcu,mcusleep}
+mkdir -p "$root/etc/systemd/system" "$root"/var/lib/dpkg/{info,updates} "$root"/proc/{mcu,mcusleep}
 touch "$root/var/lib/dpkg/status" "$root/etc/passwd" "$root/etc/group" "$root/etc/shadow" \
     "$root/etc/gshadow"
 echo 0 >"$root/proc/mcusleep/lpm"
@@ -36,7 +36,7 @@ for page in man8/shd.8 man1/shdtool.1; do
     [ ! -s "$work/groff" ] || fail "$page: groff complains"
 done
 bash -n "$root/usr/share/bash-completion/completions/shdtool"
-tests/packaging/client_example_test.sh build-release "$root/usr"
+tests/packaging/client_example_test.sh "$(dirname "$packages")" "$root/usr"
 
 # As shd.service starts it, from the units' own words. The launcher waits for a first client.
 unit=$root/usr/lib/systemd/system
