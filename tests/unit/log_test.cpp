@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <sstream>
 #include <string>
+#include <utility>
 
 #include "protocol/sensors.h"
 #include "tools/shdtool/log/log_fold.h"
@@ -29,12 +30,21 @@ LogLine Line(const std::string& text, int32_t pid = 400) {
     return ParseLogLine(line).value();
 }
 
-std::vector<LogItem> Fold(const std::string& log, bool hold = true) {
-    LogFolder folder(hold);
+// All items, taken as soon as there are any.
+std::vector<LogItem> Fold(const std::string& log) {
+    LogFolder folder(true);
+    std::vector<LogItem> items;
+    const auto take = [&] {
+        for (LogItem& item : folder.Take()) items.push_back(std::move(item));
+    };
     std::istringstream lines(log);
-    for (std::string line; std::getline(lines, line);) folder.Add(Line(line));
+    for (std::string line; std::getline(lines, line);) {
+        folder.Add(Line(line));
+        take();
+    }
     folder.End();
-    return folder.Take();
+    take();
+    return items;
 }
 
 // Everything that comes out, a line each; "." in front of what is no episode.
