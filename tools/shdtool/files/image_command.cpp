@@ -16,6 +16,7 @@
 #include "tools/shdtool/command_table.h"
 #include "tools/shdtool/files/file_io.h"
 #include "tools/shdtool/files/image_check.h"
+#include "tools/shdtool/output_style.h"
 
 namespace shdtool {
 namespace {
@@ -45,12 +46,14 @@ std::string TextOf(const std::string& path, const ImageReport& image) {
                    image.firmware_version.empty()
                        ? "not the simulated MCU's, or damaged"
                        : "simulated MCU, version " + Printable(image.firmware_version));
-    for (const std::string& note : image.notes) fmt::format_to(out, "\n  note: {}", note);
-    for (const std::string& fault : image.faults) fmt::format_to(out, "\n  FAULT: {}", fault);
-    for (const std::string& refusal : image.refusals) {
-        fmt::format_to(out, "\n  FAULT: {}", refusal);
-    }
-    if (!image.size_fault.empty()) fmt::format_to(out, "\n  FAULT: {}", image.size_fault);
+    const OutputStyle style = StandardOutputStyle();
+    const auto add = [&](std::string_view head, const std::string& line) {
+        fmt::format_to(out, "\n{}{}", head, style.Fit(line, head.size()));
+    };
+    for (const std::string& note : image.notes) add("  note: ", note);
+    for (const std::string& fault : image.faults) add("  FAULT: ", fault);
+    for (const std::string& refusal : image.refusals) add("  FAULT: ", refusal);
+    if (!image.size_fault.empty()) add("  FAULT: ", image.size_fault);
     return text + (image.good() ? "\nThe image is good." : "\nThe image is NOT good.");
 }
 
@@ -135,7 +138,8 @@ Outcome Show(Context& context) {
     const ImageReport image = ExamineImage(BytesOf(*content));
     const std::string decision = DaemonDecision(image, McuVersion(context));
     Report report = ReportOf(path, image);
-    report.text += fmt::format("\nAt its next start the daemon {}.", decision);
+    report.text += "\n" + StandardOutputStyle().Fit(
+                              fmt::format("At its next start the daemon {}.", decision), 2);
     report.fields.Set("daemon", decision);
     return report;
 }
