@@ -69,10 +69,10 @@ void JudgeVectors(ImageReport& image) {
 
 void JudgePayload(ImageReport& image, std::span<const uint8_t> payload) {
     const auto fault = [&image](const char* text) { image.faults.emplace_back(text); };
-    uint32_t first_word = 0;
-    std::memcpy(&first_word, payload.data(), std::min(payload.size(), sizeof(first_word)));
     if (image.file_size < sizeof(mcu_head)) return fault("the file is shorter than a header");
     if (payload.empty()) return fault("there is no payload");
+    uint32_t first_word = 0;
+    std::memcpy(&first_word, payload.data(), std::min(payload.size(), sizeof(first_word)));
     if (image.image_size > firmware::kFlashSizeBytes) {
         fault("the payload is larger than the part's 512 KiB of flash");
     }
