@@ -49,6 +49,7 @@ RootDirectory g_root;
 void AddEntry(std::string_view tag, std::string entry) {
     for (size_t at = 0; (at = entry.find('\n', at)) != std::string::npos;)
         entry.replace(at, 1, "\\n");
+    if (shdtest::g_hooks.on_entry) shdtest::g_hooks.on_entry(entry);
     const std::lock_guard lock(g_mutex);
     g_journal.emplace_back(tag, std::move(entry));
 }

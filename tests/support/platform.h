@@ -30,8 +30,9 @@ struct Hooks {
     std::function<int(int fd, std::chrono::microseconds timeout)> on_readable;  // WaitReadable
     std::function<int(const std::string& name)> on_local_server;  // returns the descriptor
     std::function<int()> on_thread;  // pthread_create: 0, or the error with which it fails
-    std::function<void(const termios&)> on_settings;  // tcsetattr, when it has set them
-    std::map<const Mutex*, std::string> named_locks;  // the locks that are journalled
+    std::function<void(const termios&)> on_settings;         // tcsetattr, when it has set them
+    std::function<void(const std::string& entry)> on_entry;  // each entry of the journal
+    std::map<const Mutex*, std::string> named_locks;         // the locks that are journalled
 };
 
 inline Hooks g_hooks;

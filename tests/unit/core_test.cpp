@@ -137,6 +137,10 @@ TEST_F(ControlTest, RequestsWaitTwoSecondsDuringARebootButVirtualSensorsDoNot) {
 
 TEST_F(ControlTest, StateFollowsTheCommands) {
     const std::string batch = "0A 00 00 00 32 00 00 00 09 00 00 00";
+    g_hooks.on_entry = [](const std::string& entry) {  // the samples may come before the reply
+        const bool asked = entry == "mcu 01 00 10 04";
+        EXPECT_TRUE(!asked || State(0).flush_pending == 1);
+    };
     // The fields are enable, period_ms, batchcnt, batch_left, virtual_enable, last_time,
     // time_adjust, flush_pending, flush_count.
     for (const auto& row : Table(R"(

@@ -8,6 +8,7 @@
 
 #include "diagnostics/base64.h"
 #include "diagnostics/core_dump.h"
+#include "diagnostics/log_file.h"
 #include "diagnostics/raw_data.h"
 #include "sensor_commands/mcu_config.h"
 #include "sensor_commands/sensor_commands.h"
@@ -121,6 +122,11 @@ TEST_F(RawDataTest, WhatCannotBeLoggedIsRefused) {
         E/shd mkdir MCU_RAW_DATA_DIR already exist | E/shd open file /logdata/hrm.txt failure)"));
     MakeDirectory("/data/logdata");
     EXPECT_EQ(Raw("01 00 E0"), List("E/shd mkdir MCU_DATA_DIR already exist"));
+}
+
+TEST_F(RawDataTest, LineIsCutAtItsLongest) {
+    WriteLine(OpenLog("/line").get(), "%s\n", std::string(160, 'x').c_str());
+    EXPECT_EQ(ReadFile("/line"), std::string(159, 'x'));
 }
 
 TEST_F(RawDataTest, LogStartsAfreshBeyondItsLimit) {

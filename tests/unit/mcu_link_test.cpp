@@ -7,6 +7,7 @@
 #include <termios.h>
 
 #include <atomic>
+#include <csignal>
 #include <thread>
 
 #include "mcu_link/exchange/exchange.h"
@@ -164,6 +165,7 @@ struct LinkHoldTest : testing::Test, CleanProcess {};
 
 TEST_F(LinkHoldTest, WriteOfThePortWaitsForTheEndOfAnUpdate) {
     WriteFile("/dev/ttyHSL1", "");
+    WriteFile("/proc/mcusleep/sleep", "?");
     BoardSerial port;
     ASSERT_EQ(port.Open(), 0);
     std::atomic<pid_t> writer_id{0};
@@ -180,6 +182,7 @@ TEST_F(LinkHoldTest, WriteOfThePortWaitsForTheEndOfAnUpdate) {
         }
         while (!IsAsleep(writer_id) && !written) sched_yield();
         EXPECT_FALSE(written);
+        EXPECT_EQ(ReadFile("/proc/mcusleep/sleep"), "?");
         return 0;
     };
     EXPECT_EQ(mcu_update(), -1);
@@ -194,6 +197,10 @@ TEST_F(LinkHoldTest, KeepsABlockedReaderOffTheLineAndMakesItForget) {
         PipePort port;
         RecordingSink sink;
         ListenArgs args{&sink, &port};
+        sigset_t interrupt;  // as whoever started the daemon may have left it
+        sigemptyset(&interrupt);
+        sigaddset(&interrupt, SIGUSR1);
+        pthread_sigmask(SIG_BLOCK, &interrupt, nullptr);
         pthread_t thread{};
         ASSERT_EQ(pthread_create(&thread, nullptr, ListsenThread, &args), 0);
         port.Send(Frame("04 61"));

@@ -5,7 +5,9 @@
 #include <sched.h>
 
 #include <algorithm>
+#include <atomic>
 #include <filesystem>
+#include <thread>
 
 #include "mcu_link/exchange/reboot_trigger.h"
 #include "sensor_commands/mcu_config.h"
@@ -58,6 +60,10 @@ TEST_F(RebootTest, ResetsReopensAndRestoresInOrder) {
     g_hooks.on_delay = [](auto) {
         Note("pins", ReadFile("/proc/mcu/gpio_mcu_boot1") + ReadFile("/proc/mcu/gpio_mcu_boot0") +
                          ReadFile("/proc/mcu/gpio_mcu_reset"));
+    };
+    g_hooks.on_entry = [](const std::string& entry) {
+        EXPECT_TRUE(entry != "mcu 01 00 30 00" || g_mcu_rebooted == 1);  // its steps are re-based
+        EXPECT_TRUE(!entry.ends_with("lpm 1 ret:1 !\\n") || g_mcu_rebooting == 0);
     };
     (void)TakeJournal();
     SensorMcuReboot(&hub);
@@ -137,6 +143,40 @@ TEST_F(RebootTest, LineHasItsNormalSettingsAfterAnUpdateAndAfterAReboot) {
     EXPECT_TRUE(terminal.strips_bytes());
     SensorMcuReboot(&hub);
     EXPECT_FALSE(terminal.strips_bytes());
+}
+
+TEST_F(RebootTest, VirtualSensorIsSwitchedOffAndOnAgain) {
+    SensorState& detector = State(18);
+    detector.enable = detector.virtual_enable = 1;
+    g_hooks.named_locks = {{&g_sensor_state_mutex, "state"}};
+    std::string values;
+    g_hooks.on_entry = [&](const std::string& entry) {
+        if (entry == "state released") values += std::to_string(detector.virtual_enable);
+    };
+    SensorMcuReboot(&hub);
+    EXPECT_NE(values.find("101"), std::string::npos) << values;
+}
+
+TEST_F(RebootTest, OfTwoThreadsThatAskAtOnceOneStartsIt) {
+    std::atomic<int> starting = 0, most = 0, waiting = 0;
+    g_hooks.on_thread = [&] {
+        most = std::max<int>(most, ++starting);
+        sched_yield();
+        --starting;
+        return EAGAIN;  // which ends it
+    };
+    constexpr int kTurns = 3000;
+    const auto ask = [&] {
+        for (int turn = 1; turn <= kTurns; ++turn) {
+            for (++waiting; waiting < 2 * turn;) sched_yield();  // for the other one
+            EXPECT_EQ(StartMcuReboot(&hub), -1);
+        }
+    };
+    std::thread other(ask);
+    ask();
+    other.join();
+    EXPECT_EQ(most, 1);
+    EXPECT_EQ(g_mcu_rebooting, 0);
 }
 
 TEST_F(RebootTest, OneRunsAtATimeAndNoneWhenDisabled) {
