@@ -221,7 +221,7 @@ TEST_F(ControlServerTest, RequestsOfAClientThatHasGoneCountForItsSuccessor) {
 
 struct DataServerTest : testing::Test, TestHub {};
 
-TEST_F(DataServerTest, DescriptorsAreNotInherited) {
+TEST_F(DataServerTest, DescriptorsAreNotInheritedAndNoAcceptBlocks) {
     const auto inherited = [] {
         std::vector<int> found;
         for (int fd = 0; fd < FD_SETSIZE; ++fd) {
@@ -230,7 +230,10 @@ TEST_F(DataServerTest, DescriptorsAreNotInherited) {
         return found;
     };
     const auto before = inherited();
-    DataServer server(Listen("/other.sock").Release());
+    const int listener = Listen("/other.sock").Release();
+    DataServer server(listener);
+    // A connection may have gone again when it is accepted.
+    EXPECT_NE(fcntl(listener, F_GETFL) & O_NONBLOCK, 0);
     const UniqueFd client = Connect("/other.sock");
     server.ServeOnce();
     EXPECT_EQ(inherited(), before);

@@ -9,9 +9,11 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 
+#include <csignal>
 #include <filesystem>
 #include <thread>
 
+#include "mcu_link/exchange/reboot_trigger.h"
 #include "sensor_commands/mcu_parameters.h"
 #include "tests/support/fake_uart.h"
 #include "tests/support/in_child.h"
@@ -74,7 +76,14 @@ TEST_F(StartupTest, SocketThatCannotListenEndsTheProcess) {
         EXPECT_EQ(limit.rlim_cur, limit.rlim_max);
         const int no_socket = open("/dev/null", O_RDONLY | O_CLOEXEC);
         setenv("ANDROID_SOCKET_shdctl", std::to_string(no_socket).c_str(), 1);
+        getrlimit(RLIMIT_NOFILE, &limit);
+        limit.rlim_cur = 64;
+        setrlimit(RLIMIT_NOFILE, &limit);
         std::atexit([] {
+            rlimit files{};
+            getrlimit(RLIMIT_NOFILE, &files);
+            EXPECT_EQ(files.rlim_cur, files.rlim_max);
+            EXPECT_EQ(signal(SIGPIPE, SIG_DFL), SIG_IGN);
             EXPECT_EQ(TakeJournal(),
                       List(R"(E/shd Listen on socket failed: Socket operation on non-socket\n)"));
             EndChild();
@@ -138,7 +147,7 @@ void ExpectStartUpLog() {
         }
     }
     for (const std::string& line : List(R"(
-        D/shd Handshake OK | D/shd Set shd log debug : 2 | D/shd Set shd mcu reboot disable : 1
+        D/shd Handshake OK | D/shd Set shd log debug : 2 | D/shd Set shd mcu reboot disable : 2
         D/shd Set parameter | D/shd Set parameter OK, start loop
         property persist.velmar.shd.rawdatatype=3
         D/shd Set MCU Raw data Log Level : 3
@@ -150,6 +159,7 @@ void ExpectStartUpLog() {
         return std::find(expected.begin(), expected.end(), line) == expected.end();
     });
     EXPECT_EQ(log, expected);
+    EXPECT_EQ(g_mcu_reboot_disable, 2);
     EXPECT_NE(Hex(ReadFile("/dev/ttyHSL1")).find("01 00 17 13 05 00 00 00"), std::string::npos);
 }
 
@@ -160,7 +170,7 @@ TEST_F(StartupTest, SilentMcuIsUpdatedFromTheTwelfthHandshakeOnAndThenServed) {
         uart.script = {Hex(Frame("01 01 0F 00 31 2E 39 30 30 00"))};
         WriteFirmwareImage("1.900", "x");  // the version that runs
         SetProperty("persist.velmar.shd.debug", "2");
-        SetProperty("persist.velmar.shd.mcureboot", "1");
+        SetProperty("persist.velmar.shd.mcureboot", "2");
         SetProperty("persist.velmar.shd.rawdatatype", "3");
         g_hooks.on_local_server = [](const std::string& name) {
             return Listen("/" + name).Release();
