@@ -1,7 +1,9 @@
 // The firmware update against a scripted bootloader, and the version check against a scripted MCU.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sched.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -33,6 +35,10 @@ struct UpdateTest : testing::Test, CleanProcess {
     FakeUart uart;
 };
 
+ptrdiff_t OpenFiles() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+
 // The journal without the updater's tag and line ends.
 Lines Journal() {
     Lines lines = TakeJournal();
@@ -57,10 +63,7 @@ TEST_F(UpdateTest, WritesTheImageBlockByBlock) {
     for (size_t i = 0; i < 256; ++i) payload[i] = static_cast<char>(i);
     payload[512] = '\x5A';
     WriteFirmwareImage("1.900.7", payload, 230);
-    const auto open_files = [] {
-        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-    };
-    const auto open_before = open_files();
+    const auto open_before = OpenFiles();
     uart.script = {"00 FF 79 79"};  // noise before the acknowledgement of the handshake
     EXPECT_EQ(mcu_update(), 0);
     EXPECT_EQ(Journal(),
@@ -78,7 +81,7 @@ TEST_F(UpdateTest, WritesTheImageBlockByBlock) {
         readable 1000 ms | uart 00 5A 5A
         property persist.mcu.version=1.900.7 | delay 12000 | delay 2000000
         I mcu_end(set gpio to normal mode) ok! | I mcu_update ok! | line released)"));
-    EXPECT_EQ(open_files(), open_before);
+    EXPECT_EQ(OpenFiles(), open_before);
     EXPECT_EQ(ReadFile("/proc/mcu/gpio_mcu_boot0") + ReadFile("/proc/mcu/gpio_mcu_reset"), "01");
 }
 
@@ -103,11 +106,13 @@ TEST_F(UpdateTest, StopsAtTheFirstMissingAcknowledgement) {
              last},
     };
     WriteFirmwareImage("1.900", "x");
+    const auto open_before = OpenFiles();
     for (const auto& [script, journal] : cases) {
         uart.script = script;
         EXPECT_EQ(mcu_update(), -1);
         EXPECT_EQ(Journal(), List(kStart + journal + "| line released")) << script.size();
         EXPECT_EQ(ReadFile("/proc/mcu/gpio_mcu_boot0"), "1");  // stays in the bootloader
+        EXPECT_EQ(OpenFiles(), open_before) << script.size();
     }
     WriteFirmwareImage("1.900", std::string(256, 'x'));
     uart.script = {"79", "79", "79", "1F"};
@@ -322,6 +327,19 @@ TEST_F(UpdateTest, SecondUpdateWaitsForTheFirstAndTakesItsResult) {
     EXPECT_EQ(result, 0);
     const Lines log = Journal();
     EXPECT_EQ(std::count(log.begin(), log.end(), "I mcu_update enter!"), 1);
+}
+
+TEST_F(UpdateTest, BootPinsAreSetBeforeTheReset) {
+    const std::string pins = HostPath("/pins");  // one FIFO behind all three
+    ASSERT_EQ(mkfifo(pins.c_str(), 0600), 0);
+    const UniqueFd reader(open(pins.c_str(), O_RDWR | O_CLOEXEC));
+    for (const auto* pin : {"boot0", "boot1", "reset"}) {
+        LinkFile(std::string("/proc/mcu/gpio_mcu_") + pin, pins);
+    }
+    set_update_gpio();
+    char written[8] = {};
+    EXPECT_EQ(read(reader.get(), written, sizeof(written)), 4);
+    EXPECT_STREQ(written, "0101");  // boot 1, boot 0, reset low, reset high
 }
 
 TEST_F(UpdateTest, ResetSequenceRunsToItsEndWhateverFails) {
