@@ -144,8 +144,8 @@ void ApplyRawDataProperty(SensorHub* hub) {
     LOGD("Set MCU Raw data Log Level : %d", type);
 }
 
-// Clients get no descriptor from FD_SETSIZE on. What the limit allows beyond that is left for the
-// port, when a recovery reopens it, and for files.
+// Up to FD_SETSIZE descriptors are for clients. What the limit allows beyond that, a few at least,
+// is left for the port, when a recovery reopens it, and for files.
 void RaiseDescriptorLimit() {
     rlimit limit{};
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;

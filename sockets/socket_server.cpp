@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <sys/eventfd.h>
+#include <sys/resource.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 
@@ -31,6 +32,14 @@ int OpenSpare() {
 
 bool IsWatchable(const UniqueFd& fd) {
     return fd.valid() && fd.get() < FD_SETSIZE;
+}
+
+// Clients must leave numbers for the port, which a recovery opens anew, and for files.
+bool IsForClients(const UniqueFd& fd) {
+    constexpr rlim_t kKeptFree = 16;
+    rlimit limit{};
+    if (!IsWatchable(fd) || getrlimit(RLIMIT_NOFILE, &limit) != 0) return false;
+    return static_cast<rlim_t>(fd.get()) + kKeptFree < limit.rlim_cur;
 }
 
 // Returns 0 or the error.
@@ -115,7 +124,7 @@ void SocketServer::AcceptClient() {
     if (error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM) {
         Delay(kAcceptPause);
     }
-    if (!IsWatchable(client)) return;
+    if (!IsForClients(client)) return;
     PrepareClient(client.get());
     const MutexLock lock(clients_mutex_);
     clients_.push_back(client.Release());

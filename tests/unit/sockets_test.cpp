@@ -297,6 +297,21 @@ TEST_F(DataServerTest, ConnectionsBeyondTheDescriptorsAreRefused) {
     });
 }
 
+// A recovery opens the port and the control files anew, whoever has connected meanwhile.
+TEST_F(DataServerTest, LastSixteenDescriptorsAreLeftToThePortAndTheFiles) {
+    InChild([this] {
+        const UniqueFd first = Connect("/data.sock");
+        const UniqueFd second = Connect("/data.sock");
+        OccupyDescriptors(100);
+        const rlimit few{117, 117};
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+        data_server.ServeOnce();
+        EXPECT_FALSE(IsAtEnd(first));
+        data_server.ServeOnce();
+        EXPECT_TRUE(IsAtEnd(second));
+    });
+}
+
 TEST_F(DataServerTest, DescriptorsThatSelectCannotWatchAreRefused) {
     InChild([this] {
         const UniqueFd client = Connect("/data.sock");
