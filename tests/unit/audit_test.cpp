@@ -1,6 +1,4 @@
-// The audit's verdicts, the live statistics and the recording's file.
-#include "tools/shdtool/recording/audit_sensor.h"
-
+// The statistics of a sensor, the audit's verdicts, the recording's file.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -10,15 +8,17 @@
 #include <string>
 #include <vector>
 
-#include "tools/shdtool/recording/record_file.h"
-#include "tools/shdtool/watch/stats.h"
-#include "tools/shdtool/watch/table.h"
+#include "tools/shdtool/audit/verdict.h"
+#include "tools/shdtool/engine/line_budget.h"
+#include "tools/shdtool/engine/recording.h"
+#include "tools/shdtool/views/table.h"
 
 namespace shdtool {
 namespace {
 
 constexpr int64_t kMs = 1'000'000;
-constexpr int64_t kStart = 100'000 * kMs;
+constexpr int64_t kSec = 1'000 * kMs;
+constexpr int64_t kStart = 100 * kSec;
 constexpr int64_t kPeriod = 20 * kMs;
 const shdclient::SensorInfo& kAccelerometer = *shdclient::FindSensor(0);
 
@@ -39,13 +39,20 @@ std::vector<int64_t> Stamps(std::vector<Irregularity> irregularities) {
     return stamps;
 }
 
+shdclient::WatchedEvent Sample(int64_t stamp_ns, int64_t arrival_ns) {
+    shdclient::WatchedEvent event{{104, 0, 1, 0, stamp_ns, {1, 2, 3, 65}, 0, {}}, {}, arrival_ns};
+    event.decoded = shdclient::DecodeEvent(event.record).value();
+    return event;
+}
+
 using Faults = std::vector<std::string>;
 
 SensorVerdict Judged(const std::vector<int64_t>& stamps, const AuditLimits& limits = {},
                      int64_t delay_ns = kMs) {
-    SensorAudit audit(kAccelerometer, limits);
-    for (const int64_t stamp : stamps) audit.AddSample(stamp, stamp + delay_ns);
-    return audit.Judge();
+    SensorStats stats(kAccelerometer, limits.stats, kStart);
+    for (const int64_t stamp : stamps) stats.Add(Sample(stamp, stamp + delay_ns));
+    const int64_t end_ns = stamps.empty() ? kStart : stamps.back() + kPeriod;
+    return Judge(stats, limits, end_ns, end_ns - kStart);
 }
 
 TEST(SensorAudit, NamesExactlyWhatIsWrong) {
@@ -72,65 +79,144 @@ TEST(SensorAudit, NamesExactlyWhatIsWrong) {
     EXPECT_EQ(Judged({}).faults, Faults{"no sample came"});
 }
 
+AuditLimits Limits(StatsOptions stats, uint64_t max_gaps = 0) {
+    stats.whole = true;
+    return {.stats = stats, .max_gaps = max_gaps};
+}
+
 TEST(SensorAudit, JudgesByItsLimits) {
     const auto stamps = Stamps({{50, 20}});
-    EXPECT_EQ(Judged(stamps, {.max_gaps = 1}).faults, Faults{});
-    EXPECT_EQ(Judged(stamps, {.gap_factor = 2.5}).faults, Faults{});
-    EXPECT_EQ(Judged(stamps, {.period_ns = 25 * kMs, .max_gaps = 1}).faults,
-              Faults{"mean spacing 20.099 ms is -19.6 % off 25 ms"});
-    EXPECT_EQ(Judged(stamps, {.max_gaps = 1, .max_jitter_ns = kMs}).faults,
-              Faults{"jitter 1.404 ms exceeds 1 ms"});
-    EXPECT_EQ(Judged(stamps, {.future_tolerance_ns = kMs}, -2 * kMs).future, stamps.size());
-    EXPECT_EQ(Judged(stamps, {.future_tolerance_ns = 2 * kMs}, -2 * kMs).future, 0u);
+    EXPECT_EQ(Judged(stamps, Limits({}, 1)).faults, Faults{});
+    EXPECT_EQ(Judged(stamps, Limits({.gap_factor = 2.5})).faults, Faults{});
+    EXPECT_EQ(Judged(stamps, Limits({.asked_ns = 22 * kMs}, 1)).faults,
+              Faults{"mean spacing 20.000 ms is -9.1 % off 22 ms"});
+    AuditLimits jitter = Limits({});
+    jitter.max_jitter_ns = kMs;
+    EXPECT_EQ(Judged(Stamps({{50, 9}, {0, -9}, {0, 9}, {0, -9}}), jitter).faults,
+              Faults{"jitter 1.257 ms exceeds 1 ms"});
+    EXPECT_EQ(Judged(stamps, Limits({.future_tolerance_ns = kMs}), -2 * kMs).order.future,
+              stamps.size());
+    EXPECT_EQ(Judged(stamps, Limits({.future_tolerance_ns = 2 * kMs}), -2 * kMs).order.future, 0u);
+}
+
+TEST(SensorAudit, MeasuresMeansOverStretchesWithoutAGap) {
+    std::vector<int64_t> clusters;  // a sensor of 20 ms that is read every 1 ms and 2 ms askew
+    for (int64_t i = 0; i < 200; ++i) clusters.push_back(kStart + i * kPeriod + i % 2 * 2 * kMs);
+    EXPECT_NEAR(Judged(clusters).spacing->measured.mean_ns, 20e6, 2e4);
+    for (const int64_t gap_ms : {40, 400, 4000}) {
+        EXPECT_NEAR(Judged(Stamps({{50, static_cast<int>(gap_ms)}})).spacing->measured.mean_ns,
+                    20e6, 1)
+            << gap_ms;
+    }
+}
+
+TEST(SensorAudit, JudgesTheWholeTime) {
+    struct Case {
+        int64_t from_ms;  // of 10 s, the samples that came
+        int64_t to_ms;
+        Faults faults;
+    };
+    const Case cases[] = {
+        {0, 10'000, {}},
+        {900, 9'100, {}},  // not longer than a sensor may take
+        {0, 2'000, {"silent for the last 8.0 of 10.0 s"}},
+        {5'000, 10'000, {"started late: nothing for the first 5.0 of 10.0 s"}},
+    };
+    for (const Case& c : cases) {
+        SensorStats stats(kAccelerometer, {.whole = true}, kStart);
+        for (int64_t ms = c.from_ms; ms <= c.to_ms; ms += 20) {
+            stats.Add(Sample(kStart + ms * kMs, kStart + ms * kMs));
+        }
+        EXPECT_EQ(Judge(stats, {}, kStart + 10 * kSec, 10 * kSec).faults, c.faults);
+    }
 }
 
 TEST(SensorAudit, DoesNotMeasureAcrossAnInterruption) {
-    SensorAudit audit(kAccelerometer, {});
+    SensorStats stats(kAccelerometer, {.whole = true}, kStart);
     for (const int64_t start : {kStart, kStart / 2, kStart * 2}) {
-        for (int64_t i = 0; i < 20; ++i) audit.AddSample(start + i * kPeriod, kStart * 3);
-        audit.Interrupt();
+        for (int64_t i = 0; i < 20; ++i) stats.Add(Sample(start + i * kPeriod, kStart * 3));
+        stats.Restart(kStart * 3);
     }
-    EXPECT_EQ(audit.Judge().faults, Faults{});
+    EXPECT_EQ(Judge(stats, {}, kStart * 3, kSec).faults, Faults{});
 }
 
-shdclient::WatchedEvent Sample(int64_t stamp_ns, int64_t arrival_ns) {
-    shdclient::WatchedEvent event{{104, 0, 1, 0, stamp_ns, {1, 2, 3, 65}, 0, {}}, {}, arrival_ns};
-    event.decoded = shdclient::DecodeEvent(event.record).value();
-    return event;
+TEST(SensorAudit, DoesNotBlameTheSensorForWhatWasLostOnTheWay) {
+    for (const bool missed : {false, true}) {
+        SensorStats stats(kAccelerometer, {.whole = true}, kStart);
+        for (int64_t i = 0; i < 200; ++i) {
+            if (i >= 100 && i < 150) continue;
+            const int64_t stamp_ns = kStart + i * kPeriod;
+            if (missed && i == 150) stats.Miss(kStart + 90 * kPeriod, stamp_ns);
+            stats.Add(Sample(stamp_ns, stamp_ns));
+        }
+        const SensorVerdict verdict = Judge(stats, {}, kStart + 200 * kPeriod, 4 * kSec);
+        EXPECT_EQ(verdict.faults, missed ? Faults{} : Faults{"1 gap (50 samples missing)"});
+        EXPECT_EQ(verdict.lost_here, missed ? 50u : 0u);
+    }
+}
+
+TEST(LineBudget, CountsSamplesFramesAndEscapes) {
+    EXPECT_NEAR(LineLoad(kAccelerometer, 1000, 1), 13'102, 1);  // more than the line has
+    EXPECT_NEAR(LineLoad(kAccelerometer, 50, 10), 337.7, 0.1);
+    EXPECT_EQ(LineLoad(*shdclient::FindSensor(18), 50, 1), 0);  // the daemon's own
+    EXPECT_EQ(LineText(11'520), "11.5 kB/s, 100 % of the line");
 }
 
 TEST(SensorStats, MeasuresBatchesAgainstTheRateAsked) {
-    std::map<int32_t, SensorStats> sensors;
-    SensorStats& stats = sensors.try_emplace(0, kAccelerometer, kPeriod).first->second;
+    StatsMap sensors;
+    SensorStats& stats =
+        sensors.try_emplace(0, kAccelerometer, StatsOptions{.asked_ns = kPeriod}, kStart)
+            .first->second;
     for (int64_t i = 0; i < 100; ++i) {  // the fourth batch of five never comes
         const int64_t batch_end = kStart + (i / 5 * 5 + 4) * kPeriod;
         if (i / 5 != 3) stats.Add(Sample(kStart + i * kPeriod, batch_end + i % 5 * kMs));
     }
     EXPECT_EQ(stats.batch(), 5u);
     EXPECT_EQ(stats.gaps().presumed_gaps(), 1u);
-    EXPECT_NEAR(stats.spacing()->spread.mean_ns, 21.06e6, 1e4);
-    const auto lines = TableLines(sensors, kStart + 200 * kPeriod, 80);
-    EXPECT_THAT(lines[1],
-                testing::HasSubstr("47.47     50.00    10.259     5    2.0 s       95    1"));
-    for (const std::string& line : lines) EXPECT_LE(line.size(), 80u);
+    const int64_t end_ns = kStart + 100 * kPeriod;
+    EXPECT_THAT(TableLines(sensors, end_ns, {80, 24}, 0)[1].text,
+                testing::HasSubstr("50.00     50.00   0.000     5         16 ms       95    1"));
+    EXPECT_THAT(TableLines(sensors, end_ns + 8 * kSec, {80, 24}, 0)[1].text,
+                testing::HasSubstr(" 0.00     50.00   0.000     5  SILENT 8.0 s       95    1"));
 }
 
-// Two samples, a flush-complete event, an outage; written down by hand.
+TEST(Table, SaysWhatDoesNotFit) {
+    StatsMap sensors;
+    for (const shdclient::SensorInfo& sensor : shdclient::AllSensors()) {
+        sensors.try_emplace(sensor.handle, sensor, StatsOptions{}, kStart);
+    }
+    const struct {
+        size_t rows;
+        size_t first;
+        std::string last;
+    } cases[] = {{30, 0, "motion-health"},
+                 {10, 0, "+6 sensors"},
+                 {10, 3, "+3 sensors above, +3 sensors below"},
+                 {10, 6, "+6 sensors above"}};
+    for (const auto& c : cases) {
+        const auto lines = TableLines(sensors, kStart, {80, c.rows}, c.first);
+        EXPECT_LE(lines.size(), c.rows);
+        EXPECT_THAT(lines.back().text, testing::StartsWith(c.last));
+        for (const Line& line : lines) EXPECT_LE(line.text.size(), 80u);
+    }
+}
+
+// Two samples, a flush-complete event, an outage, 5 ns of missed events; written down by hand.
 constexpr char kRecording[] =
     "SHDREC\x1a\n\x01\0\0\0\0\0\0\0\x00\x10\0\0\0\0\0\0\x01\0\0\0\0\0\0\0"
     "\x00\xd0\x0f\xc8\x01\1\2\3\4\5\6\7\x08\x09\x0a\x0b\x0c"  // 1000 ns later, 100 ns old
     "\x06\x00\x05\x0d\x0e\x0f\x10"                            // at once, 3 ns in the future
-    "\x45\x02\x80\x04\x81\x06\xff\x00\x05";
-constexpr size_t kEntryEnds[] = {49, 56, 58, 60, 62};
+    "\x45\x02\x80\x04\x81\x06\x82\x00\x0a\xff\x08\x06";
+constexpr size_t kEntryEnds[] = {49, 56, 58, 60, 62, 65};
 const std::string kGolden(kRecording, sizeof(kRecording) - 1);
 
 class RecordFile : public testing::Test {
   protected:
     // Reads the bytes as a recording; what is wrong with it goes to damage_.
-    std::vector<Delivery> Read(const std::string& bytes) {
+    Deliveries Read(const std::string& bytes) {
         std::ofstream(path_, std::ios::binary) << bytes;
         auto reader = RecordReader::Open(path_);
-        std::vector<Delivery> entries;
+        Deliveries entries;
         damage_ = reader ? "" : reader.error().message;
         if (!reader) return entries;
         while (const auto entry = reader->Next()) entries.push_back(*entry);
@@ -145,35 +231,37 @@ class RecordFile : public testing::Test {
 
 TEST_F(RecordFile, IsReadAsDescribedAndWrittenTheSame) {
     const auto entries = Read(kGolden);
-    ASSERT_EQ(entries.size(), 5u);
+    ASSERT_EQ(entries.size(), 6u);
     EXPECT_EQ(damage_, "");
     EXPECT_EQ(entries[0].event.arrival_ns, 0x1000 + 1000);
     EXPECT_EQ(entries[0].event.record.timestamp, 0x1000 + 900);
     EXPECT_EQ(entries[1].event.record.timestamp, 0x1000 + 1003);
     EXPECT_EQ(entries[1].event.decoded.sensor->name, "pressure");
     EXPECT_TRUE(entries[2].event.decoded.flush_complete);
-    EXPECT_EQ(entries[3].change, shdclient::WatchChange::kLost);
+    EXPECT_EQ(entries[3].kind, DeliveryKind::kLost);
     EXPECT_EQ(entries[4].event.arrival_ns, 0x1000 + 1006);
+    EXPECT_EQ(entries[5].from_ns, 0x1000 + 1001);
     auto writer = RecordWriter::Create(path_, true);
     ASSERT_TRUE(writer.ok());
+    writer->BeginAt(0x1000);
     for (const Delivery& entry : entries) writer->Add(entry);
-    ASSERT_TRUE(writer->Close().ok());
+    ASSERT_TRUE(writer->Close(0x1000 + 1010).ok());
     std::ifstream file(path_, std::ios::binary);
     const std::string written(std::istreambuf_iterator<char>(file), {});
-    // The first entry's time counts from a beginning of the writer's own.
-    EXPECT_EQ(written.substr(written.size() - 16), kGolden.substr(kGolden.size() - 16));
+    EXPECT_EQ(written.substr(0, 24), kGolden.substr(0, 24));  // the wall clock follows
+    EXPECT_EQ(written.substr(32), kGolden.substr(32));
     EXPECT_FALSE(RecordWriter::Create(path_, false).ok());
 }
 
 TEST_F(RecordFile, IsReplacedOnlyByARecordingWithEntries) {
-    ASSERT_EQ(Read(kGolden).size(), 5u);
+    ASSERT_EQ(Read(kGolden).size(), 6u);
     auto writer = RecordWriter::Create(path_, true);
     ASSERT_TRUE(writer.ok());
     ASSERT_TRUE(writer->Flush().ok());
     writer->Discard();
     std::ifstream file(path_, std::ios::binary);
     EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), kGolden);
-    writer->Add({shdclient::WatchChange::kLost, {}});
+    writer->Add({DeliveryKind::kLost});
     ASSERT_TRUE(writer->Flush().ok());
     auto reader = RecordReader::Open(path_);
     ASSERT_TRUE(reader.ok());
@@ -187,7 +275,7 @@ TEST_F(RecordFile, GivesWhatIsWholeOfADamagedFile) {
         EXPECT_EQ(Read(kGolden.substr(0, size)).size(), whole) << size;
         EXPECT_NE(damage_, "") << size;
     }
-    EXPECT_EQ(Read(kGolden + "x").size(), 5u);
+    EXPECT_EQ(Read(kGolden + "x").size(), 6u);
     EXPECT_THAT(damage_, testing::HasSubstr("behind its end"));
     EXPECT_EQ(Read(std::string(kGolden).replace(49, 1, "\x03")).size(), 1u);
     EXPECT_THAT(damage_, testing::HasSubstr("unknown kind 3"));

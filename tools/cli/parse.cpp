@@ -65,6 +65,8 @@ CLI::Option* Bind(CLI::App& app, const Option& option) {
     return bound;
 }
 
+using Bound = std::vector<std::pair<const Option*, CLI::Option*>>;
+
 // One parse of one command line.
 class Parser {
   public:
@@ -102,7 +104,11 @@ class Parser {
         } else {
             parsed.error = Fault(*named, command, fault);
         }
-        if (fault.empty()) Collect(parsed.arguments);
+        if (!fault.empty()) return parsed;
+        for (const CLI::App* app : {static_cast<const CLI::App*>(&app_), named}) {
+            Collect(bound_[app], parsed.arguments);
+            if (named == &app_) break;
+        }
         return parsed;
     }
 
@@ -110,8 +116,9 @@ class Parser {
     void BindAll(CLI::App& app, const Options& options) {
         std::map<std::string, CLI::Option*> by_name;
         for (const Option& option : options) {
-            bound_.emplace_back(&option, Bind(app, option));
-            by_name[KeyOf(option)] = bound_.back().second;
+            CLI::Option* bound = Bind(app, option);
+            bound_[&app].emplace_back(&option, bound);
+            by_name[KeyOf(option)] = bound;
         }
         for (const Option& option : options) {
             CLI::Option* own = by_name.at(KeyOf(option));
@@ -132,8 +139,8 @@ class Parser {
         commands_[sub] = index;
     }
 
-    void Collect(Arguments& arguments) const {
-        for (const auto& [option, bound] : bound_) {
+    static void Collect(const Bound& options, Arguments& arguments) {
+        for (const auto& [option, bound] : options) {
             const std::string key = KeyOf(*option);
             if (*option->standard != '\0') arguments.SetStandard(key, option->standard);
             for (const std::string& value : bound->results()) arguments.Add(key, value);
@@ -157,7 +164,7 @@ class Parser {
 
     const Program& program_;
     CLI::App app_;
-    std::vector<std::pair<const Option*, CLI::Option*>> bound_;
+    std::map<const CLI::App*, Bound> bound_;  // the options of each command
     std::map<const CLI::App*, int> commands_;
 };
 

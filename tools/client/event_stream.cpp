@@ -58,6 +58,11 @@ Result<size_t> EventStream::Read(std::vector<SensorEvent>& events) {
     return events.size() - before;
 }
 
+size_t EventStream::Backlog() const {
+    int unread = 0;
+    return ioctl(fd_.get(), SIOCINQ, &unread) == 0 && unread > 0 ? static_cast<size_t>(unread) : 0;
+}
+
 Status EventStream::WaitUntilServed(std::chrono::milliseconds timeout) {
     constexpr int kStepMs = 1;
     const auto deadline = std::chrono::steady_clock::now() + timeout;

@@ -36,6 +36,9 @@ class EventStream {
     // the events that came before that are delivered first.
     [[nodiscard]] Result<size_t> Read(std::vector<shd::SensorEvent>& events);
 
+    // Bytes that have arrived and were not read yet.
+    [[nodiscard]] size_t Backlog() const;
+
     // Waits until the daemon's data server has this connection on its list, so that no event that
     // happens from now on is missed. A connection counts as made before the daemon has accepted it;
     // what a client sends is discarded in blocks of 1,024 bytes, so a block that has been taken is

@@ -14,6 +14,11 @@ namespace {
 
 constexpr std::chrono::milliseconds kReconnectInterval{100};
 
+// The smallest send buffer that a system gives a socket takes some 280 events, each with what the
+// kernel needs beside it. A reader that finds nearly as many after a while cannot have seen all.
+constexpr size_t kFullBacklogBytes = 200 * sizeof(SensorEvent);
+constexpr int64_t kStandstillNs = 50'000'000;
+
 }  // namespace
 
 int64_t BootTimeNs() {
@@ -30,6 +35,7 @@ Status EventWatcher::Open() {
     Result<EventStream> stream = EventStream::Connect(root_);
     if (!stream) return stream.error();
     stream_ = std::move(*stream);
+    looked_ns_ = 0;
     return Success();
 }
 
@@ -47,8 +53,20 @@ Result<WatchChange> EventWatcher::Poll(std::chrono::milliseconds timeout,
                                        std::vector<WatchedEvent>& events) {
     if (!stream_) return TryToReconnect(timeout);
     pollfd ready{stream_->fd(), POLLIN, 0};
-    if (poll(&ready, 1, static_cast<int>(timeout.count())) <= 0) return WatchChange::kNone;
-    return ReadEvents(events);
+    if (looked_ns_ == 0) looked_ns_ = BootTimeNs();
+    const bool came = poll(&ready, 1, static_cast<int>(timeout.count())) > 0;
+    const int64_t before_ns = looked_ns_;
+    looked_ns_ = BootTimeNs();
+    if (!came) return WatchChange::kNone;
+    const bool full = stream_->Backlog() >= kFullBacklogBytes;
+    const uint64_t resyncs = stream_->assembler().resyncs();
+    const Result<WatchChange> change = ReadEvents(events);
+    const bool cut = stream_ && stream_->assembler().resyncs() > resyncs;
+    if (cut || (full && looked_ns_ - before_ns >= kStandstillNs)) {
+        missed_ = MissedSpan{before_ns, looked_ns_, cut};
+    }
+    looked_ns_ = BootTimeNs();
+    return change;
 }
 
 Result<WatchChange> EventWatcher::ReadEvents(std::vector<WatchedEvent>& events) {

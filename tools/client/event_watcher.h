@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "protocol/event.h"
@@ -33,6 +34,14 @@ enum class WatchChange : uint8_t {
     kReconnected,  // a daemon is back; events between the two are lost
 };
 
+// A time in which this client did not read what came, so that the daemon may have had to leave
+// events out: what is missing from then was lost on the way and not by the MCU.
+struct MissedSpan {
+    int64_t from_ns;  // of CLOCK_BOOTTIME
+    int64_t to_ns;
+    bool certain;  // a record was cut; else only a gap in that time is a sign of it
+};
+
 // Not thread-safe: one thread at a time.
 class EventWatcher {
   public:
@@ -47,6 +56,12 @@ class EventWatcher {
     // 100 ms within the timeout. Fails only with kDisconnected, and only without reconnect.
     [[nodiscard]] Result<WatchChange> Poll(std::chrono::milliseconds timeout,
                                            std::vector<WatchedEvent>& events);
+
+    // Says, once, that the last Poll found the signs of it: a record cut short, or a socket full of
+    // events after a time without reading. The events of that Poll came behind it.
+    [[nodiscard]] std::optional<MissedSpan> TakeMissed() {
+        return std::exchange(missed_, std::nullopt);
+    }
 
     [[nodiscard]] bool connected() const { return stream_.has_value(); }
     // Bytes dropped in search of the next record, over all connections: not 0 means that the
@@ -64,6 +79,8 @@ class EventWatcher {
     const WatchOptions options_;
     std::optional<EventStream> stream_;
     uint64_t discarded_earlier_ = 0;
+    int64_t looked_ns_ = 0;  // when the socket was last seen to be empty or emptied
+    std::optional<MissedSpan> missed_;
     std::vector<shd::SensorEvent> records_;
 };
 

@@ -26,10 +26,10 @@ std::string AxisText(const SensorInfo& sensor) {
 }
 
 std::string NoteText(const SensorInfo& sensor) {
-    if (sensor.is_virtual) return "virtual, derived from the step counter";
+    if (sensor.is_virtual) return "from the step counter";
     std::string text = sensor.can_batch ? "" : "never batched";
     if (sensor.parameter_size > 0) {
-        text += fmt::format("parameter and calibration of {} bytes", sensor.parameter_size);
+        text += fmt::format("{}-byte parameter", sensor.parameter_size);
     }
     return text;
 }

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "tools/shdtool/command_table.h"
+#include "tools/shdtool/engine/line_budget.h"
 #include "tools/shdtool/hex.h"
 
 namespace shdtool {
@@ -55,8 +56,9 @@ int32_t BatchSize(const cli::Arguments& arguments) {
     return arguments.Has("--batch") ? static_cast<int32_t>(arguments.Integer("--batch")) : 0;
 }
 
-// The sensor as it now samples: what it was set to, in words and as fields.
-Report SamplingReport(const SensorInfo& sensor, const std::string& done,
+// The sensor as it now samples: what it was set to, and what it takes of the line, in words and as
+// fields. A sensor that fills the line alone is warned of.
+Report SamplingReport(Context& context, const SensorInfo& sensor, const std::string& done,
                       std::optional<int32_t> period_ms, int32_t batch) {
     Report report{fmt::format("{} {}", sensor.name, done), SensorFields(sensor)};
     if (!period_ms) return report;
@@ -70,6 +72,14 @@ Report SamplingReport(const SensorInfo& sensor, const std::string& done,
         report.text += ", not batched (the hub never batches it)";
     } else if (batch > 0) {
         report.text += fmt::format(", in batches of {}", batch);
+    }
+    const double load = LineLoad(sensor, 1000.0 / *period_ms, sensor.can_batch ? batch : 0);
+    report.text += fmt::format("; {}", LineText(load));
+    report.fields.Set("line_bytes_per_sec", load);
+    if (load > kFullLineShare * kLineBytesPerSec) {
+        context.Warn(fmt::format("{} alone needs {}: samples will be lost; ask for a lower rate{}",
+                                 sensor.name, LineText(load),
+                                 sensor.can_batch ? " or a larger batch" : ""));
     }
     return report;
 }
@@ -87,7 +97,7 @@ Outcome Enable(HubClient& hub, Context& context) {
     }
     const Status active = hub.Activate(sensor.handle);
     if (!active) return active.error();
-    return SamplingReport(sensor, "enabled", period_ms, batch);
+    return SamplingReport(context, sensor, "enabled", period_ms, batch);
 }
 
 Outcome Batch(HubClient& hub, Context& context) {
@@ -97,7 +107,7 @@ Outcome Batch(HubClient& hub, Context& context) {
     const int32_t batch = BatchSize(context.arguments);
     const Status done = hub.Batch(sensor.handle, *period_ms, batch);
     if (!done) return done.error();
-    return SamplingReport(sensor, "set", period_ms, batch);
+    return SamplingReport(context, sensor, "set", period_ms, batch);
 }
 
 Outcome SetDelay(HubClient& hub, Context& context) {
@@ -105,7 +115,7 @@ Outcome SetDelay(HubClient& hub, Context& context) {
     const auto period_ms = static_cast<int32_t>(context.arguments.Integer("MS"));
     const Status done = hub.SetDelay(sensor.handle, period_ms);
     if (!done) return done.error();
-    return SamplingReport(sensor, "set", period_ms, 0);
+    return SamplingReport(context, sensor, "set", period_ms, 0);
 }
 
 Outcome Disable(HubClient& hub, Context& context) {

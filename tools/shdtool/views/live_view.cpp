@@ -1,0 +1,83 @@
+// Draws a view and obeys its keys. Called by the loop.
+#include "tools/shdtool/views/live_view.h"
+
+#include <fmt/core.h>
+
+namespace shdtool {
+namespace {
+
+constexpr std::chrono::milliseconds kRedrawInterval{150};
+constexpr size_t kPrintedColumns = 160;  // of the last state, where there is no window
+constexpr size_t kPrintedRows = 1000;
+
+const std::vector<Line>& HelpLines() {
+    static const std::vector<Line> lines{
+        {"Keys", Style::kHeading},
+        {""},
+        {"  q          quit; the last page stays on the terminal"},
+        {"  p, blank   pause and go on; a recording stands still meanwhile"},
+        {"  r          reset the statistics"},
+        {"  up, down   move through the sensors that do not fit"},
+        {"  ?          this help, and back"},
+    };
+    return lines;
+}
+
+}  // namespace
+
+// True when it wants to be seen at once.
+bool LiveView::Obey(Key key) {
+    switch (key) {
+        case Key::kNone:
+        case Key::kQuit:
+            return false;
+        case Key::kPause:
+            paused_ = !paused_;
+            source_->Pause(paused_);
+            break;
+        case Key::kReset:
+            Reset();
+            break;
+        case Key::kHelp:
+            help_ = !help_;
+            break;
+        case Key::kUp:
+            Scroll(-1);
+            break;
+        case Key::kDown:
+            Scroll(1);
+            break;
+    }
+    return true;
+}
+
+void LiveView::OnSilence() {
+    if (!Terminal().drawable) EventSink::OnSilence();  // else the page says it
+}
+
+shdclient::Result<bool> LiveView::OnTick(const WatchState& state) {
+    if (!Terminal().drawable) return true;
+    bool asked = false;
+    for (Key key = screen_.PressedKey(); key != Key::kNone; key = screen_.PressedKey()) {
+        if (key == Key::kQuit) return false;
+        asked = Obey(key) || asked;
+    }
+    const auto now = std::chrono::steady_clock::now();
+    const bool due = !paused_ && now - drawn_ >= kRedrawInterval;
+    if (!asked && !due) return true;
+    drawn_ = now;
+    screen_.Draw(help_ ? HelpLines() : Page(state, Screen::size()));
+    return true;
+}
+
+shdclient::Status LiveView::OnEnd(const WatchState& state) {
+    screen_.Leave();
+    const bool window = Terminal().terminal;
+    const Screen::Size size{window ? Screen::size().columns : kPrintedColumns, kPrintedRows};
+    for (const Line& line : Page(state, size)) {
+        fmt::print("{}\n", Styled(line.text, line.style));
+    }
+    return shdclient::Success();
+}
+
+}  // namespace shdtool

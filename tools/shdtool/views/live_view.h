@@ -1,0 +1,40 @@
+// What the live table and the chart have in common: drawing now and then, the keys, the help, and
+// the last page at the end. Used by watch and replay.
+#pragma once
+
+#include <chrono>
+#include <vector>
+
+#include "tools/shdtool/engine/loop.h"
+#include "tools/shdtool/views/terminal.h"
+
+namespace shdtool {
+
+class LiveView : public EventSink {
+  public:
+    void OnStart(EventSource& source) override { source_ = &source; }
+    void OnSilence() final;
+    [[nodiscard]] shdclient::Result<bool> OnTick(const WatchState& state) final;
+    [[nodiscard]] shdclient::Status OnEnd(const WatchState& state) final;
+
+  protected:
+    // The lines for a window of that size.
+    [[nodiscard]] virtual std::vector<Line> Page(const WatchState& state, Screen::Size size) = 0;
+    virtual void Reset() = 0;
+    virtual void Scroll(int by) = 0;
+
+    [[nodiscard]] bool paused() const { return paused_; }
+    // The next tick draws.
+    void DrawSoon() { drawn_ = {}; }
+
+  private:
+    [[nodiscard]] bool Obey(Key key);
+
+    EventSource* source_ = nullptr;
+    Screen screen_;
+    bool paused_ = false;
+    bool help_ = false;
+    std::chrono::steady_clock::time_point drawn_{};
+};
+
+}  // namespace shdtool

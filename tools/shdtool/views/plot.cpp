@@ -1,0 +1,200 @@
+// Lays out and draws the live chart. Called by watch and replay.
+#include "tools/shdtool/views/plot.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+#include "tools/shdtool/engine/spacing.h"
+#include "tools/shdtool/views/event_format.h"
+#include "tools/shdtool/views/plot_canvas.h"
+
+namespace shdtool {
+namespace {
+
+constexpr double kNsPerSec = 1e9;
+constexpr double kNothing = std::numeric_limits<double>::quiet_NaN();
+constexpr size_t kMinStripRows = 3;  // a caption and two rows of the curve
+
+// The range of values that fall into one column of dots.
+struct Span {
+    double low = kNothing;
+    double high = kNothing;
+
+    void Include(double value) {
+        low = std::isnan(low) ? value : std::min(low, value);
+        high = std::isnan(high) ? value : std::max(high, value);
+    }
+};
+
+// A point of the curve, time as a position among the columns of dots.
+struct Dot {
+    double x;
+    double value;
+};
+
+// Adds a piece of the curve to the columns that it crosses; its end alone when there is no start,
+// or when time went backwards.
+void IncludeLine(std::vector<Span>& spans, const Dot& from, const Dot& to) {
+    if (!std::isfinite(to.value)) return;
+    const double width = static_cast<double>(spans.size());
+    const bool connected = std::isfinite(from.value) && from.x < to.x;
+    const double begin = connected ? from.x : to.x;
+    if (to.x < 0 || begin >= width) return;
+    const double slope = connected ? (to.value - from.value) / (to.x - from.x) : 0;
+    const auto first = static_cast<size_t>(std::max(begin, 0.0));
+    const auto last = static_cast<size_t>(std::min(to.x, width - 1));
+    for (size_t x = first; x <= last; ++x) {
+        const double left = std::max(static_cast<double>(x), begin);
+        const double right = std::min(static_cast<double>(x + 1), to.x);
+        spans[x].Include(to.value - slope * (to.x - left));
+        spans[x].Include(to.value - slope * (to.x - right));
+    }
+}
+
+}  // namespace
+
+void PlotStrip::Forget(int64_t before_ns) {
+    while (points_.size() > 1 && points_[1].time_ns < before_ns) points_.pop_front();
+}
+
+std::pair<double, double> PlotStrip::Scale() const {
+    Span span;
+    for (const Point& point : points_) {
+        if (std::isfinite(point.value)) span.Include(point.value);
+    }
+    if (std::isnan(span.low)) return {0, 1};
+    const double least = std::max(std::abs(span.high) * 1e-6, 1e-6);  // a flat line has no range
+    if (span.high - span.low < least) return {span.low - least, span.high + least};
+    return {span.low, span.high};
+}
+
+std::string PlotStrip::Caption(double low, double high) const {
+    const shdclient::Axis& axis = sensor_.axes[axis_];
+    std::string caption = fmt::format("{} {}", sensor_.name, axis.name);
+    const auto last = std::find_if(points_.rbegin(), points_.rend(),
+                                   [](const Point& point) { return !std::isnan(point.value); });
+    if (last != points_.rend()) caption += fmt::format("  {:.6g}", PlainNumber(last->value));
+    if (!axis.unit.empty()) caption += fmt::format(" {}", axis.unit);
+    return caption + fmt::format("   scale {:.4g} to {:.4g}", low, high);
+}
+
+std::vector<std::string> PlotStrip::Draw(int64_t start_ns, int64_t end_ns, size_t columns,
+                                         size_t rows) const {
+    const auto [low, high] = Scale();
+    PlotCanvas canvas(columns, rows - 1);
+    std::vector<Span> spans(canvas.width());
+    const double dots_per_ns =
+        static_cast<double>(canvas.width()) / static_cast<double>(end_ns - start_ns);
+    Dot from{0, kNothing};
+    for (const Point& point : points_) {
+        const Dot to{static_cast<double>(point.time_ns - start_ns) * dots_per_ns, point.value};
+        IncludeLine(spans, from, to);
+        from = to;
+    }
+    const double top_dot = static_cast<double>(canvas.height() - 1);
+    const auto dot = [&, low = low, high = high](double value) {
+        return static_cast<size_t>(std::lround((high - value) / (high - low) * top_dot));
+    };
+    for (size_t x = 0; x < spans.size(); ++x) {
+        if (!std::isnan(spans[x].low))
+            canvas.VerticalLine(x, dot(spans[x].low), dot(spans[x].high));
+    }
+    std::vector<std::string> lines = canvas.Lines(Terminal().utf8);
+    lines.insert(lines.begin(), Caption(low, high));
+    return lines;
+}
+
+PlotView::PlotView(double window_sec) : window_ns_(static_cast<int64_t>(window_sec * kNsPerSec)) {}
+
+void PlotView::OnEvent(const shdclient::WatchedEvent& event) {
+    // Between samples further apart than this share of what is usual there is a gap.
+    constexpr double kGapPeriods = 3;
+    constexpr double kSmoothing = 0.1;
+    const shdclient::DecodedEvent& decoded = event.decoded;
+    if (decoded.value_count == 0) return;
+    Sensor& sensor = sensors_[decoded.sensor->handle];
+    for (size_t axis = sensor.strips.size(); axis < decoded.value_count; ++axis) {
+        sensor.strips.emplace_back(*decoded.sensor, axis);
+    }
+    bool gap = false;
+    if (sensor.last_ns) {
+        const auto spacing_ns = static_cast<double>(decoded.timestamp_ns - *sensor.last_ns);
+        gap = sensor.usual_ns > 0 && IsPeriodic(*decoded.sensor) &&
+              spacing_ns > kGapPeriods * sensor.usual_ns;
+        if (sensor.usual_ns <= 0) sensor.usual_ns = spacing_ns;
+        if (!gap) sensor.usual_ns += kSmoothing * (spacing_ns - sensor.usual_ns);
+    }
+    for (size_t axis = 0; axis < decoded.value_count; ++axis) {
+        PlotStrip& strip = sensor.strips[axis];
+        if (gap) strip.Add({decoded.timestamp_ns, kNothing});
+        strip.Add({decoded.timestamp_ns, decoded.all_values[axis]});
+    }
+    sensor.last_ns = decoded.timestamp_ns;
+}
+
+void PlotView::OnChange(const Delivery& change) {
+    change_ = change;
+    for (auto& [handle, sensor] : sensors_) {
+        for (PlotStrip& strip : sensor.strips) strip.Add({change.event.arrival_ns, kNothing});
+    }
+    DrawSoon();
+}
+
+void PlotView::Reset() {
+    sensors_.clear();
+    change_.reset();
+    first_ = 0;
+}
+
+void PlotView::Scroll(int by) {
+    if (by < 0 && first_ > 0) --first_;
+    if (by > 0 && first_ + 1 < Strips().size()) ++first_;
+}
+
+std::vector<const PlotStrip*> PlotView::Strips() const {
+    std::vector<const PlotStrip*> strips;
+    for (const auto& [handle, sensor] : sensors_) {
+        for (const PlotStrip& strip : sensor.strips) strips.push_back(&strip);
+    }
+    return strips;
+}
+
+std::string PlotView::StatusLine(const WatchState& state, size_t shown) const {
+    std::string line = fmt::format("{:g} s up to now, {} samples",
+                                   static_cast<double>(window_ns_) / kNsPerSec, state.samples);
+    if (paused()) line += "; PAUSED";
+    const size_t hidden = Strips().size() - shown;
+    if (hidden > 0) line += fmt::format("; +{} axes: arrows", hidden);
+    const bool changed = change_ && (change_->kind == DeliveryKind::kLost ||
+                                     change_->event.arrival_ns > state.now_ns - window_ns_);
+    if (changed) line += fmt::format("; {}", ChangeText(*change_));
+    if (sensors_.empty() && !changed) line += "; no values yet, is a sensor enabled?";
+    return line;
+}
+
+std::vector<Line> PlotView::Page(const WatchState& state, Screen::Size size) {
+    constexpr size_t kMostRows = 12;  // of a strip that is printed at the end
+    const int64_t start_ns = state.now_ns - window_ns_;
+    for (auto& [handle, sensor] : sensors_) {
+        for (PlotStrip& strip : sensor.strips) strip.Forget(start_ns);
+    }
+    const std::vector<const PlotStrip*> strips = Strips();
+    const size_t room = size.rows > 1 ? size.rows - 1 : 1;
+    const size_t first = std::min(first_, strips.size());
+    const size_t shown = std::min(strips.size() - first, std::max<size_t>(room / kMinStripRows, 1));
+    std::vector<Line> page{{StatusLine(state, shown), Style::kHeading}};
+    size_t left = room;
+    for (size_t i = 0; i < shown; ++i) {
+        const size_t rows = std::clamp<size_t>(left / (shown - i), 2, kMostRows);
+        left -= std::min(left, rows);
+        const auto lines = strips[first + i]->Draw(start_ns, state.now_ns,
+                                                   std::max<size_t>(size.columns, 2), rows);
+        for (const std::string& line : lines) page.push_back({line});
+    }
+    return page;
+}
+
+}  // namespace shdtool
