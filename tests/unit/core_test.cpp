@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <thread>
 
@@ -137,35 +138,42 @@ TEST_F(ControlTest, RequestsWaitTwoSecondsDuringARebootButVirtualSensorsDoNot) {
 
 TEST_F(ControlTest, StateFollowsTheCommands) {
     const std::string batch = "0A 00 00 00 32 00 00 00 09 00 00 00";
-    g_hooks.on_entry = [](const std::string& entry) {  // the samples may come before the reply
-        const bool asked = entry == "mcu 01 00 10 04";
-        EXPECT_TRUE(!asked || State(0).flush_pending == 1);
+    SensorState& accelerometer = State(0);
+    g_hooks.on_entry = [&](const std::string& entry) {  // the samples may come before the reply
+        EXPECT_TRUE(entry != "mcu 01 00 10 04" || accelerometer.flush_pending == 1);
     };
+    g_hooks.named_locks = {{&g_sensor_state_mutex, "state"}};
     // The fields are enable, period_ms, batchcnt, batch_left, virtual_enable, last_time,
     // time_adjust, flush_pending, flush_count.
     for (const auto& row : Table(R"(
-         0 |  0 | 00       | 1 7 7 7 7 -1 0 0 7 | 0
-         0 |  0 | 05       | 7 7 7 7 7 -1 0 0 7 | 0
-         0 |  1 | 05       | 0 7 7 0 7 7 7 0 7  | 0
-         0 |  2 | silence  | 7 10 7 7 7 7 7 0 7 | 0
-         0 | 10 | 05       | 7 10 50 7 7 -1 0 0 7 | 0
-         9 | 10 | 00       | 7 10 0 7 7 -1 0 0 7  | 0
-         0 | 11 | 00 00 00 | 7 7 7 7 7 7 7 0 0  | 1
-         0 | 11 | 05 00 00 | 7 7 7 7 7 7 7 1 5  | 0
-         0 | 11 | 05 00 01 | 7 7 7 7 7 7 7 1 0  | 0
-         0 | 11 | FB FF 00 | 7 7 7 7 7 7 7 0 -5 | 1
-         0 | 11 | FB FF 01 | 7 7 7 7 7 7 7 0 0  | 1
-         0 | 11 | 05       | 7 7 7 7 7 7 7 1 5  | 0
-         0 | 11 |          | 7 7 7 7 7 7 7 0 0  | 1
-         0 | 11 | silence  | 7 7 7 7 7 7 7 0 0  | 1
-        17 |  0 |          | 7 7 7 7 1 7 7 0 7  | 0
-        17 |  1 |          | 7 7 7 7 0 7 7 0 7  | 0
-        17 | 11 |          | 7 7 7 7 7 7 7 0 0  | 1
-        17 |  2 |          | 7 7 7 7 7 7 7 0 7  | 0)")) {  // last: flush-complete events
+        19 |  8 | 00       | 7 7 7 7 7 7 7 0 7  | 0 | 1
+         0 |  0 | 00       | 1 7 7 7 7 -1 0 0 7 | 0 | 1
+         0 |  0 | 05       | 7 7 7 7 7 -1 0 0 7 | 0 | 1
+         0 |  1 | 05       | 0 7 7 0 7 7 7 0 7  | 0 | 1
+         0 |  2 | silence  | 7 10 7 7 7 7 7 0 7 | 0 | 1
+         0 | 10 | 05       | 7 10 50 7 7 -1 0 0 7 | 0 | 1
+         9 | 10 | 00       | 7 10 0 7 7 -1 0 0 7  | 0 | 1
+         0 | 11 | 00 00 00 | 7 7 7 7 7 7 7 0 0  | 1 | 3
+         0 | 11 | 05 00 00 | 7 7 7 7 7 7 7 1 5  | 0 | 2
+         0 | 11 | 05 00 01 | 7 7 7 7 7 7 7 1 0  | 0 | 2
+         0 | 11 | FB FF 00 | 7 7 7 7 7 7 7 0 -5 | 1 | 3
+         0 | 11 | FB FF 01 | 7 7 7 7 7 7 7 0 0  | 1 | 3
+         0 | 11 | 05       | 7 7 7 7 7 7 7 1 5  | 0 | 2
+         0 | 11 |          | 7 7 7 7 7 7 7 0 0  | 1 | 3
+         0 | 11 | silence  | 7 7 7 7 7 7 7 0 0  | 1 | 3
+        17 |  0 |          | 7 7 7 7 1 7 7 0 7  | 0 | 1
+        17 |  1 |          | 7 7 7 7 0 7 7 0 7  | 0 | 1
+        17 | 11 |          | 7 7 7 7 7 7 7 0 0  | 1 | 2
+        17 |  2 |          | 7 7 7 7 7 7 7 0 7  | 0 | 1)")) {  // last: flush-complete events, how
+                                                               // often the lock is taken
         SensorState& s = State(Int(row[0]));
         s = {7, 7, 7, 7, 7, 7, 7, 0, 7};
         mcu.script = {row[2]};
+        (void)TakeJournal();
         (void)Ask(Int(row[0]), Int(row[1]), batch);
+        const Lines locks = TakeJournal({"state"});
+        EXPECT_EQ(std::count(locks.begin(), locks.end(), "state taken"), Int(row[5]))
+            << row[1] << " " << row[2];
         std::string fields = std::to_string(s.enable);
         for (const int64_t field : std::initializer_list<int64_t>{
                  s.period_ms, s.batchcnt, s.batch_left, s.virtual_enable, s.last_time,
@@ -174,26 +182,6 @@ TEST_F(ControlTest, StateFollowsTheCommands) {
         }
         EXPECT_EQ(fields, row[3]) << row[1] << " " << row[2];
         EXPECT_EQ(TakeEvents().size(), static_cast<size_t>(Int(row[4]))) << row[1] << " " << row[2];
-    }
-    (void)TakeJournal();
-    hub.error_count = 0;
-    for (const auto* reply : {FakeMcu::kSilence, ""}) {
-        mcu.script = {reply};
-        (void)Ask(26, 11);
-        EXPECT_EQ(TakeJournal({"shd"}).back(), std::string("E/shd Sensor Flush :51 ") +
-                                                   (*reply != 0 ? "timeout" : "data len < 1"));
-    }
-}
-
-TEST_F(ControlTest, StateIsChangedUnderItsLock) {
-    g_hooks.named_locks = {{&g_sensor_state_mutex, "state"}};
-    // Handle, command; how often the command takes the lock, its flush-complete event included.
-    for (const auto& row :
-         Table("0|0|1 \n 0|1|1 \n 0|2|1 \n 0|10|1 \n 0|11|3 \n 19|8|1 \n 17|0|1 \n 17|11|2")) {
-        (void)TakeJournal();
-        (void)Ask(Int(row[0]), Int(row[1]));
-        EXPECT_EQ(TakeJournal({"state"}).size(), 2U * static_cast<size_t>(Int(row[2])))
-            << row[0] << " " << row[1];
     }
 }
 
@@ -235,6 +223,22 @@ TEST(MessageQueue, RecordWakesTheThreadThatWaitsForIt) {
         queue.EnqueueMessage(&record);
     }
     consumer.join();
+}
+
+TEST(MessageQueue, ProducersDoNotDisturbEachOther) {
+    ResetPlatform();
+    MessageQueue<int> queue;
+    int record = 0;
+    constexpr int kRecords = 20'000;
+    const auto produce = [&] {
+        for (int i = 0; i < kRecords; ++i) queue.EnqueueMessage(&record);
+    };
+    std::thread other(produce);
+    produce();
+    other.join();
+    int count = 0;
+    while (queue.DequeueMessageTimeout(0) != nullptr) ++count;
+    EXPECT_EQ(count, 2 * kRecords);
 }
 
 TEST(SensorTable, HandlesHaveTheirMcuSensors) {

@@ -253,31 +253,13 @@ TEST_F(EventTest, RunOfDetectedStepsEndsForWhoeverNeedsTheReader) {
 }
 
 TEST_F(EventTest, SettingsChangedDuringAReportCountFromTheNextOn) {
-    const std::string samples = Hex(std::string(60 * 6, '\0'));
-    std::atomic<bool> done = false;
-    std::thread commands([&] {
-        for (int turn = 0; !done; ++turn) {
-            const MutexLock lock(g_sensor_state_mutex);
-            StateOf(0).period_ms = turn % 2 == 0 ? 1 : 100;
-            StateOf(0).batchcnt = turn % 3 == 0 ? 0 : 100;
-            StateOf(0).batch_left = 100;
-            StateOf(0).time_adjust = 0;
-        }
-    });
-    int mixed = 0;
-    for (int report = 0; report < 1000; ++report) {
-        Report(16, samples);
-        const auto events = TakeEvents();
-        const int64_t first = events[1].timestamp - events[0].timestamp;
-        for (size_t i = 1; i < events.size(); ++i) {
-            if (events[i].timestamp - events[i - 1].timestamp == first) continue;
-            ++mixed;
-            break;
-        }
-    }
-    done = true;
-    commands.join();
-    EXPECT_EQ(mixed, 0);
+    SensorState& state = State(0);
+    state = {0, 10, 0, 0, 0, -1, 0, 0, 0};
+    g_hooks.named_locks = {{&g_sensor_state_mutex, "state"}};
+    g_hooks.on_entry = [&](const std::string& entry) {  // a command between any two steps
+        if (entry == "state released") state = {0, 77, 50, 9, 0, 5, kMilli, 0, 0};
+    };
+    EXPECT_EQ(ReportAfter(0, 16, kAccSamples), List("0/1@20 | 0/1@10 | 0/1@0"));
 }
 
 TEST_F(EventTest, FlushIsAccountedForInOneStep) {
@@ -288,30 +270,6 @@ TEST_F(EventTest, FlushIsAccountedForInOneStep) {
     AccountForFlush(&hub, 21, 1);
     EXPECT_EQ(TakeJournal(), List("state taken | state released"));
     EXPECT_EQ(TakeEvents().size(), 1U);
-}
-
-TEST_F(EventTest, FlushCountedDuringItsReportIsNotForgotten) {
-    std::atomic<bool> done = false;
-    std::thread command([&] {
-        while (!done) {
-            const MutexLock lock(g_sensor_state_mutex);
-            if (StateOf(21).flush_pending == 1) StateOf(21).flush_count = 1;
-        }
-    });
-    int forgotten = 0;
-    for (int turn = 0; turn < 60'000; ++turn) {
-        {
-            const MutexLock lock(g_sensor_state_mutex);
-            StateOf(21).flush_count = 0;
-            StateOf(21).flush_pending = 1;
-        }
-        Report(50, "48 00 00 00 03 00 00 00");
-        const MutexLock lock(g_sensor_state_mutex);
-        if (StateOf(21).flush_pending != 0) ++forgotten;
-    }
-    done = true;
-    command.join();
-    EXPECT_EQ(forgotten, 0);
 }
 
 TEST_F(EventTest, SignificantMotionPausesForTenSeconds) {

@@ -160,15 +160,17 @@ TEST_F(RebootTest, VirtualSensorIsSwitchedOffAndOnAgain) {
 TEST_F(RebootTest, OfTwoThreadsThatAskAtOnceOneStartsIt) {
     std::atomic<int> starting = 0, most = 0, waiting = 0;
     g_hooks.on_thread = [&] {
-        most = std::max<int>(most, ++starting);
-        sched_yield();
+        ++starting;
+        for (int i = 0; i < 100; ++i) most = std::max<int>(most, starting);
         --starting;
         return EAGAIN;  // which ends it
     };
-    constexpr int kTurns = 3000;
     const auto ask = [&] {
-        for (int turn = 1; turn <= kTurns; ++turn) {
-            for (++waiting; waiting < 2 * turn;) sched_yield();  // for the other one
+        for (int turn = 1; turn <= 10'000; ++turn) {
+            ++waiting;
+            for (int spins = 1; waiting < 2 * turn; ++spins) {  // for the other one
+                if (spins % 1000 == 0) sched_yield();
+            }
             EXPECT_EQ(StartMcuReboot(&hub), -1);
         }
     };
@@ -187,7 +189,14 @@ TEST_F(RebootTest, OneRunsAtATimeAndNoneWhenDisabled) {
               List("E/shd SensorMcuReboot disable | E/shd SensorMcuRebootFn param NULL"));
     g_mcu_reboot_disable = 0;
     int second_start = 0;
-    g_hooks.on_delay = [&](auto) { second_start = StartMcuReboot(&hub); };
+    int detached = -1;
+    g_hooks.on_delay = [&](auto) {
+        second_start = StartMcuReboot(&hub);
+        pthread_attr_t attributes;
+        pthread_getattr_np(pthread_self(), &attributes);
+        pthread_attr_getdetachstate(&attributes, &detached);
+        pthread_attr_destroy(&attributes);
+    };
     EXPECT_EQ(StartMcuReboot(&hub), 0);
     Lines log;
     while (log.empty() || log.back() != "D/shd SensorWakeLockAcquiredLocked :0") {
@@ -195,6 +204,7 @@ TEST_F(RebootTest, OneRunsAtATimeAndNoneWhenDisabled) {
         sched_yield();
     }
     EXPECT_EQ(second_start, -1);
+    EXPECT_EQ(detached, PTHREAD_CREATE_DETACHED);                        // nobody joins it
     EXPECT_EQ(Count(log, "E/shd SensorMcuReboot thread has exist"), 4);  // one for each delay
     EXPECT_EQ(g_mcu_rebooted, 1);
 }
