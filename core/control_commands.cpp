@@ -247,7 +247,11 @@ constexpr CommandHandler kHandlers[] = {
     {SHB_MCU_WAKEUP, LogWakeup},
 };
 
-static_assert(std::size(kHandlers) == std::size(kCommands));
+static_assert(std::equal(std::begin(kHandlers), std::end(kHandlers), std::begin(kCommands),
+                         std::end(kCommands),
+                         [](const CommandHandler& handler, const CommandFacts& facts) {
+                             return handler.command == facts.command;
+                         }));
 
 // Virtual sensors are answered here, whatever the command, also while the MCU is away.
 int ProcessVirtualSensor(const Call& call) {

@@ -4,7 +4,6 @@
 #include <cstring>
 
 #include "events/event_stamp.h"
-#include "mcu_link/byte_order.h"
 
 using namespace shd;
 
@@ -14,38 +13,34 @@ constexpr float kAccelerometerScale = 0.0047856453F;  // m/s^2 per unit
 constexpr float kGyroscopeScale = 0.0012211112F;      // rad/s per unit
 constexpr float kPressureScale = 0.00048828125F;      // hPa per unit: 1 / 2048
 
-float ReadAxis(const uint8_t* sample, size_t axis) {
-    return static_cast<float>(ReadLe<int16_t>(sample + axis * sizeof(int16_t)));
-}
-
 }  // namespace
 
-void ConvertAccelerometer(const uint8_t* sample, SensorEvent* event) {
-    SetDataSlot(event, 0, ReadAxis(sample, 1) * kAccelerometerScale);
-    SetDataSlot(event, 1, -(ReadAxis(sample, 0) * kAccelerometerScale));
-    SetDataSlot(event, 2, ReadAxis(sample, 2) * kAccelerometerScale);
+void ConvertAccelerometer(const McuAxes& sample, SensorEvent* event) {
+    SetDataSlot(event, 0, static_cast<float>(sample.y) * kAccelerometerScale);
+    SetDataSlot(event, 1, -(static_cast<float>(sample.x) * kAccelerometerScale));
+    SetDataSlot(event, 2, static_cast<float>(sample.z) * kAccelerometerScale);
 }
 
-void ConvertGyroscope(const uint8_t* sample, SensorEvent* event) {
-    SetDataSlot(event, 0, ReadAxis(sample, 0) * kGyroscopeScale);
-    SetDataSlot(event, 1, -(ReadAxis(sample, 1) * kGyroscopeScale));
-    SetDataSlot(event, 2, -(ReadAxis(sample, 2) * kGyroscopeScale));
+void ConvertGyroscope(const McuAxes& sample, SensorEvent* event) {
+    SetDataSlot(event, 0, static_cast<float>(sample.x) * kGyroscopeScale);
+    SetDataSlot(event, 1, -(static_cast<float>(sample.y) * kGyroscopeScale));
+    SetDataSlot(event, 2, -(static_cast<float>(sample.z) * kGyroscopeScale));
 }
 
-void ConvertPressure(const uint8_t* sample, SensorEvent* event) {
-    SetDataSlot(event, 0, static_cast<float>(ReadLe<uint32_t>(sample)) * kPressureScale);
+void ConvertPressure(const uint32_t& sample, SensorEvent* event) {
+    SetDataSlot(event, 0, static_cast<float>(sample) * kPressureScale);
 }
 
-void ConvertVector(const uint8_t* sample, SensorEvent* event) {
-    std::memcpy(event->data, sample, 3 * sizeof(float));
+void ConvertVector(const McuVector& sample, SensorEvent* event) {
+    std::memcpy(event->data, &sample, sizeof(sample));
 }
 
-void ConvertRotation(const uint8_t* sample, SensorEvent* event) {
-    std::memcpy(event->data, sample, 4 * sizeof(float));
-    SetDataSlot(event, 2, -ReadLe<float>(sample + 2 * sizeof(float)));
+void ConvertRotation(const McuRotation& sample, SensorEvent* event) {
+    std::memcpy(event->data, &sample, sizeof(sample));
+    SetDataSlot(event, 2, -sample.z);
 }
 
-void ConvertHeartRate(const uint8_t* sample, SensorEvent* event) {
-    SetDataSlot(event, 0, static_cast<float>(ReadLe<uint32_t>(sample)));
-    event->data[4] = sample[4];  // the status word's low byte
+void ConvertHeartRate(const McuHeartRate& sample, SensorEvent* event) {
+    SetDataSlot(event, 0, static_cast<float>(sample.bpm));
+    event->data[4] = static_cast<uint8_t>(sample.status & 0xFF);
 }

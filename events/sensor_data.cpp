@@ -40,21 +40,20 @@ struct Report {
 // How an MCU sensor reports, one row a sensor.
 struct ReportFormat {
     int32_t handle;
-    size_t sample_size;                        // bytes
+    SampleConversion sample;                   // of an opaque one the size alone
     int32_t (*process)(const Report& report);  // sends the events, returns the samples consumed
-    void (*convert)(const uint8_t* sample, SensorEvent* event) = nullptr;  // a batched sample
-    bool measures_interval = false;  // from the arrival times of its batches
+    bool measures_interval = false;            // from the arrival times of its batches
     // Gets a copy of each sample without its fourth value, ahead of it. Each of the two handles
     // then has its events only while it is enabled itself; every other sensor always has them.
     int32_t companion = kNoHandle;
 };
 
 int32_t Report::count() const {
-    return static_cast<int32_t>(data.size() / format.sample_size);
+    return static_cast<int32_t>(data.size() / format.sample.size);
 }
 
 const uint8_t* Report::Sample(int32_t number) const {
-    return data.data() + static_cast<size_t>(number) * format.sample_size;
+    return data.data() + static_cast<size_t>(number) * format.sample.size;
 }
 
 // How many of a report's count samples are sent: of a report larger than the configured batch only
@@ -116,7 +115,7 @@ int32_t ProcessBatchedData(const Report& report) {
     const int32_t count = report.count();
     for (int32_t i = count - settings.samples; i < count; ++i) {
         AddTimeStamp(&event, settings.timing, settings.indices.Next());
-        report.format.convert(report.Sample(i), &event);
+        report.format.sample.convert(report.Sample(i), &event);
         if (settings.companion_enabled) SendCompanion(report.hub, event, report.format.companion);
         if (settings.enabled) SendEvent(report.hub, event);
     }
@@ -133,7 +132,7 @@ int32_t ProcessRawRecords(const Report& report) {
     }
     for (int32_t i = 0; i < count; ++i) {
         AddTimeStamp(&event, timing, count - 1 - i);
-        std::memcpy(event.data, report.Sample(i), report.format.sample_size);
+        std::memcpy(event.data, report.Sample(i), report.format.sample.size);
         SendEvent(report.hub, event);
     }
     return count;
@@ -143,7 +142,7 @@ int32_t ProcessHeartRate(const Report& report) {
     if (report.count() == 0) return 0;
     SensorEvent event = MakeEvent(report.format.handle);
     AddTimeStamp(&event, report.now, 0);
-    ConvertHeartRate(report.Sample(0), &event);
+    report.format.sample.convert(report.Sample(0), &event);
     SendEvent(report.hub, event);
     if (g_shd_log_debug != 0) {
         LOGD("SENSOR_TYPE_HEART_RATE bpm:%f status:%x",
@@ -186,25 +185,25 @@ int32_t ProcessMotionHealth(const Report& report) {
                  ReadLe<uint32_t>(record), ReadLe<uint16_t>(record + 4), record[10]);
         }
         AddTimeStamp(&event, settings.timing, index);
-        std::memcpy(event.data, record, report.format.sample_size);
+        std::memcpy(event.data, record, report.format.sample.size);
         SendEvent(report.hub, event);
     }
     return settings.samples;
 }
 
 constexpr ReportFormat kReportFormats[] = {
-    {kHandleAccelerometer, 6, ProcessBatchedData, ConvertAccelerometer, true},
-    {kHandleGyroscope, 6, ProcessBatchedData, ConvertGyroscope, true},
-    {kHandlePressure, 4, ProcessBatchedData, ConvertPressure, true},
-    {kHandleGravity, 12, ProcessBatchedData, ConvertVector},
-    {kHandleLinearAcceleration, 12, ProcessBatchedData, ConvertVector},
-    {kHandleRotationVector, 16, ProcessBatchedData, ConvertRotation, false,
+    {kHandleAccelerometer, kConversion<McuAxes, ConvertAccelerometer>, ProcessBatchedData, true},
+    {kHandleGyroscope, kConversion<McuAxes, ConvertGyroscope>, ProcessBatchedData, true},
+    {kHandlePressure, kConversion<uint32_t, ConvertPressure>, ProcessBatchedData, true},
+    {kHandleGravity, kConversion<McuVector, ConvertVector>, ProcessBatchedData},
+    {kHandleLinearAcceleration, kConversion<McuVector, ConvertVector>, ProcessBatchedData},
+    {kHandleRotationVector, kConversion<McuRotation, ConvertRotation>, ProcessBatchedData, false,
      kHandleGameRotationVector},
-    {kHandleRawRecord, 10, ProcessRawRecords},
-    {kHandleHeartRate, 8, ProcessHeartRate},
-    {kHandleStepCounter, 4, ProcessStepCounter},
-    {kHandleWristTilt, 1, ProcessWristTilt},
-    {kHandleMotionHealth, 16, ProcessMotionHealth},
+    {kHandleRawRecord, {10}, ProcessRawRecords},
+    {kHandleHeartRate, kConversion<McuHeartRate, ConvertHeartRate>, ProcessHeartRate},
+    {kHandleStepCounter, {sizeof(uint32_t)}, ProcessStepCounter},
+    {kHandleWristTilt, {1}, ProcessWristTilt},
+    {kHandleMotionHealth, {16}, ProcessMotionHealth},
 };
 
 // Every sensor of the MCU, and no virtual one, has its events from a row.

@@ -8,12 +8,13 @@
 #include "mcu_link/byte_order.h"
 #include "mcu_link/exchange/exchange.h"
 #include "platform/log.h"
+#include "protocol/control.h"
 
 namespace {
 
 constexpr char kLogTag[] = "shd";
 constexpr int kQuickSec = 2;
-constexpr int kSlowSec = 10;
+constexpr int kSlowSec = shd::kLongestReplySec;
 constexpr int32_t kOfSensor = -1;  // the service is the sensor that the call names
 
 using Message = void (*)(const McuCall& call);
@@ -87,9 +88,11 @@ constexpr bool IsInOrder() {
     for (size_t i = 0; i < std::size(kRows); ++i) {
         if (kRows[i].operation != static_cast<McuOperation>(i)) return false;
     }
-    return std::size(kRows) == static_cast<size_t>(McuOperation::kDateTime) + 1;
+    return std::size(kRows) == static_cast<size_t>(McuOperation::kCount);
 }
 static_assert(IsInOrder());
+static_assert(std::all_of(std::begin(kRows), std::end(kRows),
+                          [](const Row& row) { return row.timeout_sec <= shd::kLongestReplySec; }));
 
 const Row& RowOf(McuOperation operation) {
     return kRows[static_cast<size_t>(operation)];

@@ -24,6 +24,7 @@ enum class McuOperation : uint8_t {
     kRawData,
     kHealth,
     kDateTime,
+    kCount,
 };
 
 // One call of an operation.

@@ -22,10 +22,12 @@
 namespace shdclient {
 
 // The hub executes the requests of all its clients one at a time, in the order of their arrival,
-// and answers each (but sleep and wake-up) with one reply in that order. A request takes up to 10 s
-// while the MCU does not answer and 2 s while it is being restarted, plus the time of the requests
-// queued before it; this limit leaves room for one such wait beside the own one.
-inline constexpr std::chrono::milliseconds kDefaultReplyTimeout{15'000};
+// and answers each (but sleep and wake-up) with one reply in that order. A request takes up to
+// shd::kLongestReplySec while the MCU does not answer and 2 s while it is being restarted, plus the
+// time of the requests queued before it; this limit leaves room for a short wait beside the own
+// one.
+inline constexpr std::chrono::milliseconds kDefaultReplyTimeout =
+    std::chrono::seconds(shd::kLongestReplySec + 5);
 
 struct Calibration {
     // x, y, z of the accelerometer (16-bit), one value of the others (32-bit); units of the MCU.
