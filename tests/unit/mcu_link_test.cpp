@@ -59,6 +59,14 @@ TEST(MessageAssembler, DamagedFramesCostOnlyThemselves) {
     }
 }
 
+TEST(MessageAssembler, LongestPayloadHas1497Bytes) {
+    for (const size_t text_size : {1496U, 1497U}) {
+        RecordingSink sink;
+        MessageAssembler(&sink).Feed(Frame("04 " + Hex(std::string(text_size, 'x'))));
+        EXPECT_EQ(sink.count, text_size == 1496 ? 1 : 0);
+    }
+}
+
 struct SerialPortTest : testing::Test, CleanProcess {
     ~SerialPortTest() override {
         const LinkHold hold;

@@ -345,10 +345,16 @@ TEST_F(UpdateTest, BootPinsAreSetBeforeTheReset) {
 TEST_F(UpdateTest, ResetSequenceRunsToItsEndWhateverFails) {
     std::filesystem::remove(HostPath("/proc/mcu/gpio_mcu_boot1"));
     LinkFile("/proc/mcu/gpio_mcu_boot0", "/dev/full");
+    std::filesystem::remove(HostPath("/proc/mcu/gpio_mcu_reset"));
+    mkfifo(HostPath("/proc/mcu/gpio_mcu_reset").c_str(), 0600);  // which nobody reads
     set_update_gpio();
     EXPECT_EQ(Journal(), List(R"(
         E write_gpio_data_str open /proc/mcu/gpio_mcu_boot1:No such file or directory!
-        E write_gpio_data_str err:No space left on device! | delay 20000 | delay 80000)"));
+        E write_gpio_data_str err:No space left on device!
+        E write_gpio_data_str open /proc/mcu/gpio_mcu_reset:No such device or address!
+        delay 20000
+        E write_gpio_data_str open /proc/mcu/gpio_mcu_reset:No such device or address!
+        delay 80000)"));
 }
 
 }  // namespace
