@@ -225,22 +225,6 @@ TEST(MessageQueue, RecordWakesTheThreadThatWaitsForIt) {
     consumer.join();
 }
 
-TEST(MessageQueue, ProducersDoNotDisturbEachOther) {
-    ResetPlatform();
-    MessageQueue<int> queue;
-    int record = 0;
-    constexpr int kRecords = 20'000;
-    const auto produce = [&] {
-        for (int i = 0; i < kRecords; ++i) queue.EnqueueMessage(&record);
-    };
-    std::thread other(produce);
-    produce();
-    other.join();
-    int count = 0;
-    while (queue.DequeueMessageTimeout(0) != nullptr) ++count;
-    EXPECT_EQ(count, 2 * kRecords);
-}
-
 TEST(SensorTable, HandlesHaveTheirMcuSensors) {
     const int32_t ids[] = {16, -1, -1,  -1,  -1, 17, 22, -1, -1, 33, 32, 35, -1, -1, -1,
                            35, -1, 255, 255, 48, -1, 50, -1, -1, -1, 23, 51, 64, -1};
