@@ -6,7 +6,7 @@
 #include <string_view>
 
 #include "tools/cli/arguments.h"
-#include "tools/cli/spec.h"
+#include "tools/cli/command_line.h"
 
 namespace cli {
 

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "tools/cli/arguments.h"
-#include "tools/cli/spec.h"
+#include "tools/cli/command_line.h"
 #include "tools/client/hub_client.h"
 #include "tools/client/result.h"
 #include "tools/shdtool/json.h"

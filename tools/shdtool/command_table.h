@@ -4,7 +4,7 @@
 
 #include <vector>
 
-#include "tools/cli/spec.h"
+#include "tools/cli/command_line.h"
 #include "tools/shdtool/command.h"
 
 namespace shdtool {
