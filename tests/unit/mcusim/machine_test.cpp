@@ -10,7 +10,7 @@
 #include "tools/mcusim/host/device_tree.h"
 #include "tools/mcusim/host/script.h"
 #include "tools/mcusim/host/signal_file.h"
-#include "tools/mcusim/line/frame.h"
+#include "tools/wire/frame.h"
 
 namespace mcusim {
 namespace {

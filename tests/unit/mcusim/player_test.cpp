@@ -4,6 +4,7 @@
 #include <fstream>
 
 #include "tools/mcusim/host/player.h"
+#include "tools/mcusim/host/text_file.h"
 
 namespace mcusim {
 namespace {
@@ -28,9 +29,10 @@ constexpr const char* kSession =
 struct Playing {
     explicit Playing(const std::string& text) {
         std::ofstream(path) << text;
-        player.emplace(LoadRecording(path), 100ms, [this](int line, const std::string& what) {
-            complaints += std::to_string(line) + ": " + what + "; ";
-        });
+        player.emplace(ParseRecording(ReadLines(path), path), 100ms,
+                       [this](int line, const std::string& what) {
+                           complaints += std::to_string(line) + ": " + what + "; ";
+                       });
     }
     ~Playing() { std::remove(path.c_str()); }
 

@@ -13,10 +13,10 @@
 #include "tools/mcusim/application/sensor_bank.h"
 #include "tools/mcusim/application/sensor_signals.h"
 #include "tools/mcusim/line/faults.h"
-#include "tools/mcusim/line/frame.h"
 #include "tools/mcusim/line/packet.h"
 #include "tools/mcusim/line/sim_time.h"
 #include "tools/mcusim/line/transmitter.h"
+#include "tools/wire/frame.h"
 
 namespace mcusim {
 

@@ -7,8 +7,6 @@
 #include <cmath>
 #include <limits>
 
-#include "protocol/sensors.h"
-
 namespace mcusim {
 namespace {
 
@@ -17,33 +15,30 @@ constexpr double kAccelerometerUnit = 9.801 / 2048;  // m/s^2, full scale 16 g
 constexpr double kGyroscopeUnit = 0.0012211112;      // rad/s, full scale 2300 degrees/s
 constexpr double kPressureUnit = 1.0 / 2048;         // hPa
 
-// The name by which the hub's clients know what it makes of the sensor.
-constexpr std::string_view NameOf(shd::SensorHandle handle) {
-    return shd::FindSensor(handle)->name;
+McuSensor Wire(SensorId id) {
+    return *FindMcuSensor(id);
 }
 
-constexpr SensorTraits kSensors[] = {
-    {kAccelerometer, 6, 3, 6, 20, Reporting::kBatched, NameOf(shd::kHandleAccelerometer),
+const SensorTraits kSensors[] = {
+    {Wire(kAccelerometer), 3, 6, 20, Reporting::kBatched,
      "accelerometer, simulated, +-16 g, 2048 counts per g"},
-    {kGyroscope, 6, 3, 4, 20, Reporting::kBatched, NameOf(shd::kHandleGyroscope),
+    {Wire(kGyroscope), 3, 4, 20, Reporting::kBatched,
      "gyroscope, simulated, +-2300 dps, 0.0012211 rad/s per count"},
-    {kPressure, 4, 1, 4, 200, Reporting::kBatched, NameOf(shd::kHandlePressure),
-     "barometer, simulated, 2048 counts per hPa"},
-    {kPpg, 10, 5, 4, 40, Reporting::kBatched, NameOf(shd::kHandleRawRecord),
+    {Wire(kPressure), 1, 4, 200, Reporting::kBatched, "barometer, simulated, 2048 counts per hPa"},
+    {Wire(kPpg), 5, 4, 40, Reporting::kBatched,
      "optical pulse sensor, simulated, two green, red, infrared and ambient light"},
-    {kLinearAcceleration, 12, 3, 0, 20, Reporting::kBatched, NameOf(shd::kHandleLinearAcceleration),
+    {Wire(kLinearAcceleration), 3, 0, 20, Reporting::kBatched,
      "linear acceleration, fused from accelerometer and gyroscope"},
-    {kGravity, 12, 3, 0, 20, Reporting::kBatched, NameOf(shd::kHandleGravity),
+    {Wire(kGravity), 3, 0, 20, Reporting::kBatched,
      "gravity, fused from accelerometer and gyroscope"},
-    {kRotation, 16, 4, 0, 20, Reporting::kBatched, NameOf(shd::kHandleRotationVector),
+    {Wire(kRotation), 4, 0, 20, Reporting::kBatched,
      "rotation vector, fused from accelerometer and gyroscope"},
-    {kStepCounter, 4, 1, 0, 200, Reporting::kOnChange, NameOf(shd::kHandleStepCounter),
+    {Wire(kStepCounter), 1, 0, 200, Reporting::kOnChange,
      "step counter, steps since the MCU's start"},
-    {kHeartRate, 8, 2, 0, 1000, Reporting::kSingle, NameOf(shd::kHandleHeartRate),
+    {Wire(kHeartRate), 2, 0, 1000, Reporting::kSingle,
      "heart rate, simulated, beats per minute with status 0 to 3"},
-    {kWristTilt, 4, 1, 0, 100, Reporting::kOnEvent, NameOf(shd::kHandleWristTilt),
-     "wrist tilt gesture"},
-    {kMotionHealth, 16, 3, 0, 60'000, Reporting::kBatched, NameOf(shd::kHandleMotionHealth),
+    {Wire(kWristTilt), 1, 0, 100, Reporting::kOnEvent, "wrist tilt gesture"},
+    {Wire(kMotionHealth), 3, 0, 60'000, Reporting::kBatched,
      "motion health records: date, steps and state"},
 };
 

@@ -9,22 +9,9 @@
 #include <string_view>
 
 #include "tools/mcusim/line/packet.h"
+#include "tools/wire/sensors.h"
 
 namespace mcusim {
-
-enum SensorId : uint8_t {
-    kAccelerometer = 16,
-    kGyroscope = 17,
-    kPressure = 22,
-    kPpg = 23,
-    kLinearAcceleration = 32,
-    kGravity = 33,
-    kRotation = 35,
-    kStepCounter = 48,
-    kHeartRate = 50,
-    kWristTilt = 51,
-    kMotionHealth = 64,
-};
 
 enum class Reporting {
     kBatched,   // a sample each period, as many to a report as commanded
@@ -37,14 +24,11 @@ enum class Reporting {
 inline constexpr size_t kMaxSampleValues = 5;
 using SampleValues = std::array<double, kMaxSampleValues>;
 
-struct SensorTraits {
-    uint8_t id;
-    uint8_t sample_bytes;
+struct SensorTraits : McuSensor {
     uint8_t value_count;        // of SampleValues
     uint8_t calibration_bytes;  // of its calibration and parameter, 0: it has none
     int32_t default_period_ms;
     Reporting reporting;
-    std::string_view name;
     std::string_view info;
 };
 

@@ -6,14 +6,11 @@
 #include <span>
 #include <string_view>
 
+#include "tools/mcusim/line/packet.h"
 #include "tools/mcusim/line/sim_time.h"
+#include "tools/wire/recording.h"
 
 namespace mcusim {
-
-enum class Direction { kHostToMcu, kMcuToHost };
-
-// The lines from the host to the MCU that are simulated.
-enum class Pin { kBoot0, kReset };
 
 class Observer {
   public:

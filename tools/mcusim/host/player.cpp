@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "tools/mcusim/application/describe.h"
+#include "tools/wire/describe.h"
 
 namespace mcusim {
 namespace {
@@ -41,10 +41,12 @@ Player::Player(const std::vector<RecordedStep>& steps, TimePoint max_gap, Compla
     bool boot0 = false, reset = true, bootloader = false;
     TimePoint before{0};
     for (const RecordedStep& step : steps) {
+        // What a recorder says of its own clock, and how the line was set, is nothing to play.
+        if (step.kind == StepKind::kClocks || step.kind == StepKind::kSettings) continue;
         const TimePoint pause = step.at - before;
         before = step.at;
         switch (step.kind) {
-            case RecordedStep::Kind::kPin:
+            case StepKind::kPin:
                 if (step.pin == Pin::kBoot0) {
                     boot0 = step.high;
                 } else if (!std::exchange(reset, step.high) && step.high) {
@@ -53,11 +55,14 @@ Player::Player(const std::vector<RecordedStep>& steps, TimePoint max_gap, Compla
                     reply_.clear();
                 }
                 break;
-            case RecordedStep::Kind::kHostBytes:
+            case StepKind::kHostBytes:
                 AddHostBytes(step, bootloader);
                 break;
-            case RecordedStep::Kind::kMcuBytes:
+            case StepKind::kMcuBytes:
                 AddPart(step, pause, bootloader);
+                break;
+            default:
+                break;
         }
     }
     reader_.Clear();

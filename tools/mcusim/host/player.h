@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "tools/mcusim/board/far_end.h"
-#include "tools/mcusim/host/recording.h"
-#include "tools/mcusim/line/frame.h"
+#include "tools/wire/frame.h"
+#include "tools/wire/recording.h"
 
 namespace mcusim {
 

@@ -15,10 +15,11 @@
 
 #include "tools/firmware/image.h"
 #include "tools/firmware/payload.h"
-#include "tools/mcusim/host/recording.h"
 #include "tools/mcusim/host/signal_file.h"
 #include "tools/mcusim/host/tester_commands.h"
+#include "tools/mcusim/host/text_file.h"
 #include "tools/mcusim/host/trace.h"
+#include "tools/wire/recording.h"
 
 namespace mcusim {
 namespace {
@@ -98,11 +99,12 @@ void Simulator::StartMachine(const SimulatorOptions& options) {
 
 void Simulator::StartPlayer(const SimulatorOptions& options) {
     replay_ = *options.replay;
-    player_ = std::make_unique<Player>(
-        LoadRecording(replay_), options.replay_gap, [this](int line, const std::string& what) {
-            fmt::print(stderr, "mcusim: {}{}: {}\n", replay_,
-                       line > 0 ? fmt::format(":{}", line) : "", what);
-        });
+    player_ =
+        std::make_unique<Player>(ParseRecording(ReadLines(replay_), replay_), options.replay_gap,
+                                 [this](int line, const std::string& what) {
+                                     fmt::print(stderr, "mcusim: {}{}: {}\n", replay_,
+                                                line > 0 ? fmt::format(":{}", line) : "", what);
+                                 });
     far_end_ = player_.get();
 }
 

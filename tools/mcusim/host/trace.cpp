@@ -9,8 +9,8 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "tools/mcusim/application/describe.h"
-#include "tools/mcusim/host/recording.h"
+#include "tools/wire/describe.h"
+#include "tools/wire/recording.h"
 
 namespace mcusim {
 namespace {
@@ -42,33 +42,51 @@ void TextOutput::Write(const std::string& line) {
     (void)std::fputs(complaint.c_str(), stderr);
 }
 
+void Trace::Write(TimePoint at, const std::string& line) {
+    if (clocks_.Due(at)) {
+        const wire::Clocks now = wire::ReadClocks();
+        output_.Write(fmt::format("{:12.6f} ---- clocks {:.6f} {:.6f}\n", Seconds(at),
+                                  Seconds(now.wall), Seconds(now.boot)));
+    }
+    output_.Write(fmt::format("{:12.6f} {}\n", Seconds(at), line));
+}
+
 void Trace::OnBytes(TimePoint at, Direction direction, std::span<const uint8_t> bytes,
                     bool bootloader) {
     if (!bootloader) return;
     const auto shown = bytes.first(std::min(bytes.size(), kMaxShownBytes));
-    output_.Write(fmt::format(
-        "{:12.6f} {} bootloader {:02X}{}\n", Seconds(at), Speaker(direction), fmt::join(shown, " "),
-        shown.size() < bytes.size() ? fmt::format(" ... {} bytes", bytes.size()) : ""));
+    Write(at, fmt::format(
+                  "{} bootloader {:02X}{}", Speaker(direction), fmt::join(shown, " "),
+                  shown.size() < bytes.size() ? fmt::format(" ... {} bytes", bytes.size()) : ""));
 }
 
 void Trace::OnPacket(TimePoint at, Direction direction, std::span<const uint8_t> packet,
                      std::string_view note) {
-    output_.Write(fmt::format("{:12.6f} {} {}{}{}\n", Seconds(at), Speaker(direction),
-                              packet.empty() ? "frame" : DescribePacket(packet),
-                              note.empty() ? "" : ": ", note));
+    Write(at, fmt::format("{} {}{}{}", Speaker(direction),
+                          packet.empty() ? "frame" : DescribePacket(packet),
+                          note.empty() ? "" : ": ", note));
 }
 
 void Trace::OnMode(TimePoint at, std::string_view mode) {
-    output_.Write(fmt::format("{:12.6f} ---- {}\n", Seconds(at), mode));
+    Write(at, fmt::format("---- {}", mode));
+}
+
+void Recorder::Write(TimePoint at, const std::string& step) {
+    if (clocks_.Due(at)) output_.Write(FormatStep(at, wire::ReadClocks()));
+    output_.Write(step);
 }
 
 void Recorder::OnBytes(TimePoint at, Direction direction, std::span<const uint8_t> bytes,
                        bool /*bootloader*/) {
-    output_.Write(FormatStep(at, direction, bytes));
+    Write(at, FormatStep(at, direction, bytes));
 }
 
 void Recorder::OnPin(TimePoint at, Pin pin, bool high) {
-    output_.Write(FormatStep(at, pin, high));
+    Write(at, FormatStep(at, pin, high));
+}
+
+void Recorder::OnMode(TimePoint at, std::string_view /*mode*/) {
+    Write(at, "");
 }
 
 }  // namespace mcusim

@@ -28,6 +28,8 @@ class TextOutput {
     std::unique_ptr<std::FILE, Closer> file_;  // nothing: the output has ended
 };
 
+// Both begin with what the wall clock and the boot clock show, and repeat it every minute.
+//
 // One line per packet in words, per group of the bootloader's bytes, and per change of the board:
 // time in seconds, who speaks, what.
 class Trace : public Observer {
@@ -41,7 +43,10 @@ class Trace : public Observer {
     void OnMode(TimePoint at, std::string_view mode) override;
 
   private:
+    void Write(TimePoint at, const std::string& line);
+
     TextOutput output_;
+    wire::ClockTimer clocks_;
 };
 
 // A step of a recording per write of the host, per burst of the MCU and per pin that the host sets.
@@ -52,10 +57,13 @@ class Recorder : public Observer {
                  bool bootloader) override;
     void OnPacket(TimePoint, Direction, std::span<const uint8_t>, std::string_view) override {}
     void OnPin(TimePoint at, Pin pin, bool high) override;
-    void OnMode(TimePoint, std::string_view) override {}
+    void OnMode(TimePoint at, std::string_view mode) override;
 
   private:
+    void Write(TimePoint at, const std::string& step);
+
     TextOutput output_;
+    wire::ClockTimer clocks_;
 };
 
 }  // namespace mcusim

@@ -3,7 +3,8 @@
 
 #include <vector>
 
-#include "tools/mcusim/line/frame.h"
+#include "tools/mcusim/line/packet.h"
+#include "tools/wire/frame.h"
 
 namespace mcusim {
 

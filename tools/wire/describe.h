@@ -5,11 +5,11 @@
 #include <span>
 #include <string>
 
-namespace mcusim {
+namespace wire {
 
 // "request accelerometer batch every 20 ms, 10 to a report", "reply clock set status 0",
 // "report pressure 5 samples ...", "log boot, firmware SIM.900.0001". Never empty; whatever the
 // packet does not have room for is left out.
 [[nodiscard]] std::string DescribePacket(std::span<const uint8_t> packet);
 
-}  // namespace mcusim
+}  // namespace wire

@@ -1,9 +1,9 @@
 // The MCU's frame codec. The FCS runs bit by bit: a microcontroller's loop without a table.
-#include "tools/mcusim/line/frame.h"
+#include "tools/wire/frame.h"
 
 #include <utility>
 
-namespace mcusim {
+namespace wire {
 namespace {
 
 constexpr uint8_t kEscapeByte = 0x7D;
@@ -83,4 +83,4 @@ void FrameReader::Clear() {
     overlong_ = false;
 }
 
-}  // namespace mcusim
+}  // namespace wire

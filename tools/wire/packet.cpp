@@ -1,11 +1,11 @@
 // Reading and building of MCU packets, and little-endian fields. Called by all that is said or
 // heard on the link.
-#include "tools/mcusim/line/packet.h"
+#include "tools/wire/packet.h"
 
 #include <algorithm>
 #include <bit>
 
-namespace mcusim {
+namespace wire {
 namespace {
 
 constexpr size_t kControlHeaderBytes = 3;
@@ -75,4 +75,4 @@ uint64_t Read64(std::span<const uint8_t> bytes, size_t offset) {
     return Read32(bytes, offset) | static_cast<uint64_t>(Read32(bytes, offset + 4)) << 32;
 }
 
-}  // namespace mcusim
+}  // namespace wire

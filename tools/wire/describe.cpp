@@ -1,5 +1,5 @@
 // Packets in words. Called by the trace, and by the player of recordings for what differs.
-#include "tools/mcusim/application/describe.h"
+#include "tools/wire/describe.h"
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>
@@ -8,10 +8,10 @@
 #include <iterator>
 #include <string_view>
 
-#include "tools/mcusim/application/sensor_traits.h"
-#include "tools/mcusim/line/packet.h"
+#include "tools/wire/packet.h"
+#include "tools/wire/sensors.h"
 
-namespace mcusim {
+namespace wire {
 namespace {
 
 constexpr size_t kMaxShownBytes = 24;
@@ -55,7 +55,7 @@ std::string Text(std::span<const uint8_t> bytes) {
 
 // "accelerometer batch", "clock set", "service 99 command 3".
 std::string Target(uint8_t service, uint8_t command) {
-    if (const SensorTraits* sensor = FindSensor(service)) {
+    if (const McuSensor* sensor = FindMcuSensor(service)) {
         const auto* found = std::ranges::find(kSensorCommands, command, &CommandName::command);
         if (found == std::end(kSensorCommands)) {
             return fmt::format("{} command {}", sensor->name, command);
@@ -70,7 +70,7 @@ std::string Target(uint8_t service, uint8_t command) {
 }
 
 std::string RequestArguments(uint8_t service, uint8_t command, std::span<const uint8_t> args) {
-    const bool is_sensor = FindSensor(service) != nullptr;
+    const bool is_sensor = FindMcuSensor(service) != nullptr;
     if (is_sensor && command == kCommandSetDelay && args.size() >= 4) {
         return fmt::format(" {} ms", static_cast<int32_t>(Read32(args, 0)));
     }
@@ -82,7 +82,7 @@ std::string RequestArguments(uint8_t service, uint8_t command, std::span<const u
 }
 
 std::string ReplyData(uint8_t service, uint8_t command, std::span<const uint8_t> data) {
-    const bool is_sensor = FindSensor(service) != nullptr;
+    const bool is_sensor = FindMcuSensor(service) != nullptr;
     if (service == kServiceVersion || (is_sensor && command == kCommandGetInfo)) {
         return fmt::format(" \"{}\"", Text(data));
     }
@@ -107,7 +107,7 @@ std::string DescribeSensorPacket(std::span<const uint8_t> packet) {
         default:
             break;
     }
-    const SensorTraits* sensor = FindSensor(service);
+    const McuSensor* sensor = FindMcuSensor(service);
     if (packet[1] != kTypeData || sensor == nullptr) return Hex(packet);
     return fmt::format("report {} {} samples {}", sensor->name, data.size() / sensor->sample_bytes,
                        Hex(data));
@@ -147,4 +147,4 @@ std::string DescribePacket(std::span<const uint8_t> packet) {
     return "unknown packet " + Hex(packet);
 }
 
-}  // namespace mcusim
+}  // namespace wire

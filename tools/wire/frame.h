@@ -8,7 +8,7 @@
 #include <span>
 #include <vector>
 
-namespace mcusim {
+namespace wire {
 
 inline constexpr uint8_t kFlagByte = 0x7E;
 
@@ -37,4 +37,4 @@ class FrameReader {
     uint64_t bad_frames_ = 0;
 };
 
-}  // namespace mcusim
+}  // namespace wire
