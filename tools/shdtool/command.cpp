@@ -8,6 +8,8 @@
 #include <cmath>
 #include <cstdio>
 
+#include "tools/shdtool/output_style.h"
+
 namespace shdtool {
 namespace {
 
@@ -16,8 +18,15 @@ using std::chrono::milliseconds;
 
 constexpr milliseconds kSlowReply{2'000};
 
+// One line, on a terminal broken at blanks; of more, the command has made rows that fit.
+void Say(std::FILE* stream, const std::string& text) {
+    constexpr size_t kIndent = 2;  // of what does not fit into the first row
+    const bool rows = text.find('\n') != std::string::npos;
+    fmt::print(stream, "{}\n", rows ? text : StyleOf(fileno(stream)).Fit(text, kIndent));
+}
+
 void TellAboutWait(milliseconds left) {
-    fmt::print(stderr, "shdtool: no reply yet; waiting up to {} s more\n", left.count() / 1000);
+    Say(stderr, fmt::format("shdtool: no reply yet; waiting up to {} s more", left.count() / 1000));
 }
 
 Outcome Execute(const Command& command, Context& context) {
@@ -62,7 +71,7 @@ void Context::Warn(const std::string& text) {
     if (json) {
         warnings.push_back(text);
     } else {
-        fmt::print(stderr, "shdtool: warning: {}\n", text);
+        Say(stderr, "shdtool: warning: " + text);
     }
 }
 
@@ -70,7 +79,7 @@ int Complain(bool json, std::string_view command, const std::string& message, in
              int32_t mcu_status) {
     (void)std::fflush(stdout);  // what was found stands ahead of the complaint wherever both go
     if (!json) {
-        fmt::print(stderr, "shdtool: {}\n", message);
+        Say(stderr, "shdtool: " + message);
         return exit_status;
     }
     Json object{{"ok", false}, {"command", command}, {"error", message}};
@@ -89,7 +98,7 @@ int RunCommand(const Command& command, Context& context) {
         PrintJson(context, *outcome);
         return outcome->exit_status;
     }
-    if (!context.json && !outcome->text.empty()) fmt::print("{}\n", outcome->text);
+    if (!context.json && !outcome->text.empty()) Say(stdout, outcome->text);
     if (outcome->complaint.empty()) return outcome->exit_status;
     return Complain(context.json, context.command, outcome->complaint, outcome->exit_status);
 }

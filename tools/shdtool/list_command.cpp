@@ -48,11 +48,11 @@ Json Describe(const SensorInfo& sensor) {
 
 Outcome ListSensors(Context& /*context*/) {
     Report report{
-        fmt::format("{:>6}  {:<21} {:>5}  {:<22} {}", "HANDLE", "NAME", "TYPE", "VALUES", "NOTES")};
+        fmt::format("{:>6}  {:<21} {:>5}  {:<21} {}", "HANDLE", "NAME", "TYPE", "VALUES", "NOTES")};
     Json sensors = Json::List();
     for (const SensorInfo& sensor : shdclient::AllSensors()) {
         const std::string row =
-            fmt::format("\n{:>6}  {:<21} {:>5}  {:<22} {}", sensor.handle, sensor.name, sensor.type,
+            fmt::format("\n{:>6}  {:<21} {:>5}  {:<21} {}", sensor.handle, sensor.name, sensor.type,
                         AxisText(sensor), NoteText(sensor));
         report.text += row.substr(0, row.find_last_not_of(' ') + 1);
         sensors.Add(Describe(sensor));

@@ -24,12 +24,12 @@ std::string OutputStyle::Fit(std::string_view text, size_t indent) const {
     return wrapped.substr(std::min(wrapped.find_first_not_of(' '), wrapped.size()));
 }
 
-OutputStyle StandardOutputStyle() {
+OutputStyle StyleOf(int fd) {
     OutputStyle style;
     winsize size{};
-    if (isatty(STDOUT_FILENO) != 1) return style;
+    if (isatty(fd) != 1) return style;
     constexpr size_t kUsualWidth = 80;
-    const bool known = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
+    const bool known = ioctl(fd, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
     style.width = known ? size.ws_col : kUsualWidth;
     const auto variable = [](const char* name) {
         const char* value = std::getenv(name);
@@ -43,6 +43,10 @@ OutputStyle StandardOutputStyle() {
     style.colour = variable("NO_COLOR").empty() && !term.empty() && term != "dumb" &&
                    locale != "C" && locale != "POSIX";
     return style;
+}
+
+OutputStyle StandardOutputStyle() {
+    return StyleOf(STDOUT_FILENO);
 }
 
 }  // namespace shdtool

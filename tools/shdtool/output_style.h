@@ -20,8 +20,9 @@ struct OutputStyle {
     [[nodiscard]] std::string Fit(std::string_view text, size_t indent) const;
 };
 
-// Of standard output. Colours need a terminal whose TERM is set and not dumb, a locale other than
-// C, and no NO_COLOR.
+// Of what is behind a descriptor. Colours need a terminal whose TERM is set and not dumb, a locale
+// other than C, and no NO_COLOR.
+[[nodiscard]] OutputStyle StyleOf(int fd);
 [[nodiscard]] OutputStyle StandardOutputStyle();
 
 }  // namespace shdtool

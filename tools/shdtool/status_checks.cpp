@@ -124,9 +124,7 @@ Check CheckDumps(std::string_view root) {
     for (const DumpSlot& slot : ReadDumpSlots(root)) {
         if (slot.empty()) continue;
         ++count;
-        for (const auto& file : {slot.raw, slot.text}) {
-            if (file) newest = std::max(newest, file->modified);
-        }
+        newest = std::max(newest, slot.written());
     }
     if (count == 0) return {kName, Verdict::kGood, "none", {{"count", 0}}};
     return {kName,

@@ -13,6 +13,7 @@
 #include "tools/shdtool/files/dump_store.h"
 #include "tools/shdtool/files/dump_text.h"
 #include "tools/shdtool/files/file_io.h"
+#include "tools/shdtool/output_style.h"
 
 namespace shdtool {
 namespace {
@@ -26,9 +27,8 @@ Json FileFields(const std::string& path, const std::optional<DumpFile>& file) {
     return {{"path", path}, {"size", file->size}, {"modified", file->modified}};
 }
 
-std::string FileColumns(const std::optional<DumpFile>& file) {
-    if (!file) return fmt::format("{:>9}  {:<19}", "-", "-");
-    return fmt::format("{:>9}  {:<19}", file->size, FormatFileTime(file->modified));
+std::string SizeColumn(const std::optional<DumpFile>& file) {
+    return fmt::format("{:>9}", file ? std::to_string(file->size) : "-");
 }
 
 Outcome ListDumps(Context& context) {
@@ -39,8 +39,8 @@ Outcome ListDumps(Context& context) {
                      fmt::format("there is no directory {}; without it the daemon stores no dumps",
                                  directory)};
     }
-    Report report{fmt::format("SLOT  {:>9}  {:<19}  {:>9}  {:<19}  CHECK", "RAW BYTES", "WRITTEN",
-                              "BASE64", "WRITTEN")};
+    const OutputStyle style = StandardOutputStyle();
+    Report report{fmt::format("SLOT  RAW BYTES  {:>9}  {:<19}  CHECK", "BASE64", "WRITTEN")};
     Json slots = Json::List();
     int number = 0;
     size_t found = 0;
@@ -49,8 +49,10 @@ Outcome ListDumps(Context& context) {
         if (slot.empty()) continue;
         ++found;
         const DumpVerdict verdict = CompareDumpFiles(slot);
-        report.text += fmt::format("\n{:>4}  {}  {}  {}", slot_number, FileColumns(slot.raw),
-                                   FileColumns(slot.text), verdict.text);
+        const std::string head =
+            fmt::format("{:>4}  {}  {}  {}  ", slot_number, SizeColumn(slot.raw),
+                        SizeColumn(slot.text), FormatFileTime(slot.written()));
+        report.text += "\n" + head + style.Fit(verdict.text, head.size());
         slots.Add({{"slot", slot_number},
                    {"raw", FileFields(slot.raw_path, slot.raw)},
                    {"base64", FileFields(slot.text_path, slot.text)},

@@ -2,6 +2,7 @@
 // commands.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <optional>
@@ -26,6 +27,10 @@ struct DumpSlot {
     std::optional<DumpFile> text;
 
     [[nodiscard]] bool empty() const { return !raw && !text; }
+    // When the later file was written, seconds since the epoch; 0: there is none.
+    [[nodiscard]] int64_t written() const {
+        return std::max(raw ? raw->modified : 0, text ? text->modified : 0);
+    }
 };
 
 // The slots of the tree below root, in their order; nothing fails, missing files leave gaps.

@@ -24,7 +24,7 @@ struct Row {
 };
 
 std::string StateOf(const Row& row) {
-    if (row.client.losing()) return "LOSES DATA: its buffer is full";
+    if (row.client.losing()) return "LOSES DATA";
     if (row.client.fill_percent() >= kLatePercent) return "late";
     return row.client.unserved > 0 ? "waits for the hub" : "ok";
 }
@@ -34,7 +34,7 @@ std::string TextOf(const Row& row, const OutputStyle& style) {
     const std::string pid = client.pid > 0 ? std::to_string(client.pid) : "?";
     const std::string name = client.pid > 0 ? Printable(client.name) : "not yours";
     const std::string_view colour = client.losing() ? "1;31" : "";
-    return fmt::format("{:<8} {:>8}  {:<16} {:>9} {:>9} {:>4} %  {}", row.socket, pid, name,
+    return fmt::format("{:<7} {:>8}  {:<15} {:>9} {:>9} {:>4} %  {}", row.socket, pid, name,
                        client.unread, client.unserved, client.fill_percent(),
                        style.Paint(StateOf(row), colour));
 }
@@ -74,7 +74,7 @@ Outcome ShowClients(Context& context) {
     }
     Report report{rows.empty()
                       ? "nobody is connected"
-                      : fmt::format("{:<8} {:>8}  {:<16} {:>9} {:>9} {:>6}  {}", "SOCKET",
+                      : fmt::format("{:<7} {:>8}  {:<15} {:>9} {:>9} {:>6}  {}", "SOCKET",
                                     "PROCESS", "NAME", "UNREAD B", "UNSERVED", "BUFFER", "STATE")};
     Json list = Json::List();
     size_t losing = 0;
