@@ -94,6 +94,67 @@ TEST(Machine, AnswersRequestsAndRefusesWhatItDoesNotKnow) {
     EXPECT_EQ(host.Ask({1, 0, 17, 4}), (Bytes{0, 0, 0}));
 }
 
+// Two handshakes, a second each, with one byte touched. No opening flag: a frame without its end
+// takes the next one with it.
+TEST(Machine, AFaultAtOneByteOfTheLine) {
+    const Bytes reply = EncodeFrame(Bytes{0, 1, 0});
+    const auto touched = [&reply](size_t keep, Bytes instead, size_t skip) {
+        Bytes bytes(reply.begin(), reply.begin() + static_cast<long>(keep));
+        bytes.insert(bytes.end(), instead.begin(), instead.end());
+        bytes.insert(bytes.end(), reply.begin() + static_cast<long>(keep + skip), reply.end());
+        return bytes;
+    };
+    const Bytes none;
+    const struct {
+        const char* order;
+        Bytes first, second;  // what reaches the host in each second
+    } kRows[] = {
+        {"in 2 drop", none, reply},
+        {"in 5 drop", none, none},
+        {"in 3 flip 7", none, reply},
+        {"in 5 double", reply, reply},
+        {"in 6 double", reply, none},
+        {"in 4 insert 0x7E", none, reply},
+        {"in 0 insert 0x7E", reply, reply},
+        {"in 1 pause 900", reply, reply},
+        {"in 4 silence", none, none},
+        {"in 7 silence", reply, none},
+        {"in 0 power 400", none, reply},
+        {"in 9 power 5000", reply, none},
+        {"out 2 drop", touched(2, {}, 1), reply},
+        {"out 0 flip 4", touched(0, {0x10}, 1), reply},
+        {"out 1 double", touched(1, {1, 1}, 1), reply},
+        {"out 5 insert 0x7D", touched(5, {0x7D}, 0), reply},
+        {"out 2 pause 900", reply, reply},
+        {"out 11 silence", reply, Bytes(reply.begin(), reply.end() - 1)},
+        {"out 1 power 400", Bytes(1, 0), reply},
+    };
+    ASSERT_EQ(reply.size(), 6U);
+    for (const auto& row : kRows) {
+        Host host;
+        host.Do("fault " + std::string(row.order));
+        for (const Bytes& expected : {row.first, row.second}) {
+            (void)host.Ask({0, 0, 0});
+            EXPECT_EQ(host.line, expected) << row.order;
+        }
+        EXPECT_EQ(host.machine->line_fault.happened(), 1U) << row.order;
+        host.Do("reset");  // ends a silence
+        host.RunTo(host.now + 5s);
+        EXPECT_EQ(host.Ask({0, 0, 0}), Bytes{}) << row.order;
+    }
+    Host host;
+    host.Do("fault out 1 pause 1500");
+    EXPECT_EQ(host.Ask({0, 0, 0}), std::nullopt);
+    EXPECT_EQ(host.line, Bytes(1, 0));
+    host.RunTo(host.now + 1s);
+    EXPECT_EQ(host.line, reply);
+    host.Do("fault in 1 silence");
+    (void)host.Ask({0, 0, 0});
+    host.Do("fault none");
+    (void)host.Ask({0, 0, 0});
+    EXPECT_EQ(host.Ask({0, 0, 0}), Bytes{});
+}
+
 TEST(Machine, FlushDeliversWhatItAnnouncesAndALateLoopLosesNothing) {
     Host host;
     host.Start(kGyroscope, 50, 200);

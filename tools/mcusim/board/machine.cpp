@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 
 #include "tools/mcusim/application/dump_builder.h"
 
@@ -66,6 +67,9 @@ void Machine::ConnectWatchers() {
     application.set_watcher(watch_packets(Direction::kHostToMcu));
     transmitter.set_watcher(watch_packets(Direction::kMcuToHost));
     board.set_watcher([this](TimePoint at, std::string_view mode) {
+        if (board.mode() == Board::Mode::kReset || board.mode() == Board::Mode::kOff) {
+            line_fault.EndSilence();
+        }
         for (Observer* observer : observers_) observer->OnMode(at, mode);
     });
 }
@@ -83,10 +87,27 @@ void Machine::HostWrote(TimePoint at, std::span<const uint8_t> bytes) {
     }
 }
 
+void Machine::PassOutput(Burst& burst) {
+    const std::vector<uint8_t> bytes = std::exchange(burst.bytes, {});
+    for (auto byte = bytes.begin(); byte != bytes.end(); ++byte) {
+        switch (line_fault.Pass(Direction::kMcuToHost, *byte, burst.bytes)) {
+            case LineFault::Effect::kNone:
+                break;
+            case LineFault::Effect::kPause:
+                return line.DelayOutput({{byte, bytes.end()}, burst.byte_time, burst.due},
+                                        line_fault.duration());
+            case LineFault::Effect::kPower:
+                return board.Brownout(burst.due, line_fault.duration());
+        }
+    }
+}
+
 std::optional<Burst> Machine::TakeOutput(TimePoint now) {
     std::optional<Burst> burst = line.TakeDue(now);
     if (!burst) return burst;
     const bool bootloader_runs = board.mode() == Board::Mode::kBootloader;
+    PassOutput(*burst);
+    if (burst->bytes.empty()) return burst;
     for (Observer* observer : observers_) {
         observer->OnBytes(burst->due, Direction::kMcuToHost, burst->bytes, bootloader_runs);
     }
@@ -106,7 +127,14 @@ bool Machine::HasRoom() const {
 void Machine::Advance(TimePoint now) {
     while (const std::optional<ArrivedByte> byte = line.TakeArrived(now)) {
         board.Advance(byte->arrival);
-        board.OnByte(*byte);
+        std::vector<uint8_t> passed;
+        const LineFault::Effect effect = line_fault.Pass(Direction::kHostToMcu, byte->byte, passed);
+        if (effect == LineFault::Effect::kPause) {
+            line.DelayInput(*byte, line_fault.duration());
+        } else if (effect == LineFault::Effect::kPower) {
+            board.Brownout(byte->arrival, line_fault.duration());
+        }
+        for (const uint8_t value : passed) board.OnByte({value, byte->arrival});
     }
     board.Advance(now);
 }
@@ -167,6 +195,7 @@ std::string Machine::Stats(TimePoint now) const {
     stats.Add("fault_dropped_in", faults.dropped_in());
     stats.Add("fault_dropped_out", faults.dropped_out());
     stats.Add("fault_corrupted_out", faults.corrupted_out());
+    stats.Add("line_faults", line_fault.happened());
     stats.Add("line_bytes_in", line.bytes_in());
     stats.Add("line_bytes_out", line.bytes_out());
     stats.Add("sensors", sensors);

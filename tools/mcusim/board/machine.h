@@ -16,6 +16,7 @@
 #include "tools/mcusim/board/flash.h"
 #include "tools/mcusim/board/observer.h"
 #include "tools/mcusim/line/faults.h"
+#include "tools/mcusim/line/line_fault.h"
 #include "tools/mcusim/line/serial_line.h"
 #include "tools/mcusim/line/transmitter.h"
 
@@ -57,6 +58,7 @@ class Machine : public FarEnd {
     Flash& flash;
     SerialLine line;
     Faults faults;
+    LineFault line_fault;
     SensorSignals signals;
     Transmitter transmitter;
     Application application;
@@ -65,6 +67,8 @@ class Machine : public FarEnd {
 
   private:
     void ConnectWatchers();
+    // What of the burst reaches the host now.
+    void PassOutput(Burst& burst);
 
     const uint64_t seed_;
     std::vector<Observer*> observers_;

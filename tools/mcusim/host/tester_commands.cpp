@@ -150,6 +150,40 @@ CommandAction ParseFlip(CommandArgs& args) {
     return Do([=](CommandContext& context) { context.machine.flash.FlipBit(address, bit); });
 }
 
+struct LineFaultWord {
+    std::string_view name;
+    LineFault::Kind kind;
+};
+
+constexpr LineFaultWord kLineFaults[] = {
+    {"drop", LineFault::Kind::kDrop},     {"flip", LineFault::Kind::kFlip},
+    {"double", LineFault::Kind::kDouble}, {"insert", LineFault::Kind::kInsert},
+    {"pause", LineFault::Kind::kPause},   {"silence", LineFault::Kind::kSilence},
+    {"power", LineFault::Kind::kPower},
+};
+
+CommandAction ParseFault(CommandArgs& args) {
+    const std::string_view word = args.Word();
+    if (word == "none") {
+        return Do([](CommandContext& context) { context.machine.line_fault.Clear(); });
+    }
+    Require(word == "in" || word == "out", "the direction is in or out");
+    LineFault::Order order{};
+    order.direction = word == "in" ? wire::Direction::kHostToMcu : wire::Direction::kMcuToHost;
+    order.byte = static_cast<uint64_t>(args.Integer("byte", 0, INT32_MAX));
+    const auto* fault = std::ranges::find(kLineFaults, args.Word(), &LineFaultWord::name);
+    Require(fault != std::end(kLineFaults), "no such fault");
+    order.kind = fault->kind;
+    if (order.kind == LineFault::Kind::kFlip) {
+        order.value = static_cast<uint8_t>(1 << args.Integer("bit", 0, 7));
+    } else if (order.kind == LineFault::Kind::kInsert) {
+        order.value = static_cast<uint8_t>(args.Integer("value", 0, 255));
+    } else if (order.kind == LineFault::Kind::kPause || order.kind == LineFault::Kind::kPower) {
+        order.duration = milliseconds(args.Integer("milliseconds", 1, kMaxDelayMs));
+    }
+    return Do([order](CommandContext& context) { context.machine.line_fault.Set(order); });
+}
+
 constexpr CommandTraits kCommands[] = {
     {"help", "", "the commands on one line",
      [](CommandArgs&) -> CommandAction { return [](CommandContext&) { return CommandNames(); }; }},
@@ -202,6 +236,11 @@ constexpr CommandTraits kCommands[] = {
      "bootloader: silent from the N-th answer from now until the RESETS-th (first) reset after; "
      "0 ends it",
      ParseMute},
+    {"fault", "in|out BYTE drop|flip BIT|double|insert VALUE|pause MS|silence|power MS",
+     "once, at that byte (0: the next one) to or from the MCU: lose it, invert a bit, send it "
+     "twice, send another one before it, hold it and the rest up, lose everything both ways until "
+     "a reset, cut the power; fault none takes it back",
+     ParseFault},
     {"flip", "ADDRESS BIT", "invert a bit (0 to 7) of a byte in flash", ParseFlip},
     {"stats", "", "counters and state as one line of JSON",
      [](CommandArgs&) -> CommandAction {

@@ -42,6 +42,12 @@ std::optional<ArrivedByte> SerialLine::TakeArrived(TimePoint now) {
     return byte;
 }
 
+void SerialLine::DelayInput(const ArrivedByte& taken, TimePoint delay) {
+    input_.push_front(taken);
+    for (ArrivedByte& byte : input_) byte.arrival += delay;
+    input_end_ = std::max(input_end_ + delay, input_.back().arrival);
+}
+
 void SerialLine::Send(TimePoint earliest, std::span<const uint8_t> bytes, int bits_per_byte) {
     const TimePoint byte_time = ByteTime(bits_per_byte);
     output_end_ = std::max(output_end_, earliest);
@@ -59,6 +65,13 @@ std::optional<Burst> SerialLine::TakeDue(TimePoint now) {
     output_.pop_front();
     bytes_out_ += burst.bytes.size();
     return burst;
+}
+
+void SerialLine::DelayOutput(Burst rest, TimePoint delay) {
+    bytes_out_ -= rest.bytes.size();
+    output_.push_front(std::move(rest));
+    for (Burst& burst : output_) burst.due += delay;
+    output_end_ = std::max(output_end_ + delay, output_.back().due);
 }
 
 void SerialLine::CutOutput(TimePoint now) {

@@ -44,11 +44,15 @@ class SerialLine {
     [[nodiscard]] std::optional<ArrivedByte> TakeArrived(TimePoint now);
     [[nodiscard]] size_t input_bytes() const { return input_.size(); }
     void DropInput() { input_.clear(); }
+    // The byte just taken, and all behind it, arrive that much later.
+    void DelayInput(const ArrivedByte& taken, TimePoint delay);
 
     // MCU to host. The bytes begin at the time given or when the previous byte has ended.
     void Send(TimePoint earliest, std::span<const uint8_t> bytes, int bits_per_byte);
     // The next burst that has arrived by now, in order.
     [[nodiscard]] std::optional<Burst> TakeDue(TimePoint now);
+    // The rest of the burst just taken, and all behind it, arrive that much later.
+    void DelayOutput(Burst rest, TimePoint delay);
     // The MCU stops sending at this moment, in the middle of a byte if need be.
     void CutOutput(TimePoint now);
     // Bytes accepted by Send that will not have left by then.
