@@ -12,43 +12,52 @@ constexpr int64_t kTogetherMs = 30'000;
 
 }  // namespace
 
-template <typename Fold, typename Why>
-void LogFolder::Begin(std::optional<Open<Fold>>& open, const LogLine& line, const Why& why) {
-    slots_.push_back({Episode{}, true, false});
-    open.emplace(Open<Fold>{Fold(line, why), std::prev(slots_.end())});
-    open->slot->item = open->fold.episode();
+// What an episode that begins with this line has been told of already.
+std::string LogFolder::ToldBefore(EpisodeKind kind, const LogLine& line) {
+    if (kind == EpisodeKind::kUpdate) return std::exchange(update_cause_, "");
+    const auto last = timed_out_.find(line.tid);
+    const bool together =
+        last != timed_out_.end() && ElapsedMs(last->second.first, line) < kTogetherMs;
+    return together ? last->second.second : "";
 }
 
-template <typename Fold>
-Fate LogFolder::Feed(std::optional<Open<Fold>>& open, const LogLine& line) {
-    if (!open) return Fate::kOther;
-    const Fate fate = open->fold.Add(line);
-    open->slot->item = open->fold.episode();
-    if (fate == Fate::kEnded) {
-        open->slot->open = false;
-        if (open->slot->announced) slots_.splice(slots_.end(), slots_, open->slot);
-        open.reset();
+// Whether the line begins an episode of this kind or belongs to the open one.
+bool LogFolder::Fold(EpisodeKind kind, const LogLine& line) {
+    const auto found = open_.find(kind);
+    if (found == open_.end()) {
+        if (!EpisodeFold::Begins(kind, line)) return false;
+        const EpisodeFold fold(kind, line, ToldBefore(kind, line));
+        slots_.push_back({fold.episode(), true, false});
+        open_.emplace(kind, Open{fold, std::prev(slots_.end())});
+        return true;
     }
-    return fate;
+    auto& [fold, slot] = found->second;
+    const Fate fate = fold.Add(line);
+    slot->item = fold.episode();
+    if (fate == Fate::kEnded) {
+        slot->open = false;
+        if (slot->announced) slots_.splice(slots_.end(), slots_, slot);
+        open_.erase(found);
+    }
+    return fate != Fate::kOther;
 }
 
-// The daemon has ended and taken the episode with it.
-template <typename Fold>
-void LogFolder::Abandon(std::optional<Open<Fold>>& open) {
-    if (!open) return;
-    Episode episode = open->fold.episode();
-    episode.failure = "the daemon ended meanwhile";
-    episode.running = false;
-    open->slot->item = std::move(episode);
-    open->slot->open = false;
-    open.reset();
+// The daemon has ended and taken its episodes with it.
+void LogFolder::AbandonAll() {
+    for (const auto& [kind, open] : open_) {
+        Episode episode = open.fold.episode();
+        episode.failure = "the daemon ended meanwhile";
+        episode.running = false;
+        open.slot->item = std::move(episode);
+        open.slot->open = false;
+    }
+    open_.clear();
 }
 
 void LogFolder::FollowProcess(const LogLine& line) {
     if (line.pid == pid_) return;
     if (pid_ != 0) {
-        Abandon(update_);
-        Abandon(recovery_);
+        AbandonAll();
         Episode start;
         start.first = line;
         start.end_stamp = line.stamp;
@@ -61,21 +70,11 @@ void LogFolder::FollowProcess(const LogLine& line) {
 
 void LogFolder::Add(const LogLine& line) {
     FollowProcess(line);
-    if (std::string cause = UpdateFold::CauseOf(line.text); !cause.empty()) {
+    if (std::string cause = EpisodeFold::CauseOfUpdate(line.text); !cause.empty()) {
         update_cause_ = std::move(cause);
     }
-    if (Feed(update_, line) != Fate::kOther) return;
-    if (!update_ && UpdateFold::BeginsWith(line)) {
-        return Begin(update_, line, std::exchange(update_cause_, ""));
-    }
-    if (Feed(recovery_, line) != Fate::kOther) return;
-    if (!recovery_ && RecoveryFold::BeginsWith(line)) {
-        const auto last = timed_out_.find(line.tid);
-        const bool together =
-            last != timed_out_.end() && ElapsedMs(last->second.first, line) < kTogetherMs;
-        return Begin(recovery_, line, together ? last->second.second : std::string());
-    }
-    if (std::string request = RecoveryFold::TimedOutRequest(line.text); !request.empty()) {
+    if (Fold(EpisodeKind::kUpdate, line) || Fold(EpisodeKind::kRecovery, line)) return;
+    if (std::string request = EpisodeFold::TimedOutRequest(line.text); !request.empty()) {
         timed_out_[line.tid] = {line, std::move(request)};
     }
     Pass(line);
@@ -83,8 +82,7 @@ void LogFolder::Add(const LogLine& line) {
 
 void LogFolder::End() {
     for (Slot& slot : slots_) slot.open = false;
-    update_.reset();
-    recovery_.reset();
+    open_.clear();
 }
 
 std::vector<LogItem> LogFolder::Take() {

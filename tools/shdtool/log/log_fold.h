@@ -4,14 +4,12 @@
 
 #include <list>
 #include <map>
-#include <optional>
 #include <string>
 #include <utility>
 #include <variant>
 #include <vector>
 
-#include "tools/shdtool/log/recovery_fold.h"
-#include "tools/shdtool/log/update_fold.h"
+#include "tools/shdtool/log/episode_fold.h"
 
 namespace shdtool {
 
@@ -39,24 +37,19 @@ class LogFolder {
         bool open = false;  // an episode that goes on
         bool announced = false;
     };
-    template <typename Fold>
     struct Open {
-        Fold fold;
+        EpisodeFold fold;
         std::list<Slot>::iterator slot;
     };
 
-    template <typename Fold>
-    Fate Feed(std::optional<Open<Fold>>& open, const LogLine& line);
-    template <typename Fold, typename Why>
-    void Begin(std::optional<Open<Fold>>& open, const LogLine& line, const Why& why);
-    template <typename Fold>
-    void Abandon(std::optional<Open<Fold>>& open);
+    [[nodiscard]] bool Fold(EpisodeKind kind, const LogLine& line);
+    void AbandonAll();
     void FollowProcess(const LogLine& line);
+    [[nodiscard]] std::string ToldBefore(EpisodeKind kind, const LogLine& line);
 
     const bool hold_;
     std::list<Slot> slots_;
-    std::optional<Open<RecoveryFold>> recovery_;
-    std::optional<Open<UpdateFold>> update_;
+    std::map<EpisodeKind, Open> open_;
     int32_t pid_ = 0;
     std::string update_cause_;
     std::map<int32_t, std::pair<LogLine, std::string>> timed_out_;  // each thread's last request
