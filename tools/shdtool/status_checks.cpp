@@ -47,102 +47,119 @@ bool Exists(const std::string& path) {
     return access(path.c_str(), F_OK) == 0;
 }
 
+Check Good(std::string name, std::string text, Json fields = {}) {
+    return {std::move(name), Verdict::kGood, std::move(text), std::move(fields)};
+}
+
+Check Note(std::string name, std::string text, Json fields = {}) {
+    return {std::move(name), Verdict::kNote, std::move(text), std::move(fields)};
+}
+
+Check Warning(std::string name, std::string text, Json fields = {}) {
+    return {std::move(name), Verdict::kWarning, std::move(text), std::move(fields)};
+}
+
+Check Failed(std::string name, std::string text, Json fields = {}) {
+    return {std::move(name), Verdict::kFailed, std::move(text), std::move(fields)};
+}
+
 Check CheckProperty(std::string_view root, const Property& property) {
-    const auto value =
-        ReadWholeFile(PathBelow(root, "/data/property/") + std::string(property.name));
-    if (!value || value->empty()) {
-        return {property.name,
-                Verdict::kNote,
-                fmt::format("not set: {}", property.unset),
-                {{"value", nullptr}}};
+    const auto value = ReadWholeFile(PathBelow(root, "/data/property/") + property.name);
+    if (!value) {
+        return Note(property.name, fmt::format("not set: {}", property.unset),
+                    {{"value", nullptr}});
     }
-    const bool harmless = !property.warn_unless_zero || std::atoi(value->c_str()) == 0;
-    const char* meaning = harmless && property.warn_unless_zero ? property.unset : property.meaning;
-    return {property.name,
-            harmless ? Verdict::kGood : Verdict::kWarning,
-            fmt::format("{} ({})", Printable(*value), meaning),
-            {{"value", Printable(*value)}}};
+    const bool forbids = property.warn_unless_zero && std::atoi(value->c_str()) != 0;
+    const bool unset = property.warn_unless_zero && !forbids;
+    const std::string shown = Printable(*value);
+    const auto judged = forbids ? Warning : Good;
+    return judged(property.name,
+                  fmt::format("{} ({})", shown, unset ? property.unset : property.meaning),
+                  {{"value", shown}});
 }
 
 Check CheckUart(std::string_view root) {
     const std::string path = PathBelow(root, shd::kUartPath);
-    const bool there = Exists(path);
-    return {"UART",
-            there ? Verdict::kGood : Verdict::kFailed,
-            there ? "is there"
-                  : path +
-                        " is missing: the daemon cannot reach the MCU (on a development machine "
-                        "start mcusim)",
-            {{"path", path}, {"present", there}}};
+    if (Exists(path)) return Good("UART", "is there", {{"path", path}, {"present", true}});
+    return Failed("UART",
+                  path +
+                      " is missing: the daemon cannot reach the MCU (on a development machine "
+                      "start mcusim)",
+                  {{"path", path}, {"present", false}});
 }
 
-std::optional<ImageReport> CheckImage(std::string_view root, const CheckSink& add) {
+Check CheckImage(std::string_view root, std::optional<ImageReport>& image) {
     constexpr const char* kName = "firmware image";
     const std::string path = PathBelow(root, shd::kFirmwareImagePath);
     if (!Exists(path)) {
-        add({kName,
-             Verdict::kNote,
-             path + " is missing: the MCU cannot be updated",
-             {{"present", false}}});
-        return std::nullopt;
+        return Note(kName, path + " is missing: the MCU cannot be updated", {{"present", false}});
     }
     const auto content = ReadWholeFile(path);
-    if (!content) {
-        add({kName, Verdict::kWarning, content.error().message, {{"present", true}}});
-        return std::nullopt;
-    }
-    const std::vector<uint8_t> bytes(content->begin(), content->end());
-    ImageReport image = ExamineImage(bytes);
-    const std::string version = Printable(image.version);
-    add({kName,
-         image.good() ? Verdict::kGood : Verdict::kWarning,
-         image.good() ? "good, version " + version
-                      : fmt::format("{} is not good: {}", path, image.worst()),
-         {{"present", true}, {"version", version}, {"good", image.good()}}});
-    return image;
+    if (!content) return Warning(kName, content.error().message, {{"present", true}});
+    image = ExamineImage(BytesOf(*content));
+    const std::string version = Printable(image->version);
+    const Json fields{{"present", true}, {"version", version}, {"good", image->good()}};
+    if (image->good()) return Good(kName, "good, version " + version, fields);
+    return Warning(kName, fmt::format("{} is not good: {}", path, image->worst()), fields);
 }
 
 Check CheckCalibrationFile(std::string_view root, const char* name, const char* device_path,
                            Check (*judge)(std::string_view)) {
     const std::string path = PathBelow(root, device_path);
-    if (!Exists(path)) return {name, Verdict::kNote, "none stored, 0 is used"};
+    if (!Exists(path)) return Note(name, "none stored, 0 is used");
     const auto content = ReadWholeFile(path);
-    if (!content) return {name, Verdict::kWarning, content.error().message};
-    if (content->empty()) return {name, Verdict::kWarning, path + " is empty, 0 is used"};
-    return judge(*content);
+    return content ? judge(*content) : Warning(name, content.error().message + "; 0 is used");
 }
 
 Check CheckDumps(std::string_view root) {
     constexpr const char* kName = "core dumps";
     const std::string directory = PathBelow(root, shd::kDumpDir);
     if (!Exists(directory)) {
-        return {kName, Verdict::kWarning,
-                directory + " is missing: a dump of the MCU would be lost; make the directory"};
+        return Warning(kName, directory +
+                                  " is missing: a dump of the MCU would be lost; make the "
+                                  "directory");
     }
-    int count = 0;
-    int64_t newest = 0;
-    for (const DumpSlot& slot : ReadDumpSlots(root)) {
-        if (slot.empty()) continue;
-        ++count;
-        newest = std::max(newest, slot.written());
-    }
-    if (count == 0) return {kName, Verdict::kGood, "none", {{"count", 0}}};
-    return {kName,
-            Verdict::kWarning,
-            fmt::format("{} stored, the newest of {}: the MCU has crashed; see 'shdtool dump list'",
-                        count, FormatFileTime(newest)),
-            {{"count", count}, {"newest", newest}}};
+    const auto slots = ReadDumpSlots(root);
+    const auto count = std::count_if(slots.begin(), slots.end(),
+                                     [](const DumpSlot& slot) { return !slot.empty(); });
+    if (count == 0) return Good(kName, "none", {{"count", 0}});
+    const int64_t newest = std::ranges::max(slots, {}, &DumpSlot::written).written();
+    return Warning(
+        kName,
+        fmt::format("{} stored, the newest of {}: the MCU has crashed; see 'shdtool dump list'",
+                    count, FormatFileTime(newest)),
+        {{"count", count}, {"newest", newest}});
 }
 
 Check CheckRawLog(std::string_view root, const char* file) {
     const std::string name = std::string("raw data ") + file;
     const std::string path = PathBelow(root, shd::kRawDataDir) + file;
     const auto content = ReadWholeFile(path);
-    if (!content) return {name, Verdict::kNote, "none", {{"bytes", 0}}};
-    return {name,
-            Verdict::kGood,
-            fmt::format("{} bytes in {}", content->size(), path),
-            {{"bytes", content->size()}}};
+    if (!content) return Note(name, "none", {{"bytes", 0}});
+    return Good(name, fmt::format("{} bytes in {}", content->size(), path),
+                {{"bytes", content->size()}});
+}
+
+Check CheckSocket(const char* name, const std::string& path, const SocketUse& use) {
+    const Json fields{{"path", path}, {"served", use.served}, {"clients", use.clients.size()}};
+    if (!use.served) return Failed(name, "nobody listens on " + path, fields);
+    if (use.server_pid <= 0) return Good(name, "served", fields);
+    return Good(name, fmt::format("served by process {}", use.server_pid), fields);
+}
+
+Check CheckClients(const std::vector<SocketUse>& uses) {
+    std::vector<std::string> losing;
+    for (const SocketUse& use : uses) {
+        for (const SocketClient& client : use.clients) {
+            if (client.losing()) losing.push_back(fmt::format("{} ({})", client.name, client.pid));
+        }
+    }
+    const std::string text = fmt::format("{} on the control socket, {} on the data socket",
+                                         uses[0].clients.size(), uses[1].clients.size());
+    const Json fields{{"losing", losing.size()}};
+    if (losing.empty()) return Good("clients", text, fields);
+    return Warning("clients", fmt::format("{}; losing data: {}", text, fmt::join(losing, ", ")),
+                   fields);
 }
 
 }  // namespace
@@ -158,41 +175,42 @@ Check CheckAccelerometerCalibration(std::string_view content) {
     std::memcpy(values.data(), content.data(), std::min(content.size(), sizeof(values)));
     const std::string text = fmt::format("x {}, y {}, z {}", values[0], values[1], values[2]);
     const Json fields{{"values", Json::List(values)}};
-    const bool in_range = std::all_of(values.begin(), values.end(), [](int16_t value) {
-        return std::abs(value) <= shd::kAccCalibrationMax;
-    });
+    const bool in_range = std::ranges::all_of(
+        values, [](int16_t value) { return std::abs(value) <= shd::kAccCalibrationMax; });
     if (!in_range) {
-        return {kName, Verdict::kWarning,
-                fmt::format("{}: beyond {}, so the daemon ignores it; calibrate the accelerometer",
-                            text, shd::kAccCalibrationMax),
-                fields};
+        return Warning(kName,
+                       fmt::format("{}: beyond {}, so the daemon ignores it; calibrate the "
+                                   "accelerometer",
+                                   text, shd::kAccCalibrationMax),
+                       fields);
     }
     if (content.size() != kCalibrationReplyBytes && content.size() != sizeof(values)) {
-        return {kName, Verdict::kWarning,
-                fmt::format("{}: from a file of {} bytes, perhaps another sensor's; calibrate the "
-                            "accelerometer",
-                            text, content.size()),
-                fields};
+        return Warning(kName,
+                       fmt::format("{}: from a file of {} bytes, perhaps another sensor's; "
+                                   "calibrate the accelerometer",
+                                   text, content.size()),
+                       fields);
     }
-    return {kName, Verdict::kGood, text, fields};
+    return Good(kName, text, fields);
 }
 
 Check CheckPressureCalibration(std::string_view content) {
     constexpr const char* kName = "pressure calibration";
-    const std::string text(content.substr(0, kCalibrationReadBytes));
-    const int value = std::atoi(text.c_str());
-    const bool good = std::abs(value) <= shd::kBaroCalibrationMax;
-    return {kName,
-            good ? Verdict::kGood : Verdict::kWarning,
-            good ? std::to_string(value)
-                 : fmt::format("{}: beyond {}, so the daemon ignores it", value,
-                               shd::kBaroCalibrationMax),
-            {{"value", value}}};
+    const int value = std::atoi(std::string(content.substr(0, kCalibrationReadBytes)).c_str());
+    const Json fields{{"value", value}};
+    if (std::abs(value) <= shd::kBaroCalibrationMax) {
+        return Good(kName, std::to_string(value), fields);
+    }
+    return Warning(
+        kName,
+        fmt::format("{}: beyond {}, so the daemon ignores it", value, shd::kBaroCalibrationMax),
+        fields);
 }
 
 std::optional<ImageReport> CheckFiles(std::string_view root, const CheckSink& add) {
+    std::optional<ImageReport> image;
     add(CheckUart(root));
-    std::optional<ImageReport> image = CheckImage(root, add);
+    add(CheckImage(root, image));
     for (const Property& property : kProperties) add(CheckProperty(root, property));
     add(CheckCalibrationFile(root, "accelerometer calibration", shd::kAccCalibrationPath,
                              CheckAccelerometerCalibration));
@@ -204,40 +222,17 @@ std::optional<ImageReport> CheckFiles(std::string_view root, const CheckSink& ad
 }
 
 bool CheckSockets(std::string_view root, const CheckSink& add) {
-    const std::pair<const char*, std::string> sockets[] = {
-        {"control socket", shdclient::SocketPath(root, shdclient::kControlSocket)},
-        {"data socket", shdclient::SocketPath(root, shdclient::kDataSocket)}};
-    const auto uses = ReadSocketUse({sockets[0].second, sockets[1].second});
+    const std::string control = shdclient::SocketPath(root, shdclient::kControlSocket);
+    const std::string data = shdclient::SocketPath(root, shdclient::kDataSocket);
+    const auto uses = ReadSocketUse({control, data});
     if (!uses) {  // the question to the daemon will tell
-        add({"clients", Verdict::kNote, uses.error().message});
+        add(Note("clients", uses.error().message));
         return true;
     }
-    for (size_t i = 0; i < std::size(sockets); ++i) {
-        const auto& [name, path] = sockets[i];
-        const SocketUse& use = (*uses)[i];
-        const std::string server =
-            use.server_pid > 0 ? fmt::format(" by process {}", use.server_pid) : std::string();
-        const std::string text =
-            use.served ? "served" + server : fmt::format("nobody listens on {}", path);
-        add({name,
-             use.served ? Verdict::kGood : Verdict::kFailed,
-             text,
-             {{"path", path}, {"served", use.served}, {"clients", use.clients.size()}}});
-    }
-    std::vector<std::string> losing;
-    for (const SocketUse& use : *uses) {
-        for (const SocketClient& client : use.clients) {
-            if (client.losing()) losing.push_back(fmt::format("{} ({})", client.name, client.pid));
-        }
-    }
-    std::string text = fmt::format("{} on the control socket, {} on the data socket",
-                                   (*uses)[0].clients.size(), (*uses)[1].clients.size());
-    if (!losing.empty()) text += fmt::format("; losing data: {}", fmt::join(losing, ", "));
-    add({"clients",
-         losing.empty() ? Verdict::kGood : Verdict::kWarning,
-         text,
-         {{"losing", losing.size()}}});
-    return (*uses)[0].served;
+    add(CheckSocket("control socket", control, uses->front()));
+    add(CheckSocket("data socket", data, uses->back()));
+    add(CheckClients(*uses));
+    return uses->front().served;
 }
 
 }  // namespace shdtool

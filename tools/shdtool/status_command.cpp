@@ -52,6 +52,14 @@ class Findings {
         });
         report_.fields.Set(key, fields);
     }
+    // That somebody has answered, with what an answer says beyond its coming.
+    void AddAnswer(const char* name, std::string_view did, steady_clock::time_point asked,
+                   const std::string& more = "", const Json& fields = {}) {
+        const std::chrono::duration<double, std::milli> latency = steady_clock::now() - asked;
+        Json all{{"answers", true}, {"latency_ms", latency.count()}};
+        Add({name, Verdict::kGood, fmt::format("{} in {:.1f} ms{}", did, latency.count(), more),
+             all.Merge(fields)});
+    }
     void AddFailure(const char* name, const shdclient::Error& error) {
         Add({name, Verdict::kFailed, error.message, {{"answers", false}}});
         Fail(ExitStatusOf(error.code));
@@ -73,10 +81,6 @@ class Findings {
     Report report_{""};
 };
 
-double MillisecondsSince(steady_clock::time_point start) {
-    return std::chrono::duration<double, std::milli>(steady_clock::now() - start).count();
-}
-
 // The data server's thread takes what a client sends.
 void AskDataServer(const Context& context, Findings& findings) {
     constexpr const char* kName = "data server";
@@ -86,23 +90,16 @@ void AskDataServer(const Context& context, Findings& findings) {
     if (!stream) return findings.AddFailure(kName, stream.error());
     const shdclient::Status served = stream->WaitUntilServed(kServedLimit);
     if (!served) return findings.AddFailure(kName, served.error());
-    const double latency_ms = MillisecondsSince(start);
-    findings.Add({kName,
-                  Verdict::kGood,
-                  fmt::format("takes a client in {:.1f} ms", latency_ms),
-                  {{"answers", true}, {"latency_ms", latency_ms}}});
+    findings.AddAnswer(kName, "takes a client", start);
 }
 
 // A connection to a daemon that answers by itself; null when there is no point in asking further.
 std::optional<HubClient> AskDaemon(const Context& context, Findings& findings) {
     constexpr const char* kName = "daemon";
     Result<HubClient> hub = ConnectHub(context);
-    if (!hub) {
-        findings.AddFailure(kName, hub.error());
-        return std::nullopt;
-    }
     const auto start = steady_clock::now();
-    const shdclient::Status answer = hub->SelfTest(kVirtualHandle);
+    const shdclient::Status answer =
+        hub ? hub->SelfTest(kVirtualHandle) : shdclient::Status(hub.error());
     if (!answer) {
         shdclient::Error error = answer.error();
         if (error.code == shdclient::ErrorCode::kTimeout) {
@@ -111,11 +108,7 @@ std::optional<HubClient> AskDaemon(const Context& context, Findings& findings) {
         findings.AddFailure(kName, error);
         return std::nullopt;
     }
-    const double latency_ms = MillisecondsSince(start);
-    findings.Add({kName,
-                  Verdict::kGood,
-                  fmt::format("answered in {:.1f} ms", latency_ms),
-                  {{"answers", true}, {"latency_ms", latency_ms}}});
+    findings.AddAnswer(kName, "answered", start);
     return std::move(*hub);
 }
 
@@ -129,12 +122,8 @@ std::optional<std::string> AskMcu(HubClient& hub, Findings& findings) {
         findings.AddFailure(kName, version.error());
         return std::nullopt;
     }
-    const double latency_ms = MillisecondsSince(start);
-    findings.Add(
-        {kName,
-         Verdict::kGood,
-         fmt::format("answered in {:.1f} ms, firmware {}", latency_ms, Printable(*version)),
-         {{"answers", true}, {"latency_ms", latency_ms}, {"version", Printable(*version)}}});
+    const std::string shown = Printable(*version);
+    findings.AddAnswer(kName, "answered", start, ", firmware " + shown, {{"version", shown}});
     return *version;
 }
 

@@ -86,6 +86,10 @@ shdclient::Result<std::string> ReadWholeFile(const std::string& path) {
     return content;
 }
 
+std::span<const uint8_t> BytesOf(const std::string& content) {
+    return {reinterpret_cast<const uint8_t*>(content.data()), content.size()};
+}
+
 shdclient::Status CheckWritable(const std::string& path) {
     struct stat status {};
     if (stat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode)) return shdclient::Success();

@@ -22,6 +22,9 @@ inline constexpr size_t kMaxFileBytes = size_t{64} << 20;
 // Reads a file as OpenToRead has it, of at most kMaxFileBytes.
 [[nodiscard]] shdclient::Result<std::string> ReadWholeFile(const std::string& path);
 
+// The same content as bytes; points into it.
+[[nodiscard]] std::span<const uint8_t> BytesOf(const std::string& content);
+
 // Success when a file can be written there: there is none, or a regular one. Otherwise
 // kInvalidArgument with its name.
 [[nodiscard]] shdclient::Status CheckWritable(const std::string& path);

@@ -25,10 +25,6 @@ using shdclient::Error;
 using shdclient::ErrorCode;
 using shdclient::Result;
 
-std::span<const uint8_t> BytesOf(const std::string& content) {
-    return {reinterpret_cast<const uint8_t*>(content.data()), content.size()};
-}
-
 std::string TextOf(const std::string& path, const ImageReport& image) {
     std::string text = fmt::format("{}: {} bytes\n", path, image.file_size);
     auto out = std::back_inserter(text);

@@ -62,22 +62,32 @@ enum class EpisodeFold::Speaker : uint8_t {
 struct EpisodeFold::Rule {
     Speaker speaker = Speaker::kThread;
     std::string_view words;
-    bool Seen::*seen = nullptr;      // becomes true
-    int Episode::*count = nullptr;   // is one more
-    const char* failure = nullptr;   // of the episode
-    const char* fault = nullptr;     // of the update, when it is the first
-    const char* part = nullptr;      // of a block, which could not be written
+    bool Seen::*seen = nullptr;     // becomes true
+    int Episode::*count = nullptr;  // is one more
+    const char* failure = nullptr;  // of the episode
+    const char* fault = nullptr;    // of the update, when it is the first
+    const char* part = nullptr;     // of a block, which could not be written
     void (EpisodeFold::*act)(const LogLine& line) = nullptr;
     bool ends = false;
 };
 
 const EpisodeFold::Rule EpisodeFold::kRecoveryRules[] = {
     {.speaker = Speaker::kAnybody, .words = "SensorMcuReboot thread has exist"},
-    {.speaker = Speaker::kAnybody, .words = "Process msg mcu in reboot ignore sensor", .count = &Episode::refused_requests},
-    {.speaker = Speaker::kAsker, .words = "SensorMcuReboot disable", .failure = "forbidden by persist.velmar.shd.mcureboot", .ends = true},
-    {.speaker = Speaker::kAsker, .words = "SensorMcuReboot thread create failure", .failure = "no thread could be started", .ends = true},
-    {.words = "SensorMcuReboot Handshake timeout index:", .failure = "the MCU answers no handshake, and new firmware did not help"},
-    {.words = "SensorMcuReboot init UART timeout index:", .failure = "the UART could not be opened"},
+    {.speaker = Speaker::kAnybody,
+     .words = "Process msg mcu in reboot ignore sensor",
+     .count = &Episode::refused_requests},
+    {.speaker = Speaker::kAsker,
+     .words = "SensorMcuReboot disable",
+     .failure = "forbidden by persist.velmar.shd.mcureboot",
+     .ends = true},
+    {.speaker = Speaker::kAsker,
+     .words = "SensorMcuReboot thread create failure",
+     .failure = "no thread could be started",
+     .ends = true},
+    {.words = "SensorMcuReboot Handshake timeout index:",
+     .failure = "the MCU answers no handshake, and new firmware did not help"},
+    {.words = "SensorMcuReboot init UART timeout index:",
+     .failure = "the UART could not be opened"},
     {.words = "SensorMcuReboot Handshake timeout update mcu", .count = &Episode::updates},
     {.words = "SensorMcuReboot init UART timeout update mcu", .count = &Episode::updates},
     {.words = "SensorMcuReboot Handshake timeout", .count = &Episode::unanswered_handshakes},
@@ -109,7 +119,8 @@ const EpisodeFold::Rule EpisodeFold::kUpdateRules[] = {
     {.words = "read mcu_send_cmd error", .fault = "the UART could not be read"},
     {.words = "stat file settings error", .fault = "the image is missing"},
     {.words = "fopen mcu file error", .fault = "the image could not be opened"},
-    {.words = "file size error, file_size", .fault = "the image's size is not what its header says"},
+    {.words = "file size error, file_size",
+     .fault = "the image's size is not what its header says"},
     {.words = "file size error", .fault = "the image is too large"},
     {.words = "file_buf malloc fail", .fault = "there was no memory for the image"},
     {.words = "target mcu header get error", .fault = "the image's header could not be read"},
@@ -287,9 +298,8 @@ void EpisodeFold::FailUpdate(const LogLine& line) {
     if (reply_ == 0) written_ms -= std::chrono::milliseconds(kAckTimeout).count();
     const auto written = static_cast<int64_t>(static_cast<double>(written_ms) / kBlockMs);
     episode_.block_exact = seen_.last_block;
-    episode_.failed_block = seen_.last_block
-                                ? episode_.blocks
-                                : std::clamp<int64_t>(written + 1, 1, episode_.blocks);
+    episode_.failed_block =
+        seen_.last_block ? episode_.blocks : std::clamp<int64_t>(written + 1, 1, episode_.blocks);
     episode_.failure =
         fmt::format("at {}block {} of {}, its {} was {}", episode_.block_exact ? "" : "about ",
                     episode_.failed_block, episode_.blocks, part_, ReplyText());
