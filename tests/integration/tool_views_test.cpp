@@ -10,7 +10,7 @@
 #include "tests/integration/hub.h"
 #include "tests/integration/tool.h"
 #include "tests/integration/tool_window.h"
-#include "tools/shdtool/engine/recording.h"
+#include "tools/shdtool/engine/record_file.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 
 #include "tools/shdtool/audit/verdict.h"
 #include "tools/shdtool/engine/line_budget.h"
-#include "tools/shdtool/engine/recording.h"
+#include "tools/shdtool/engine/record_file.h"
 #include "tools/shdtool/views/table.h"
 
 namespace shdtool {

@@ -6,20 +6,12 @@ namespace shdtool {
 namespace {
 
 const cli::Options kGlobalOptions{
-    {.name = "--root",
-     .kind = cli::Kind::kDirectory,
-     .value = "DIR",
-     .help = "Directory tree of the daemon; default: SHD_ROOT, else the device's own, else that of "
-             "a running scripts/run"},
-    {.name = "--json", .kind = cli::Kind::kFlag, .help = "Print one JSON object instead of text"},
-    {.name = "--timeout",
-     .kind = cli::Kind::kNumber,
-     .value = "SEC",
-     .help = "Longest wait for a reply in seconds",
-     .min = 0.001,
-     .max = 86'400,
-     .standard = "15"},
-};
+    {"--root", cli::Kind::kDirectory, "DIR",
+     "Directory tree of the daemon; default: SHD_ROOT, else the device's own, else that of "
+     "a running scripts/run"},
+    {"--json", cli::Kind::kFlag, "", "Print one JSON object instead of text"},
+    {"--timeout", cli::Kind::kNumber, "SEC", "Longest wait for a reply in seconds", 0.001, 86'400,
+     "15"}};
 
 constexpr const char* kDetails =
     "Exit status: 0 success, 1 the hub or the MCU refused or a check failed, 2 wrong usage or a "
@@ -30,10 +22,10 @@ constexpr const char* kDetails =
 const CommandRows& AllCommands() {
     static const CommandRows rows = [] {
         CommandRows all;
-        for (auto* family :
-             {StatusCommands, ClientsCommands, ListCommands, WatchCommands, RecordCommands,
-              AuditCommands, SensorCommands, FlushCommands, McuCommands, RawCommands, LogCommands,
-              DumpCommands, RawLogCommands, ImageCommands, CompletionCommands}) {
+        for (auto* family : {StatusCommands, ClientsCommands, ListCommands, WatchCommands,
+                             RecordCommands, ReplayCommands, AuditCommands, SensorCommands,
+                             FlushCommands, McuCommands, RawCommands, LogCommands, DumpCommands,
+                             RawLogCommands, ImageCommands, CompletionCommands}) {
             for (Command& row : family()) all.push_back(std::move(row));
         }
         return all;

@@ -17,6 +17,7 @@ using CommandRows = std::vector<Command>;
 [[nodiscard]] CommandRows ListCommands();
 [[nodiscard]] CommandRows WatchCommands();
 [[nodiscard]] CommandRows RecordCommands();
+[[nodiscard]] CommandRows ReplayCommands();  // beside watch
 [[nodiscard]] CommandRows AuditCommands();
 [[nodiscard]] CommandRows SensorCommands();
 [[nodiscard]] CommandRows FlushCommands();

@@ -11,9 +11,8 @@ struct Json::Value {
     nlohmann::ordered_json json;
 };
 
-Json::Json() : value_(std::make_unique<Value>()) {}
-Json::Json(double number) : value_(std::make_unique<Value>(Value{number})) {}
-Json::Json(std::string_view text) : value_(std::make_unique<Value>(Value{text})) {}
+Json::Json(const Plain& value)
+    : value_(std::visit([](auto plain) { return std::make_unique<Value>(Value{plain}); }, value)) {}
 Json::Json(std::initializer_list<Field> fields) : Json() {
     value_->json = nlohmann::ordered_json::object();
     for (const Field& field : fields) Set(field.name, field.value);
@@ -49,18 +48,6 @@ Json& Json::Add(Json value) {
 
 std::string Json::Text() const {
     return value_->json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
-}
-
-void Json::SetBool(bool value) {
-    value_ = std::make_unique<Value>(Value{value});
-}
-
-void Json::SetSigned(int64_t value) {
-    value_ = std::make_unique<Value>(Value{value});
-}
-
-void Json::SetUnsigned(uint64_t value) {
-    value_ = std::make_unique<Value>(Value{value});
 }
 
 }  // namespace shdtool

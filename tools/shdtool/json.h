@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <variant>
 
 namespace shdtool {
 
@@ -15,22 +16,17 @@ class Json {
   public:
     struct Field;
 
-    Json();  // null
+    using Plain = std::variant<std::nullptr_t, bool, int64_t, uint64_t, double, std::string_view>;
+
+    Json(const Plain& value = nullptr);
     Json(std::nullptr_t) : Json() {}
-    Json(double number);
-    Json(std::string_view text);
+    Json(bool value) : Json(Plain(value)) {}
+    Json(std::signed_integral auto number) : Json(Plain(int64_t{number})) {}
+    Json(std::unsigned_integral auto number) : Json(Plain(uint64_t{number})) {}
+    Json(double number) : Json(Plain(number)) {}
+    Json(std::string_view text) : Json(Plain(text)) {}
     Json(const std::string& text) : Json(std::string_view(text)) {}
     Json(const char* text) : Json(std::string_view(text)) {}
-    template <std::integral T>
-    Json(T number) : Json() {
-        if constexpr (std::same_as<T, bool>) {
-            SetBool(number);
-        } else if constexpr (std::unsigned_integral<T>) {
-            SetUnsigned(number);
-        } else {
-            SetSigned(number);
-        }
-    }
     Json(std::initializer_list<Field> fields);  // an object, in this order
     Json(const Json& other);
     Json(Json&& other) noexcept;
@@ -57,10 +53,6 @@ class Json {
 
   private:
     struct Value;
-
-    void SetBool(bool value);
-    void SetSigned(int64_t value);
-    void SetUnsigned(uint64_t value);
 
     std::unique_ptr<Value> value_;
 };

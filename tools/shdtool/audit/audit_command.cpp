@@ -26,9 +26,9 @@ constexpr double kNsPerSec = 1e9;
 
 struct AuditRequest {
     std::string path;  // empty: the live stream
-    std::vector<const SensorInfo*> sensors;
-    AuditLimits limits;
-    std::optional<double> flush_every_sec;
+    WatchRequest watch;
+    AuditLimits limits = {};
+    std::optional<double> flush_every_sec = {};
     double flush_wait_sec = 0;
 };
 
@@ -40,7 +40,7 @@ class Auditor final : public EventSink {
 
     void OnStart(EventSource& source) override {
         start_ns_ = source.now_ns();
-        for (const SensorInfo* sensor : request_.sensors) Find(*sensor);
+        for (const int32_t handle : request_.watch.handles) Find(*shdclient::FindSensor(handle));
     }
 
     void OnEvent(const shdclient::WatchedEvent& event) override {
@@ -148,35 +148,12 @@ std::unique_ptr<FlushProbe> MakeProbe(const Context& context, const AuditRequest
                                         std::llround(request.flush_wait_sec * kNsPerSec));
 }
 
-// Sets damage when a recording is not whole.
-Result<AuditReport> RunAudit(const Context& context, const AuditRequest& request,
-                             const SamplingRequest& sampling, std::optional<Error>& damage) {
-    Auditor auditor(request, MakeProbe(context, request));
-    const WatchLimits limits = LimitsOf(context.arguments);
-    if (request.path.empty()) {
-        if (!context.json && isatty(STDERR_FILENO) == 1) {
-            fmt::print(stderr, "shdtool: listening; Ctrl-C ends the audit early\n");
-        }
-        shdclient::WatchOptions options;
-        options.handles = HandlesOf(request.sensors);
-        LiveSource source(context.root, options);
-        const auto end = WatchEvents(context, source, sampling, limits, auditor);
-        if (!end) return end.error();
-        return auditor.Finish(*end);
-    }
-    auto reader = RecordReader::Open(request.path);
-    if (!reader) return reader.error();
-    RecordingSource source(*reader, 0, HandlesOf(request.sensors));
-    const auto end = WatchEvents(context, source, sampling, limits, auditor);
-    if (!end) return end.error();
-    damage = reader->damage();
-    return auditor.Finish(*end);
-}
-
 shdclient::Result<AuditRequest> RequestOf(const cli::Arguments& arguments) {
-    AuditRequest request;
-    request.path = arguments.Text("FILE");
-    request.sensors = arguments.Sensors("--sensor");
+    const auto watch = WatchRequestOf(arguments, "--sensor");
+    if (!watch) return watch.error();
+    AuditRequest request{.path = arguments.Text("FILE"), .watch = *watch};
+    request.limits.stats.asked_ns = watch->asked_ns();
+    request.limits.stats.asked_batch = watch->batch;
     request.limits.mean_tolerance = arguments.Number("--mean-tolerance") / 100;
     request.limits.stats.gap_factor = arguments.Number("--gap-factor");
     request.limits.max_gaps = static_cast<uint64_t>(arguments.Integer("--max-gaps"));
@@ -201,83 +178,63 @@ shdclient::Result<AuditRequest> RequestOf(const cli::Arguments& arguments) {
 }
 
 Outcome Audit(Context& context) {
-    auto request = RequestOf(context.arguments);
+    const auto request = RequestOf(context.arguments);
     if (!request) return request.error();
-    const auto sampling = SamplingOf(context.arguments, request->sensors);
-    if (!sampling) return sampling.error();
-    request->limits.stats.asked_ns = sampling->asked_ns();
-    request->limits.stats.asked_batch = sampling->batch.value_or(0);
-    std::optional<Error> damage;
-    const auto audited = RunAudit(context, *request, *sampling, damage);
-    if (!audited) return audited.error();
-    Report report{AuditText(*audited), AuditFields(*audited)};
-    if (damage) {  // what was behind the damage has not been judged
-        report.complaint = damage->message;
-        report.exit_status = ExitStatusOf(damage->code);
-        report.fields.Set("damage", damage->message);
+    const WatchRequest& watch = request->watch;
+    std::optional<RecordingSource> recording;
+    std::optional<LiveSource> live;
+    if (request->path.empty()) {
+        live.emplace(context.root, watch.handles);
+        if (!context.json && isatty(STDERR_FILENO) == 1) {
+            fmt::print(stderr, "shdtool: listening; Ctrl-C ends the audit early\n");
+        }
+    } else {
+        auto reader = RecordReader::Open(request->path);
+        if (!reader) return reader.error();
+        recording.emplace(std::move(*reader), 0, watch.handles);
     }
-    if (!audited->ok()) report.exit_status = kExitRefused;
+    Auditor auditor(*request, MakeProbe(context, *request));
+    EventSource& source = live ? static_cast<EventSource&>(*live) : *recording;
+    const auto end = WatchEvents(context, source, watch, auditor);
+    if (!end) return end.error();
+    const AuditReport audited = auditor.Finish(*end);
+    Report report{AuditText(audited), AuditFields(audited)};
+    if (recording && recording->damage()) {  // what was behind it has not been judged
+        const Error& damage = *recording->damage();
+        report.complaint = damage.message;
+        report.exit_status = ExitStatusOf(damage.code);
+        report.fields.Set("damage", damage.message);
+    }
+    if (!audited.ok()) report.exit_status = kExitRefused;
     return report;
 }
 
 const cli::Options kAuditedFile{
-    {.name = "FILE",
-     .kind = cli::Kind::kFile,
-     .help = "A recording; without it the live stream is checked"},
+    {"FILE", cli::Kind::kFile, "", "A recording; without it the live stream is checked"},
     {.name = "--sensor",
      .kind = cli::Kind::kSensor,
      .value = "SENSOR",
      .help = "Only this sensor, by name or handle, and it must send something; may be repeated",
-     .repeated = true},
-};
+     .repeated = true}};
 
 const cli::Options kFaultLimits{
-    {.name = "--mean-tolerance",
-     .kind = cli::Kind::kNumber,
-     .value = "PERCENT",
-     .help = "How far the mean spacing may be off a given period, in percent",
-     .max = 1000,
-     .standard = "5"},
-    {.name = "--gap-factor",
-     .kind = cli::Kind::kNumber,
-     .value = "X",
-     .help = "A spacing of more periods than this is a gap, unless the following samples make up "
-             "for it: then it counts as late, which is no fault",
-     .min = 1.01,
-     .max = 1000,
-     .standard = "1.8"},
-    {.name = "--max-gaps",
-     .kind = cli::Kind::kInteger,
-     .value = "N",
-     .help = "Gaps that are no fault yet",
-     .max = 1e9,
-     .standard = "0"},
-    {.name = "--max-jitter",
-     .kind = cli::Kind::kNumber,
-     .value = "MS",
-     .help = "Standard deviation of the spacing that is no fault yet; else any is",
-     .max = 1e9},
-    {.name = "--future",
-     .kind = cli::Kind::kNumber,
-     .value = "MS",
-     .help = "How far a time stamp may be ahead of the arrival",
-     .max = 1e9,
-     .standard = "0"},
-    {.name = "--flush",
-     .kind = cli::Kind::kNumber,
-     .value = "SEC",
-     .help = "Flush each sensor every so many seconds and expect its flush-complete event (the "
-             "flushes of others cannot be seen, so without this their events are only counted)",
-     .min = 0.01,
-     .max = 1e6},
-    {.name = "--flush-wait",
-     .kind = cli::Kind::kNumber,
-     .value = "SEC",
-     .help = "Time within which the event must come",
-     .min = 0.01,
-     .max = 1e6,
-     .standard = "5"},
-};
+    {"--mean-tolerance", cli::Kind::kNumber, "PERCENT",
+     "How far the mean spacing may be off a given period, in percent", 0, 1000, "5"},
+    {"--gap-factor", cli::Kind::kNumber, "X",
+     "A spacing of more periods than this is a gap, unless the following samples make up "
+     "for it: then it counts as late, which is no fault",
+     1.01, 1000, "1.8"},
+    {"--max-gaps", cli::Kind::kInteger, "N", "Gaps that are no fault yet", 0, 1e9, "0"},
+    {"--max-jitter", cli::Kind::kNumber, "MS",
+     "Standard deviation of the spacing that is no fault yet; else any is", 0, 1e9},
+    {"--future", cli::Kind::kNumber, "MS", "How far a time stamp may be ahead of the arrival", 0,
+     1e9, "0"},
+    {"--flush", cli::Kind::kNumber, "SEC",
+     "Flush each sensor every so many seconds and expect its flush-complete event (the "
+     "flushes of others cannot be seen, so without this their events are only counted)",
+     0.01, 1e6},
+    {"--flush-wait", cli::Kind::kNumber, "SEC", "Time within which the event must come", 0.01, 1e6,
+     "5"}};
 
 }  // namespace
 

@@ -1,7 +1,6 @@
 // The thread that exchanges requests with the hub. Called by the watching commands.
 #include "tools/shdtool/engine/hub_worker.h"
 
-#include <cstring>
 #include <utility>
 
 #include "tools/client/reply.h"
@@ -23,8 +22,7 @@ constexpr milliseconds kStopLatency{50};
 
 HubWorker::HubWorker(std::string root, milliseconds timeout)
     : root_(std::move(root)), timeout_(timeout) {
-    const BlockedSignals blocked;
-    thread_ = std::jthread([this](const std::stop_token& stop) { Run(stop); });
+    thread_ = ThreadWithoutSignals([this](const std::stop_token& stop) { Run(stop); });
 }
 
 HubWorker::~HubWorker() {
@@ -105,19 +103,6 @@ shdclient::Status HubWorker::Execute(const ClientRequest& request, const std::st
                                 "no reply to " + shdclient::CommandName(request.command) +
                                     " from the daemon within " + std::to_string(seconds) + " s"};
     }
-}
-
-std::vector<ClientRequest> EnableRequests(int32_t handle, std::optional<int32_t> period_ms,
-                                          int32_t batch) {
-    std::vector<ClientRequest> requests;
-    if (period_ms) {
-        const int32_t words[] = {*period_ms, batch};
-        ClientRequest& request =
-            requests.emplace_back(shdclient::MakeRequest(handle, SHB_SENSOR_BATCH));
-        std::memcpy(request.args, words, sizeof(words));
-    }
-    requests.push_back(shdclient::MakeRequest(handle, SHB_SENSOR_ACTIVE));
-    return requests;
 }
 
 }  // namespace shdtool

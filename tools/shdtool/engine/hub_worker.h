@@ -59,9 +59,4 @@ class HubWorker {
     std::jthread thread_;  // last, so that it ends first
 };
 
-// The requests that switch a sensor on: with a period, that and the batch size come first.
-[[nodiscard]] std::vector<shd::ClientRequest> EnableRequests(int32_t handle,
-                                                             std::optional<int32_t> period_ms,
-                                                             int32_t batch);
-
 }  // namespace shdtool

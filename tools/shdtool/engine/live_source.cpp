@@ -27,8 +27,8 @@ Delivery Change(DeliveryKind kind, int64_t from_ns, int64_t at_ns, bool certain 
 
 }  // namespace
 
-LiveSource::LiveSource(std::string root, shdclient::WatchOptions options)
-    : watcher_(std::move(root), std::move(options)) {}
+LiveSource::LiveSource(const std::string& root, const std::vector<int32_t>& handles)
+    : watcher_(root, {.handles = handles}) {}
 
 LiveSource::~LiveSource() = default;
 
@@ -40,8 +40,7 @@ shdclient::Status LiveSource::Start() {
         return shdclient::Error{shdclient::ErrorCode::kSystem,
                                 std::string("cannot make an eventfd: ") + std::strerror(errno)};
     }
-    const BlockedSignals blocked;
-    thread_ = std::jthread([this](const std::stop_token& stop) { Run(stop); });
+    thread_ = ThreadWithoutSignals([this](const std::stop_token& stop) { Run(stop); });
     return shdclient::Success();
 }
 

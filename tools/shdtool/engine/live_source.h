@@ -20,7 +20,8 @@ class LiveSource final : public EventSource {
     // Beyond it, new events are dropped and told as missed: about 60 MB.
     static constexpr size_t kMaxWaiting = 250'000;
 
-    LiveSource(std::string root, shdclient::WatchOptions options);
+    // handles: empty: all sensors.
+    LiveSource(const std::string& root, const std::vector<int32_t>& handles);
     ~LiveSource() override;  // waits up to 50 ms for the thread
 
     // Connects and starts the thread, which sees no signals. Errors as EventStream::Connect.

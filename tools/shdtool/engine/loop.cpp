@@ -19,13 +19,14 @@ using std::chrono::nanoseconds;
 // Events gather this long in the reader, so that a busy hub does not wake this thread for each.
 constexpr int kPauseMs = 5;
 
+constexpr milliseconds kTick{100};  // between two looks of the sink
+
 // One run of the loop.
 class Loop {
   public:
-    Loop(const Context& context, EventSource& source, const SamplingRequest& sampling,
-         const WatchLimits& limits, EventSink& sink)
-        : limits_(limits), source_(source), sink_(sink) {
-        if (sampling.enable) enabler_.emplace(context.root, context.timeout(), sampling);
+    Loop(const Context& context, EventSource& source, const WatchRequest& request, EventSink& sink)
+        : request_(request), source_(source), sink_(sink) {
+        if (request.enable) enabler_.emplace(context.root, context.timeout(), request);
     }
 
     [[nodiscard]] shdclient::Result<WatchState> Run() {
@@ -33,9 +34,9 @@ class Loop {
         if (!started) return started.error();
         state_.start_ns = state_.now_ns = source_.now_ns();
         if (enabler_) enabler_->Ask();
-        const StopSignals signals;
+        CatchStopSignals();
         sink_.OnStart(source_);
-        while (!StopSignals::requested() && !done_) {
+        while (!StopRequested() && !done_) {
             const Status round = Round(TimeLeft());
             if (!round) return round.error();
         }
@@ -46,14 +47,14 @@ class Loop {
 
   private:
     [[nodiscard]] milliseconds TimeLeft() const {
-        if (limits_.duration.count() == 0) return limits_.tick;
-        const nanoseconds left = limits_.duration - nanoseconds(state_.now_ns - state_.start_ns);
-        return std::clamp(std::chrono::ceil<milliseconds>(left), milliseconds(0), limits_.tick);
+        if (request_.duration.count() == 0) return kTick;
+        const nanoseconds left = request_.duration - nanoseconds(state_.now_ns - state_.start_ns);
+        return std::clamp(std::chrono::ceil<milliseconds>(left), milliseconds(0), kTick);
     }
 
     [[nodiscard]] bool IsBeyond(int64_t at_ns) const {
-        return limits_.duration.count() > 0 &&
-               nanoseconds(at_ns - state_.start_ns) >= limits_.duration;
+        return request_.duration.count() > 0 &&
+               nanoseconds(at_ns - state_.start_ns) >= request_.duration;
     }
 
     [[nodiscard]] Status Round(milliseconds wait) {
@@ -70,7 +71,7 @@ class Loop {
         }
         state_.now_ns = source_.now_ns();
         if (IsBeyond(state_.now_ns)) {
-            state_.now_ns = state_.start_ns + nanoseconds(limits_.duration).count();
+            state_.now_ns = state_.start_ns + nanoseconds(request_.duration).count();
             done_ = true;
         }
         TellAboutSilence();
@@ -86,7 +87,7 @@ class Loop {
         if (delivery.kind == DeliveryKind::kEvent) {
             sink_.OnEvent(delivery.event);
             if (delivery.event.decoded.flush_complete) return;
-            done_ = ++state_.samples == limits_.max_samples;
+            done_ = ++state_.samples == request_.max_samples;
             return;
         }
         if (delivery.kind == DeliveryKind::kMissed) {
@@ -107,7 +108,7 @@ class Loop {
         if (state_.samples == 0 && state_.connected) sink_.OnSilence();
     }
 
-    const WatchLimits& limits_;
+    const WatchRequest& request_;
     EventSource& source_;
     EventSink& sink_;
     std::optional<SensorEnabler> enabler_;
@@ -151,9 +152,8 @@ Status EventSink::OnEnd(const WatchState& /*state*/) {
 }
 
 shdclient::Result<WatchState> WatchEvents(const Context& context, EventSource& source,
-                                          const SamplingRequest& sampling,
-                                          const WatchLimits& limits, EventSink& sink) {
-    return Loop(context, source, sampling, limits, sink).Run();
+                                          const WatchRequest& request, EventSink& sink) {
+    return Loop(context, source, request, sink).Run();
 }
 
 }  // namespace shdtool

@@ -52,17 +52,11 @@ class EventSink {
 // "connection to the daemon lost; waiting for it" and the like.
 [[nodiscard]] std::string ChangeText(const Delivery& change);
 
-struct WatchLimits {
-    uint64_t max_samples = 0;               // 0: no limit; flush-complete events do not count
-    std::chrono::milliseconds duration{0};  // of the source's time; 0: no limit
-    std::chrono::milliseconds tick{100};
-};
-
 // Blocks until a limit or the source's end is reached or SIGINT, SIGTERM or SIGHUP comes, which all
 // count as success. Fails when there is no daemon at the beginning, when the sink or the sampling
 // does, and when the daemon goes and the source's options forbid to reconnect.
 [[nodiscard]] shdclient::Result<WatchState> WatchEvents(const Context& context, EventSource& source,
-                                                        const SamplingRequest& sampling,
-                                                        const WatchLimits& limits, EventSink& sink);
+                                                        const WatchRequest& request,
+                                                        EventSink& sink);
 
 }  // namespace shdtool

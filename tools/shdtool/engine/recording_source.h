@@ -7,17 +7,16 @@
 #include <utility>
 #include <vector>
 
-#include "tools/shdtool/engine/recording.h"
+#include "tools/shdtool/engine/record_file.h"
 #include "tools/shdtool/engine/source.h"
 
 namespace shdtool {
 
 class RecordingSource final : public EventSource {
   public:
-    // speed: of the recording's time; 0: without waiting. handles: empty: all sensors. What is
-    // damaged in the file is left to the caller, see RecordReader.
-    RecordingSource(RecordReader& reader, double speed, std::vector<int32_t> handles)
-        : reader_(reader), speed_(speed), handles_(std::move(handles)) {}
+    // speed: of the recording's time; 0: without waiting. handles: empty: all sensors.
+    RecordingSource(RecordReader reader, double speed, std::vector<int32_t> handles)
+        : reader_(std::move(reader)), speed_(speed), handles_(std::move(handles)) {}
 
     [[nodiscard]] shdclient::Status Start() override;
     [[nodiscard]] shdclient::Result<bool> Take(std::chrono::milliseconds timeout,
@@ -26,12 +25,15 @@ class RecordingSource final : public EventSource {
     void Pause(bool paused) override;
     [[nodiscard]] bool live() const override { return false; }
 
+    // After the end, what is wrong with the file: see RecordReader.
+    [[nodiscard]] const auto& damage() const { return reader_.damage(); }
+
   private:
     [[nodiscard]] bool Wanted(const Delivery& delivery) const;
     [[nodiscard]] int64_t Playhead() const;
     void Advance();
 
-    RecordReader& reader_;
+    RecordReader reader_;
     const double speed_;
     const std::vector<int32_t> handles_;
     std::optional<Delivery> next_;

@@ -3,6 +3,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
+
+#include "tools/client/reply.h"
 
 using namespace shd;
 
@@ -16,28 +19,32 @@ constexpr double kNsPerMs = 1e6;
 
 }  // namespace
 
-std::optional<int32_t> SamplingRequest::hub_period_ms() const {
+std::optional<int32_t> WatchRequest::hub_period_ms() const {
     if (!period_ms) return std::nullopt;
     return static_cast<int32_t>(std::max(std::lround(*period_ms), 1L));
 }
 
-std::optional<int64_t> SamplingRequest::asked_ns() const {
+std::optional<int64_t> WatchRequest::asked_ns() const {
     if (!period_ms) return std::nullopt;
     return std::llround((enable ? *hub_period_ms() : *period_ms) * kNsPerMs);
 }
 
 SensorEnabler::SensorEnabler(const std::string& root, std::chrono::milliseconds timeout,
-                             const SamplingRequest& sampling)
-    : sampling_(sampling), worker_(root, timeout) {}
+                             const WatchRequest& request)
+    : request_(request), worker_(root, timeout) {}
 
 void SensorEnabler::Ask() {
     retry_at_.reset();
     failed_ = false;
     waiting_ = true;
-    for (const int32_t handle : sampling_.handles) {
-        const auto requests =
-            EnableRequests(handle, sampling_.hub_period_ms(), sampling_.batch.value_or(0));
-        for (const ClientRequest& request : requests) worker_.Post(request);
+    for (const int32_t handle : request_.handles) {
+        if (request_.period_ms) {
+            ClientRequest batch = shdclient::MakeRequest(handle, SHB_SENSOR_BATCH);
+            const int32_t words[] = {*request_.hub_period_ms(), request_.batch};
+            std::memcpy(batch.args, words, sizeof(words));
+            worker_.Post(batch);
+        }
+        worker_.Post(shdclient::MakeRequest(handle, SHB_SENSOR_ACTIVE));
     }
 }
 

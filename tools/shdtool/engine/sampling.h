@@ -1,5 +1,5 @@
-// The sampling that the user of a watching command names: what the sensors are measured against,
-// and, when asked, what they are switched on with. Used by watch, record and audit.
+// What the user of a watching command asks for: which sensors, how long, and their sampling, which
+// they are measured against and, when asked, switched on with. Used by watch, record and audit.
 #pragma once
 
 #include <chrono>
@@ -14,11 +14,13 @@
 namespace shdtool {
 
 // The daemon tells nobody what was asked of it, so the user says it.
-struct SamplingRequest {
-    std::optional<double> period_ms;  // empty: not named
-    std::optional<int32_t> batch;     // samples
-    bool enable = false;              // switch the sensors on
-    std::vector<int32_t> handles;     // those to be switched on
+struct WatchRequest {
+    std::vector<int32_t> handles;           // empty: all sensors
+    std::optional<double> period_ms;        // empty: not named
+    int32_t batch = 0;                      // samples
+    bool enable = false;                    // switch the sensors on
+    uint64_t max_samples = 0;               // 0: no limit; flush-complete events do not count
+    std::chrono::milliseconds duration{0};  // of the source's time; 0: no limit
 
     // The period as the hub is asked for it, in whole milliseconds of at least 1.
     [[nodiscard]] std::optional<int32_t> hub_period_ms() const;
@@ -32,7 +34,7 @@ struct SamplingRequest {
 class SensorEnabler {
   public:
     SensorEnabler(const std::string& root, std::chrono::milliseconds timeout,
-                  const SamplingRequest& sampling);
+                  const WatchRequest& request);
 
     // Asks for all sensors; called at each connection.
     void Ask();
@@ -43,7 +45,7 @@ class SensorEnabler {
     [[nodiscard]] shdclient::Result<bool> Check();
 
   private:
-    const SamplingRequest sampling_;
+    const WatchRequest request_;
     HubWorker worker_;
     bool ever_succeeded_ = false;
     bool waiting_ = false;  // for the outcome of the last Ask

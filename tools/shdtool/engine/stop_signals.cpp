@@ -1,42 +1,35 @@
-// Signal handlers and masks. Called by the loop and by the threads beside it.
+// Signal handlers and masks. Called by the loop and by what has a thread beside it.
 #include "tools/shdtool/engine/stop_signals.h"
+
+#include <csignal>
+#include <utility>
 
 namespace shdtool {
 namespace {
 
-constexpr int kStopping[] = {SIGINT, SIGTERM, SIGHUP};
-
 volatile std::sig_atomic_t g_stop = 0;
-
-void RequestStop(int /*signal*/) {
-    g_stop = 1;
-}
 
 }  // namespace
 
-StopSignals::StopSignals() {
-    g_stop = 0;
+void CatchStopSignals() {
     struct sigaction action {};
-    action.sa_handler = RequestStop;
-    for (size_t i = 0; i < old_.size(); ++i) sigaction(kStopping[i], &action, &old_[i]);
+    action.sa_handler = [](int /*signal*/) { g_stop = 1; };
+    action.sa_flags = static_cast<int>(SA_RESETHAND);  // and no SA_RESTART
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaction(signal, &action, nullptr);
 }
 
-StopSignals::~StopSignals() {
-    for (size_t i = 0; i < old_.size(); ++i) sigaction(kStopping[i], &old_[i], nullptr);
-}
-
-bool StopSignals::requested() {
+bool StopRequested() {
     return g_stop != 0;
 }
 
-BlockedSignals::BlockedSignals() {
+std::jthread ThreadWithoutSignals(std::function<void(std::stop_token)> run) {
     sigset_t all;
+    sigset_t before;
     sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before_);
-}
-
-BlockedSignals::~BlockedSignals() {
-    pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    std::jthread thread(std::move(run));  // has the mask of the one that starts it
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    return thread;
 }
 
 }  // namespace shdtool

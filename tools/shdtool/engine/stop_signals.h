@@ -1,37 +1,20 @@
 // The signals of the commands that run until they are told to stop: the main thread notices them,
-// the threads beside it do not. Used by the loop and by the threads beside it.
+// the threads beside it do not. Used by the loop and by what has such a thread.
 #pragma once
 
-#include <array>
-#include <csignal>
+#include <functional>
+#include <thread>
 
 namespace shdtool {
 
-// Catches SIGINT, SIGTERM and SIGHUP for its lifetime, without restarting the interrupted wait.
-class StopSignals {
-  public:
-    StopSignals();
-    ~StopSignals();
-    StopSignals(const StopSignals&) = delete;
-    StopSignals& operator=(const StopSignals&) = delete;
+// From here on the first SIGINT, SIGTERM or SIGHUP is only noticed, and ends a wait; a second one
+// ends the process.
+void CatchStopSignals();
 
-    // True once one came.
-    [[nodiscard]] static bool requested();
+// True once one came.
+[[nodiscard]] bool StopRequested();
 
-  private:
-    std::array<struct sigaction, 3> old_{};
-};
-
-// Blocks all signals for its lifetime: a thread started meanwhile leaves them to the others.
-class BlockedSignals {
-  public:
-    BlockedSignals();
-    ~BlockedSignals();
-    BlockedSignals(const BlockedSignals&) = delete;
-    BlockedSignals& operator=(const BlockedSignals&) = delete;
-
-  private:
-    sigset_t before_{};
-};
+// A thread that leaves all signals to the others.
+[[nodiscard]] std::jthread ThreadWithoutSignals(std::function<void(std::stop_token)> run);
 
 }  // namespace shdtool

@@ -37,15 +37,16 @@ bool LiveView::Obey(Key key) {
             break;
         case Key::kReset:
             Reset();
+            first_ = 0;
             break;
         case Key::kHelp:
             help_ = !help_;
             break;
         case Key::kUp:
-            Scroll(-1);
+            if (first_ > 0) --first_;
             break;
         case Key::kDown:
-            Scroll(1);
+            if (first_ + 1 < Count()) ++first_;
             break;
     }
     return true;

@@ -2,6 +2,7 @@
 // the last page at the end. Used by watch and replay.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <vector>
 
@@ -21,9 +22,11 @@ class LiveView : public EventSink {
     // The lines for a window of that size.
     [[nodiscard]] virtual std::vector<Line> Page(const WatchState& state, Screen::Size size) = 0;
     virtual void Reset() = 0;
-    virtual void Scroll(int by) = 0;
+    // How many rows or strips there are to move through.
+    [[nodiscard]] virtual size_t Count() const = 0;
 
     [[nodiscard]] bool paused() const { return paused_; }
+    [[nodiscard]] size_t first() const { return std::min(first_, Count()); }  // that is shown
     // The next tick draws.
     void DrawSoon() { drawn_ = {}; }
 
@@ -32,6 +35,7 @@ class LiveView : public EventSink {
 
     EventSource* source_ = nullptr;
     Screen screen_;
+    size_t first_ = 0;
     bool paused_ = false;
     bool help_ = false;
     std::chrono::steady_clock::time_point drawn_{};

@@ -1,7 +1,6 @@
 // The shared options as rows, and what they ask for. Called by the watching commands.
 #include "tools/shdtool/views/options.h"
 
-#include <algorithm>
 #include <cmath>
 
 #include "tools/shdtool/views/lines.h"
@@ -9,8 +8,6 @@
 #include "tools/shdtool/views/table.h"
 
 namespace shdtool {
-
-using shdclient::SensorInfo;
 
 const char* const kTableLegend =
     "The table:\n"
@@ -45,32 +42,12 @@ const cli::Options kViewOptions{
      .kind = cli::Kind::kFlag,
      .help = "Comma-separated values, with a heading; the values in the order of 'shdtool list'",
      .excludes = "--plot"},
-    {.name = "--plot",
-     .kind = cli::Kind::kFlag,
-     .help = "A chart in the terminal, one strip per axis"},
-    {.name = "--window",
-     .kind = cli::Kind::kNumber,
-     .value = "SEC",
-     .help = "Seconds that the chart shows",
-     .min = 0.1,
-     .max = 3600,
-     .standard = "10"},
-};
+    {"--plot", cli::Kind::kFlag, "", "A chart in the terminal, one strip per axis"},
+    {"--window", cli::Kind::kNumber, "SEC", "Seconds that the chart shows", 0.1, 3600, "10"}};
 
 const cli::Options kLimitOptions{
-    {.name = "--count",
-     .kind = cli::Kind::kInteger,
-     .value = "N",
-     .help = "End after this many samples",
-     .min = 1,
-     .max = 1e9},
-    {.name = "--seconds",
-     .kind = cli::Kind::kNumber,
-     .value = "SEC",
-     .help = "End after this time",
-     .min = 0.001,
-     .max = 1e7},
-};
+    {"--count", cli::Kind::kInteger, "N", "End after this many samples", 1, 1e9},
+    {"--seconds", cli::Kind::kNumber, "SEC", "End after this time", 0.001, 1e7}};
 
 const cli::Options kPeriodOptions{
     {.name = "--period",
@@ -81,68 +58,43 @@ const cli::Options kPeriodOptions{
      .min = 0.001,
      .max = 3'600'000,
      .excludes = "--rate"},
-    {.name = "--rate",
-     .kind = cli::Kind::kNumber,
-     .value = "HZ",
-     .help = "The same as a rate in Hz",
-     .min = 1.0 / 3600,
-     .max = 1e6},
-};
+    {"--rate", cli::Kind::kNumber, "HZ", "The same as a rate in Hz", 1.0 / 3600, 1e6}};
 
 const cli::Options kEnableOptions{
-    {.name = "--enable",
-     .kind = cli::Kind::kFlag,
-     .help = "Switch the named sensors on first, with the given period or rate (rounded to whole "
-             "milliseconds) and batch; they stay on"},
-    {.name = "--batch",
-     .kind = cli::Kind::kInteger,
-     .value = "N",
-     .help = "Samples that the MCU collects before it reports, with --enable",
-     .max = 100'000},
-};
+    {"--enable", cli::Kind::kFlag, "",
+     "Switch the named sensors on first, with the given period or rate (rounded to whole "
+     "milliseconds) and batch; they stay on"},
+    {"--batch", cli::Kind::kInteger, "N",
+     "Samples that the MCU collects before it reports, with --enable", 0, 100'000}};
 
-WatchLimits LimitsOf(const cli::Arguments& arguments) {
+shdclient::Result<WatchRequest> WatchRequestOf(const cli::Arguments& arguments,
+                                               const std::string& sensors) {
     constexpr double kMsPerSec = 1000;
-    WatchLimits limits;
-    if (arguments.Has("--count")) {
-        limits.max_samples = static_cast<uint64_t>(arguments.Integer("--count"));
-    }
-    if (arguments.Has("--seconds")) {
-        const auto ms = std::llround(arguments.Number("--seconds") * kMsPerSec);
-        limits.duration = std::chrono::milliseconds(std::max(ms, 1LL));
-    }
-    return limits;
-}
-
-shdclient::Result<SamplingRequest> SamplingOf(const cli::Arguments& arguments,
-                                              const std::vector<const SensorInfo*>& sensors) {
-    constexpr double kMsPerSec = 1000;
-    SamplingRequest sampling;
-    sampling.period_ms = arguments.MaybeNumber("--period");
-    if (arguments.Has("--rate")) sampling.period_ms = kMsPerSec / arguments.Number("--rate");
+    WatchRequest request;
+    for (const auto* sensor : arguments.Sensors(sensors)) request.handles.push_back(sensor->handle);
+    request.period_ms = arguments.MaybeNumber("--period");
+    if (const auto hz = arguments.MaybeNumber("--rate")) request.period_ms = kMsPerSec / *hz;
+    request.enable = arguments.Has("--enable");
     if (arguments.Has("--batch")) {
-        sampling.batch = static_cast<int32_t>(arguments.Integer("--batch"));
+        request.batch = static_cast<int32_t>(arguments.Integer("--batch"));
+        if (!request.enable || !request.period_ms) {
+            return WrongUsage("--batch needs --enable and --period or --rate beside it");
+        }
     }
-    sampling.enable = arguments.Has("--enable");
-    sampling.handles = HandlesOf(sensors);
-    if (sampling.batch && !(sampling.enable && sampling.period_ms)) {
-        return WrongUsage("--batch needs --enable and --period or --rate beside it");
-    }
-    if (sampling.enable && sensors.empty()) {
+    if (request.enable && request.handles.empty()) {
         return WrongUsage("--enable needs the sensors to be named");
     }
-    return sampling;
-}
-
-std::vector<int32_t> HandlesOf(const std::vector<const SensorInfo*>& sensors) {
-    std::vector<int32_t> handles;
-    handles.reserve(sensors.size());
-    for (const auto* sensor : sensors) handles.push_back(sensor->handle);
-    return handles;
+    if (arguments.Has("--count")) {
+        request.max_samples = static_cast<uint64_t>(arguments.Integer("--count"));
+    }
+    if (const auto seconds = arguments.MaybeNumber("--seconds")) {
+        request.duration = std::chrono::milliseconds(std::llround(*seconds * kMsPerSec));
+    }
+    return request;
 }
 
 shdclient::Result<std::unique_ptr<EventSink>> MakeView(const Context& context,
-                                                       const SamplingRequest& sampling) {
+                                                       const WatchRequest& request) {
     using View = std::unique_ptr<EventSink>;
     const cli::Arguments& arguments = context.arguments;
     const bool drawable = Terminal().drawable;
@@ -165,7 +117,7 @@ shdclient::Result<std::unique_ptr<EventSink>> MakeView(const Context& context,
     if (csv) return View(std::make_unique<CsvPrinter>());
     if (lines || (!table && !drawable)) return View(std::make_unique<LinePrinter>());
     return View(std::make_unique<TableView>(
-        StatsOptions{.asked_ns = sampling.asked_ns(), .asked_batch = sampling.batch.value_or(0)}));
+        StatsOptions{.asked_ns = request.asked_ns(), .asked_batch = request.batch}));
 }
 
 }  // namespace shdtool

@@ -18,17 +18,12 @@ extern const cli::Options kEnableOptions;  // --enable and --batch beside these
 extern const cli::Options kSensorList;     // SENSOR...
 extern const char* const kTableLegend;     // what the table's columns mean
 
-[[nodiscard]] WatchLimits LimitsOf(const cli::Arguments& arguments);
-
-// Fails when the options need others beside them.
-[[nodiscard]] shdclient::Result<SamplingRequest> SamplingOf(
-    const cli::Arguments& arguments, const std::vector<const shdclient::SensorInfo*>& sensors);
-
-[[nodiscard]] std::vector<int32_t> HandlesOf(
-    const std::vector<const shdclient::SensorInfo*>& sensors);
+// sensors: the name of the option that lists them. Fails when the options need others beside them.
+[[nodiscard]] shdclient::Result<WatchRequest> WatchRequestOf(const cli::Arguments& arguments,
+                                                             const std::string& sensors);
 
 // The sink that shows events as asked. Fails for a plot that has no terminal.
-[[nodiscard]] shdclient::Result<std::unique_ptr<EventSink>> MakeView(
-    const Context& context, const SamplingRequest& sampling);
+[[nodiscard]] shdclient::Result<std::unique_ptr<EventSink>> MakeView(const Context& context,
+                                                                     const WatchRequest& request);
 
 }  // namespace shdtool

@@ -18,42 +18,6 @@ constexpr double kNsPerSec = 1e9;
 constexpr double kNothing = std::numeric_limits<double>::quiet_NaN();
 constexpr size_t kMinStripRows = 3;  // a caption and two rows of the curve
 
-// The range of values that fall into one column of dots.
-struct Span {
-    double low = kNothing;
-    double high = kNothing;
-
-    void Include(double value) {
-        low = std::isnan(low) ? value : std::min(low, value);
-        high = std::isnan(high) ? value : std::max(high, value);
-    }
-};
-
-// A point of the curve, time as a position among the columns of dots.
-struct Dot {
-    double x;
-    double value;
-};
-
-// Adds a piece of the curve to the columns that it crosses; its end alone when there is no start,
-// or when time went backwards.
-void IncludeLine(std::vector<Span>& spans, const Dot& from, const Dot& to) {
-    if (!std::isfinite(to.value)) return;
-    const double width = static_cast<double>(spans.size());
-    const bool connected = std::isfinite(from.value) && from.x < to.x;
-    const double begin = connected ? from.x : to.x;
-    if (to.x < 0 || begin >= width) return;
-    const double slope = connected ? (to.value - from.value) / (to.x - from.x) : 0;
-    const auto first = static_cast<size_t>(std::max(begin, 0.0));
-    const auto last = static_cast<size_t>(std::min(to.x, width - 1));
-    for (size_t x = first; x <= last; ++x) {
-        const double left = std::max(static_cast<double>(x), begin);
-        const double right = std::min(static_cast<double>(x + 1), to.x);
-        spans[x].Include(to.value - slope * (to.x - left));
-        spans[x].Include(to.value - slope * (to.x - right));
-    }
-}
-
 }  // namespace
 
 void PlotStrip::Forget(int64_t before_ns) {
@@ -61,14 +25,17 @@ void PlotStrip::Forget(int64_t before_ns) {
 }
 
 std::pair<double, double> PlotStrip::Scale() const {
-    Span span;
+    double low = std::numeric_limits<double>::infinity();
+    double high = -low;
     for (const Point& point : points_) {
-        if (std::isfinite(point.value)) span.Include(point.value);
+        if (!std::isfinite(point.value)) continue;
+        low = std::min(low, point.value);
+        high = std::max(high, point.value);
     }
-    if (std::isnan(span.low)) return {0, 1};
-    const double least = std::max(std::abs(span.high) * 1e-6, 1e-6);  // a flat line has no range
-    if (span.high - span.low < least) return {span.low - least, span.high + least};
-    return {span.low, span.high};
+    if (low > high) return {0, 1};
+    const double least = std::max(std::abs(high) * 1e-6, 1e-6);  // a flat line has no range
+    if (high - low < least) return {low - least, high + least};
+    return {low, high};
 }
 
 std::string PlotStrip::Caption(double low, double high) const {
@@ -85,22 +52,19 @@ std::vector<std::string> PlotStrip::Draw(int64_t start_ns, int64_t end_ns, size_
                                          size_t rows) const {
     const auto [low, high] = Scale();
     PlotCanvas canvas(columns, rows - 1);
-    std::vector<Span> spans(canvas.width());
     const double dots_per_ns =
         static_cast<double>(canvas.width()) / static_cast<double>(end_ns - start_ns);
-    Dot from{0, kNothing};
+    const double dots_per_unit = static_cast<double>(canvas.height() - 1) / (high - low);
+    std::optional<PlotCanvas::Dot> from;
     for (const Point& point : points_) {
-        const Dot to{static_cast<double>(point.time_ns - start_ns) * dots_per_ns, point.value};
-        IncludeLine(spans, from, to);
+        if (!std::isfinite(point.value)) {
+            from.reset();
+            continue;
+        }
+        const PlotCanvas::Dot to{static_cast<double>(point.time_ns - start_ns) * dots_per_ns,
+                                 (high - point.value) * dots_per_unit};
+        canvas.Line(from && from->x < to.x ? *from : to, to);  // time may go backwards
         from = to;
-    }
-    const double top_dot = static_cast<double>(canvas.height() - 1);
-    const auto dot = [&, low = low, high = high](double value) {
-        return static_cast<size_t>(std::lround((high - value) / (high - low) * top_dot));
-    };
-    for (size_t x = 0; x < spans.size(); ++x) {
-        if (!std::isnan(spans[x].low))
-            canvas.VerticalLine(x, dot(spans[x].low), dot(spans[x].high));
     }
     std::vector<std::string> lines = canvas.Lines(Terminal().utf8);
     lines.insert(lines.begin(), Caption(low, high));
@@ -146,12 +110,6 @@ void PlotView::OnChange(const Delivery& change) {
 void PlotView::Reset() {
     sensors_.clear();
     change_.reset();
-    first_ = 0;
-}
-
-void PlotView::Scroll(int by) {
-    if (by < 0 && first_ > 0) --first_;
-    if (by > 0 && first_ + 1 < Strips().size()) ++first_;
 }
 
 std::vector<const PlotStrip*> PlotView::Strips() const {
@@ -183,15 +141,15 @@ std::vector<Line> PlotView::Page(const WatchState& state, Screen::Size size) {
     }
     const std::vector<const PlotStrip*> strips = Strips();
     const size_t room = size.rows > 1 ? size.rows - 1 : 1;
-    const size_t first = std::min(first_, strips.size());
-    const size_t shown = std::min(strips.size() - first, std::max<size_t>(room / kMinStripRows, 1));
+    const size_t shown =
+        std::min(strips.size() - first(), std::max<size_t>(room / kMinStripRows, 1));
     std::vector<Line> page{{StatusLine(state, shown), Style::kHeading}};
     size_t left = room;
     for (size_t i = 0; i < shown; ++i) {
         const size_t rows = std::clamp<size_t>(left / (shown - i), 2, kMostRows);
         left -= std::min(left, rows);
-        const auto lines = strips[first + i]->Draw(start_ns, state.now_ns,
-                                                   std::max<size_t>(size.columns, 2), rows);
+        const auto lines = strips[first() + i]->Draw(start_ns, state.now_ns,
+                                                     std::max<size_t>(size.columns, 2), rows);
         for (const std::string& line : lines) page.push_back({line});
     }
     return page;

@@ -53,7 +53,7 @@ class PlotView final : public LiveView {
   protected:
     [[nodiscard]] std::vector<Line> Page(const WatchState& state, Screen::Size size) override;
     void Reset() override;
-    void Scroll(int by) override;
+    [[nodiscard]] size_t Count() const override { return Strips().size(); }
 
   private:
     // Of one sensor: how far apart its samples usually are, and its strips, one per axis.
@@ -68,7 +68,6 @@ class PlotView final : public LiveView {
 
     const int64_t window_ns_;
     std::map<int32_t, Sensor> sensors_;  // by handle
-    size_t first_ = 0;                   // strip that is shown
     std::optional<Delivery> change_;     // the last
 };
 

@@ -2,6 +2,7 @@
 #include "tools/shdtool/views/plot_canvas.h"
 
 #include <algorithm>
+#include <cmath>
 
 namespace shdtool {
 namespace {
@@ -27,12 +28,23 @@ char AsciiDots(uint8_t dots) {
 
 }  // namespace
 
-void PlotCanvas::VerticalLine(size_t x, size_t y1, size_t y2) {
-    if (x >= width() || height() == 0) return;
-    const auto [top, bottom] = std::minmax(y1, y2);
-    for (size_t y = top; y <= std::min(bottom, height() - 1); ++y) {
-        const size_t cell = y / kDotsPerRow * columns_ + x / kDotsPerColumn;
-        cells_[cell] |= kDotBits[y % kDotsPerRow][x % kDotsPerColumn];
+void PlotCanvas::Line(Dot from, Dot to) {
+    const double columns = static_cast<double>(width());
+    const double rows = static_cast<double>(height());
+    if (to.x < 0 || from.x >= columns) return;
+    const double slope = to.x > from.x ? (to.y - from.y) / (to.x - from.x) : 0;
+    if (from.x < 0) from = {0, from.y - from.x * slope};
+    if (to.x > columns) to = {columns, to.y - (to.x - columns) * slope};
+    const double steps = std::ceil(std::max(to.x - from.x, std::abs(to.y - from.y)));
+    for (double step = 0; step <= steps; ++step) {
+        const double part = steps > 0 ? step / steps : 0;
+        const double x = std::floor(from.x + (to.x - from.x) * part);
+        const double y = std::round(from.y + (to.y - from.y) * part);
+        if (x >= columns || y < 0 || y >= rows) continue;
+        const auto column = static_cast<size_t>(x);
+        const auto row = static_cast<size_t>(y);
+        cells_[row / kDotsPerRow * columns_ + column / kDotsPerColumn] |=
+            kDotBits[row % kDotsPerRow][column % kDotsPerColumn];
     }
 }
 

@@ -19,9 +19,15 @@ class PlotCanvas {
     [[nodiscard]] size_t width() const { return columns_ * kDotsPerColumn; }  // dots
     [[nodiscard]] size_t height() const { return rows_ * kDotsPerRow; }       // dots
 
-    // Sets the dots of column x from y1 to y2, both included and in any order; 0, 0 is the upper
-    // left corner. Dots outside are left out.
-    void VerticalLine(size_t x, size_t y1, size_t y2);
+    // A place among the dots; 0, 0 is the upper left corner.
+    struct Dot {
+        double x;
+        double y;
+    };
+
+    // Sets the dots between the two, both included; from.x is not above to.x. What lies outside is
+    // left out.
+    void Line(Dot from, Dot to);
 
     // One line per row, without blanks at its end: Braille in UTF-8, or in plain ASCII points where
     // any dot of the upper or the lower half is set.

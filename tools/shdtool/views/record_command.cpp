@@ -1,12 +1,11 @@
-// shdtool record and shdtool replay: events into a file and out of it. Rows of the table of
-// commands.
+// shdtool record: events into a file. A row of the table of commands.
 #include <fmt/core.h>
 
 #include <set>
 
 #include "tools/shdtool/command_table.h"
 #include "tools/shdtool/engine/live_source.h"
-#include "tools/shdtool/engine/recording_source.h"
+#include "tools/shdtool/engine/record_file.h"
 #include "tools/shdtool/views/event_format.h"
 #include "tools/shdtool/views/options.h"
 
@@ -52,16 +51,13 @@ class Recorder final : public EventSink {
 
 Outcome Record(Context& context) {
     const std::string path = context.arguments.Text("FILE");
-    const auto sensors = context.arguments.Sensors("SENSOR");
-    const auto sampling = SamplingOf(context.arguments, sensors);
-    if (!sampling) return sampling.error();
+    const auto request = WatchRequestOf(context.arguments, "SENSOR");
+    if (!request) return request.error();
     auto writer = RecordWriter::Create(path, context.arguments.Has("--force"));
     if (!writer) return writer.error();
-    shdclient::WatchOptions options;
-    options.handles = HandlesOf(sensors);
     Recorder recorder(*writer, context.json);
-    LiveSource source(context.root, options);
-    const auto end = WatchEvents(context, source, *sampling, LimitsOf(context.arguments), recorder);
+    LiveSource source(context.root, request->handles);
+    const auto end = WatchEvents(context, source, *request, recorder);
     if (!end) {
         writer->Discard();
         return end.error();
@@ -83,65 +79,20 @@ Outcome Record(Context& context) {
                    {"bytes", writer->bytes()}}};
 }
 
-Outcome Replay(Context& context) {
-    const auto sensors = context.arguments.Sensors("SENSOR");
-    const auto sampling = SamplingOf(context.arguments, sensors);
-    if (!sampling) return sampling.error();
-    auto reader = RecordReader::Open(context.arguments.Text("FILE"));
-    if (!reader) return reader.error();
-    auto view = MakeView(context, *sampling);
-    if (!view) return view.error();
-    const double speed = context.arguments.Has("--fast") ? 0 : context.arguments.Number("--speed");
-    RecordingSource source(*reader, speed, HandlesOf(sensors));
-    const auto end = WatchEvents(context, source, *sampling, LimitsOf(context.arguments), **view);
-    view->reset();
-    if (!end) return end.error();
-    if (reader->damage()) return *reader->damage();
-    return Report{.text = "", .streamed = true};
-}
-
 const cli::Options kFileToMake{
     {.name = "FILE", .kind = cli::Kind::kNewFile, .help = "The file to be made", .required = true}};
-const cli::Options kRecordingFile{{.name = "FILE",
-                                   .kind = cli::Kind::kFile,
-                                   .help = "A file that record has made",
-                                   .required = true}};
-const cli::Options kForce{
-    {.name = "--force", .kind = cli::Kind::kFlag, .help = "Replace the file when it exists"}};
-const cli::Options kSpeed{
-    {.name = "--speed",
-     .kind = cli::Kind::kNumber,
-     .value = "X",
-     .help = "Play so many times as fast as it was recorded",
-     .min = 0.001,
-     .max = 1e6,
-     .standard = "1",
-     .excludes = "--fast"},
-    {.name = "--fast", .kind = cli::Kind::kFlag, .help = "Play without waiting"},
-};
-
+const cli::Options kForce{{"--force", cli::Kind::kFlag, "", "Replace the file when it exists"}};
 }  // namespace
 
 CommandRows RecordCommands() {
-    return {
-        {{"Events", "record",
-          "Write events and their arrival times to a file, until Ctrl-C; see replay and audit",
-          cli::Joined(
-              {kFileToMake, kSensorList, kLimitOptions, kPeriodOptions, kEnableOptions, kForce}),
-          "",
-          "shdtool record walk.shdrec --seconds 60\n"
-          "shdtool record acc.shdrec accelerometer --rate 100 --enable --count 1000"},
-         Record},
-        {{"Events", "replay",
-          "Show a recording as watch shows events, with their own times (needs no daemon)",
-          cli::Joined(
-              {kRecordingFile, kSensorList, kSpeed, kViewOptions, kLimitOptions, kPeriodOptions}),
-          kTableLegend,
-          "shdtool replay walk.shdrec\n"
-          "shdtool replay walk.shdrec accelerometer --plot --speed 4\n"
-          "shdtool replay walk.shdrec --fast --csv > walk.csv"},
-         Replay},
-    };
+    return {{{"Events", "record",
+              "Write events and their arrival times to a file, until Ctrl-C; see replay and audit",
+              cli::Joined({kFileToMake, kSensorList, kLimitOptions, kPeriodOptions, kEnableOptions,
+                           kForce}),
+              "",
+              "shdtool record walk.shdrec --seconds 60\n"
+              "shdtool record acc.shdrec accelerometer --rate 100 --enable --count 1000"},
+             Record}};
 }
 
 }  // namespace shdtool

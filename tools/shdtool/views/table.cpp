@@ -139,12 +139,6 @@ void TableView::Reset() {
     samples_ = 0;
     resumed_ns_.reset();
     all_silent_ = false;
-    first_ = 0;
-}
-
-void TableView::Scroll(int by) {
-    if (by < 0 && first_ > 0) --first_;
-    if (by > 0 && first_ + 1 < sensors_.size()) ++first_;
 }
 
 void TableView::NoteSilence(int64_t now_ns) {
@@ -222,7 +216,7 @@ std::vector<Line> TableView::Page(const WatchState& state, Screen::Size size) {
     page.emplace_back();
     const size_t kept = page.size() + 2;  // a blank line and the footer
     const size_t rows = std::max<size_t>(size.rows > kept ? size.rows - kept : 0, 3);
-    for (Line& line : TableLines(sensors_, state.now_ns, {size.columns, rows}, first_)) {
+    for (Line& line : TableLines(sensors_, state.now_ns, {size.columns, rows}, first())) {
         page.push_back(std::move(line));
     }
     Line footer = LineBudgetLine(sensors_, state.now_ns);

@@ -36,7 +36,7 @@ class TableView final : public LiveView {
   protected:
     [[nodiscard]] std::vector<Line> Page(const WatchState& state, Screen::Size size) override;
     void Reset() override;
-    void Scroll(int by) override;
+    [[nodiscard]] size_t Count() const override { return sensors_.size(); }
 
   private:
     [[nodiscard]] std::vector<Line> StatusLines(const WatchState& state, size_t columns);
@@ -45,7 +45,6 @@ class TableView final : public LiveView {
 
     const StatsOptions options_;
     StatsMap sensors_;
-    size_t first_ = 0;                 // sensor that is shown
     std::optional<int64_t> start_ns_;  // of the samples counted
     uint64_t samples_ = 0;
     std::optional<int64_t> lost_ns_;  // set while the daemon is away

@@ -1,25 +1,54 @@
-// shdtool watch: shows events as they come. A row of the table of commands.
+// shdtool watch and shdtool replay: show events as they come, and as they came. Rows of the table
+// of commands.
 #include "tools/shdtool/command_table.h"
 #include "tools/shdtool/engine/live_source.h"
+#include "tools/shdtool/engine/recording_source.h"
 #include "tools/shdtool/views/options.h"
 
 namespace shdtool {
 namespace {
 
-Outcome Watch(Context& context) {
-    const auto sensors = context.arguments.Sensors("SENSOR");
-    const auto sampling = SamplingOf(context.arguments, sensors);
-    if (!sampling) return sampling.error();
-    auto view = MakeView(context, *sampling);
+Outcome Show(const Context& context, EventSource& source, const WatchRequest& request) {
+    auto view = MakeView(context, request);
     if (!view) return view.error();
-    shdclient::WatchOptions options;
-    options.handles = HandlesOf(sensors);
-    LiveSource source(context.root, options);
-    const auto end = WatchEvents(context, source, *sampling, LimitsOf(context.arguments), **view);
+    const auto end = WatchEvents(context, source, request, **view);
     view->reset();  // gives the terminal back before anything is said
     if (!end) return end.error();
     return Report{.text = "", .streamed = true};
 }
+
+Outcome Watch(Context& context) {
+    const auto request = WatchRequestOf(context.arguments, "SENSOR");
+    if (!request) return request.error();
+    LiveSource source(context.root, request->handles);
+    return Show(context, source, *request);
+}
+
+Outcome Replay(Context& context) {
+    const auto request = WatchRequestOf(context.arguments, "SENSOR");
+    if (!request) return request.error();
+    auto reader = RecordReader::Open(context.arguments.Text("FILE"));
+    if (!reader) return reader.error();
+    const double speed = context.arguments.Has("--fast") ? 0 : context.arguments.Number("--speed");
+    RecordingSource source(std::move(*reader), speed, request->handles);
+    Outcome shown = Show(context, source, *request);
+    if (shown && source.damage()) return *source.damage();
+    return shown;
+}
+
+const cli::Options kRecordingFile{{.name = "FILE",
+                                   .kind = cli::Kind::kFile,
+                                   .help = "A file that record has made",
+                                   .required = true}};
+const cli::Options kSpeed{{.name = "--speed",
+                           .kind = cli::Kind::kNumber,
+                           .value = "X",
+                           .help = "Play so many times as fast as it was recorded",
+                           .min = 0.001,
+                           .max = 1e6,
+                           .standard = "1",
+                           .excludes = "--fast"},
+                          {"--fast", cli::Kind::kFlag, "", "Play without waiting"}};
 
 }  // namespace
 
@@ -35,6 +64,18 @@ CommandRows WatchCommands() {
           "shdtool watch accelerometer --lines --count 100\n"
           "shdtool watch --csv --seconds 60 > events.csv"},
          Watch}};
+}
+
+CommandRows ReplayCommands() {
+    return {{{"Events", "replay",
+              "Show a recording as watch shows events, with their own times (needs no daemon)",
+              cli::Joined({kRecordingFile, kSensorList, kSpeed, kViewOptions, kLimitOptions,
+                           kPeriodOptions}),
+              kTableLegend,
+              "shdtool replay walk.shdrec\n"
+              "shdtool replay walk.shdrec accelerometer --plot --speed 4\n"
+              "shdtool replay walk.shdrec --fast --csv > walk.csv"},
+             Replay}};
 }
 
 }  // namespace shdtool
