@@ -39,14 +39,8 @@ std::vector<DumpString> FindStrings(ByteSpan dump) {
     return strings;
 }
 
-struct FaultBit {
-    int bit;
-    std::string_view name;
-    std::string_view meaning;
-};
-
 // ARMv7-M Architecture Reference Manual, B3.2.15 and B3.2.16.
-constexpr FaultBit kConfigurableFaults[] = {
+constexpr FaultRegister::Bit kConfigurableFaults[] = {
     {0, "IACCVIOL", "instruction fetch from a forbidden address"},
     {1, "DACCVIOL", "data access to a forbidden address"},
     {3, "MUNSTKERR", "memory fault on return from an exception"},
@@ -67,18 +61,29 @@ constexpr FaultBit kConfigurableFaults[] = {
     {24, "UNALIGNED", "unaligned access"},
     {25, "DIVBYZERO", "division by zero"},
 };
-constexpr FaultBit kHardFaults[] = {
+constexpr FaultRegister::Bit kHardFaults[] = {
     {1, "VECTTBL", "the vector table could not be read"},
     {30, "FORCED", "another fault that could not be handled"},
     {31, "DEBUGEVT", "debug event while debugging is off"},
 };
 
-FaultBits SetBits(uint32_t word, std::span<const FaultBit> table) {
-    FaultBits set;
-    for (const auto& [bit, name, meaning] : table) {
-        if ((word >> bit & 1) != 0) set.emplace_back(name, meaning);
+FaultRegister WithBits(const char* name, uint32_t value,
+                       std::span<const FaultRegister::Bit> table) {
+    FaultRegister made{name, value, true, {}};
+    std::ranges::copy_if(table, std::back_inserter(made.bits),
+                         [value](const auto& bit) { return (value >> bit.number & 1) != 0; });
+    return made;
+}
+
+std::vector<std::pair<uint32_t, uint32_t>> ReturnAddresses(const DumpArea& stack) {
+    std::vector<std::pair<uint32_t, uint32_t>> found;
+    ByteSpan rest = stack.bytes;
+    uint32_t at = stack.address;
+    for (; const auto word = Take<uint32_t>(rest); at += sizeof(uint32_t)) {
+        const bool in_flash = *word - firmware::kFlashBase < firmware::kFlashSizeBytes;
+        if (in_flash && (*word & 1) != 0) found.emplace_back(at, *word);
     }
-    return set;
+    return found;
 }
 
 }  // namespace
@@ -99,6 +104,9 @@ DumpAnalysis AnalyseDump(ByteSpan dump) {
         analysis.areas.push_back({area->address, rest.first(size)});
         rest = rest.subspan(size);
     }
+    if (!analysis.areas.empty()) {
+        analysis.return_addresses = ReturnAddresses(analysis.areas.front());
+    }
     return analysis;
 }
 
@@ -109,23 +117,22 @@ std::string_view ExceptionName(uint32_t exception) {
     return exception > 0 && exception < std::size(kNames) ? kNames[exception] : "no fault";
 }
 
-FaultBits ConfigurableFaults(uint32_t cfsr) {
-    return SetBits(cfsr, kConfigurableFaults);
-}
-
-FaultBits HardFaults(uint32_t hfsr) {
-    return SetBits(hfsr, kHardFaults);
-}
-
-std::vector<std::pair<uint32_t, uint32_t>> ReturnAddresses(const DumpArea& area) {
-    std::vector<std::pair<uint32_t, uint32_t>> found;
-    ByteSpan rest = area.bytes;
-    uint32_t at = area.address;
-    for (; const auto word = Take<uint32_t>(rest); at += sizeof(uint32_t)) {
-        const bool in_flash = *word - firmware::kFlashBase < firmware::kFlashSizeBytes;
-        if (in_flash && (*word & 1) != 0) found.emplace_back(at, *word);
+std::vector<std::pair<std::string, uint32_t>> Registers(const CoreDumpHead& head) {
+    std::vector<std::pair<std::string, uint32_t>> registers;
+    for (size_t i = 0; i < head.general.size(); ++i) {
+        registers.emplace_back(fmt::format("r{}", i), head.general[i]);
     }
-    return found;
+    registers.insert(registers.end(),
+                     {{"sp", head.sp}, {"lr", head.lr}, {"pc", head.pc}, {"xpsr", head.xpsr}});
+    return registers;
+}
+
+std::vector<FaultRegister> FaultRegisters(const CoreDumpHead& head) {
+    return {WithBits("cfsr", head.cfsr, kConfigurableFaults),
+            WithBits("hfsr", head.hfsr, kHardFaults),
+            {"dfsr", head.dfsr, false, {}},
+            {"mmfar", head.mmfar, false, {}},
+            {"bfar", head.bfar, false, {}}};
 }
 
 std::string HexRows(ByteSpan bytes, uint32_t address) {

@@ -30,8 +30,11 @@ struct DumpString {
 struct DumpAnalysis {
     std::optional<firmware::CoreDumpHead> head;  // empty: another layout
     std::vector<DumpArea> areas;                 // the first one is the stack
-    size_t missing_bytes = 0;                    // that the head speaks of
-    std::vector<DumpString> strings;             // at least six printable characters
+    // Words of the stack that can be return addresses: odd and within the part's flash; with the
+    // addresses at which they lie.
+    std::vector<std::pair<uint32_t, uint32_t>> return_addresses;
+    size_t missing_bytes = 0;         // that the head speaks of
+    std::vector<DumpString> strings;  // at least six printable characters
 };
 
 // Takes any bytes. The result points into them.
@@ -40,14 +43,24 @@ struct DumpAnalysis {
 // "hard fault".
 [[nodiscard]] std::string_view ExceptionName(uint32_t exception);
 
-// The names of the bits that are set, as the architecture's manual has them, with their meaning.
-using FaultBits = std::vector<std::pair<std::string_view, std::string_view>>;
-[[nodiscard]] FaultBits ConfigurableFaults(uint32_t cfsr);
-[[nodiscard]] FaultBits HardFaults(uint32_t hfsr);
+// The core's registers by name, in the order of the dump.
+[[nodiscard]] std::vector<std::pair<std::string, uint32_t>> Registers(
+    const firmware::CoreDumpHead& head);
 
-// The words of an area that can be return addresses: odd and within the part's flash; with the
-// addresses at which they lie.
-[[nodiscard]] std::vector<std::pair<uint32_t, uint32_t>> ReturnAddresses(const DumpArea& area);
+// A register of the fault status, and the bits that are set in it as the architecture's manual
+// names them.
+struct FaultRegister {
+    struct Bit {
+        int number;
+        std::string_view name;
+        std::string_view meaning;
+    };
+    const char* name;
+    uint32_t value;
+    bool has_bits;  // else it is an address, or its bits say nothing of the fault
+    std::vector<Bit> bits;
+};
+[[nodiscard]] std::vector<FaultRegister> FaultRegisters(const firmware::CoreDumpHead& head);
 
 // Rows of 16 bytes, each with the address of its first one and their characters, every one with a
 // line end; rows that repeat the one before them are one "*".

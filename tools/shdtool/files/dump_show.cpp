@@ -5,7 +5,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <array>
+#include <cctype>
 
 #include "tools/shdtool/files/dump_analysis.h"
 #include "tools/shdtool/files/dump_text.h"
@@ -19,108 +19,76 @@ using shdclient::Result;
 
 constexpr size_t kMostShown = 12;  // of a list, before "and N more"
 
-// The registers by name, in the order of the dump.
-std::vector<std::pair<std::string, uint32_t>> Registers(const CoreDumpHead& head) {
-    std::vector<std::pair<std::string, uint32_t>> registers;
-    for (size_t i = 0; i < head.general.size(); ++i) {
-        registers.emplace_back(fmt::format("r{}", i), head.general[i]);
-    }
-    registers.insert(registers.end(),
-                     {{"sp", head.sp}, {"lr", head.lr}, {"pc", head.pc}, {"xpsr", head.xpsr}});
-    return registers;
+std::string Upper(std::string text) {
+    std::ranges::transform(text, text.begin(), [](unsigned char c) { return std::toupper(c); });
+    return text;
 }
 
-void AddMore(std::string& text, size_t count) {
-    if (count > kMostShown) text += fmt::format("  and {} more\n", count - kMostShown);
+// As many of the rows as are looked at, and how many more there are.
+std::string FirstRows(const std::vector<std::string>& rows) {
+    const size_t shown = std::min(rows.size(), kMostShown);
+    std::string text;
+    for (size_t i = 0; i < shown; ++i) text += fmt::format("  {}\n", rows[i]);
+    return rows.size() == shown ? text : text + fmt::format("  and {} more\n", rows.size() - shown);
 }
 
-void AddFaults(std::string& text, const char* name, uint32_t word, const FaultBits& bits) {
-    text += fmt::format("  {:<6} 0x{:08x}\n", name, word);
-    for (const auto& [bit, meaning] : bits) text += fmt::format("    {:<12} {}\n", bit, meaning);
-}
-
-std::string HeadText(const CoreDumpHead& head) {
+// Says what the head tells, and adds the same to the fields.
+std::string TellHead(const CoreDumpHead& head, Json& fields) {
     std::string text = fmt::format("{} at pc 0x{:08x}\n", ExceptionName(head.exception), head.pc);
-    AddFaults(text, "CFSR", head.cfsr, ConfigurableFaults(head.cfsr));
-    AddFaults(text, "HFSR", head.hfsr, HardFaults(head.hfsr));
-    AddFaults(text, "DFSR", head.dfsr, {});
-    AddFaults(text, "MMFAR", head.mmfar, {});
-    AddFaults(text, "BFAR", head.bfar, {});
+    Json status;
+    for (const FaultRegister& fault : FaultRegisters(head)) {
+        text += fmt::format("  {:<6} 0x{:08x}\n", Upper(fault.name), fault.value);
+        status.Set(fault.name, fault.value);
+        Json names = Json::List();
+        for (const auto& [number, name, meaning] : fault.bits) {
+            text += fmt::format("    {:<12} {}\n", name, meaning);
+            names.Add(name);
+        }
+        if (fault.has_bits) status.Set(fmt::format("{}_bits", fault.name), names);
+    }
     text += "registers\n";
+    Json registers;
     size_t column = 0;
     for (const auto& [name, value] : Registers(head)) {
         text += fmt::format("  {:<4} 0x{:08x}{}", name, value, ++column % 4 == 0 ? "\n" : "");
+        registers.Set(name, value);
     }
+    fields.Merge({{"exception", ExceptionName(head.exception)},
+                  {"registers", registers},
+                  {"fault_status", status}});
     return text + "\n";
 }
 
-std::string AreasText(const DumpAnalysis& dump, bool hex) {
+std::string TellAreas(const DumpAnalysis& dump, bool hex, Json& fields) {
+    std::vector<std::string> rows;
+    Json addresses = Json::List();
+    for (const auto& [at, value] : dump.return_addresses) {
+        rows.push_back(fmt::format("0x{:08x}: 0x{:08x}, perhaps a return address", at, value));
+        addresses.Add(value);
+    }
     std::string text;
-    const char* name = "stack";
-    for (const DumpArea& area : dump.areas) {
-        text += fmt::format("{} 0x{:08x}, {} bytes\n", name, area.address, area.bytes.size());
-        if (name == std::string_view("stack")) {
-            const auto found = ReturnAddresses(area);
-            for (size_t i = 0; i < std::min(found.size(), kMostShown); ++i) {
-                text += fmt::format("  0x{:08x}: 0x{:08x}, perhaps a return address\n",
-                                    found[i].first, found[i].second);
-            }
-            AddMore(text, found.size());
-        }
-        if (hex) text += HexRows(area.bytes, area.address);
-        name = "memory";
-    }
-    return text;
-}
-
-std::string StringsText(const std::vector<DumpString>& strings) {
-    std::string text = strings.empty() ? "no strings\n" : "strings\n";
-    for (size_t i = 0; i < std::min(strings.size(), kMostShown); ++i) {
-        text += fmt::format("  {:>6}  {}\n", strings[i].offset, strings[i].text);
-    }
-    AddMore(text, strings.size());
-    return text;
-}
-
-Json HeadFields(const CoreDumpHead& head) {
-    Json registers;
-    for (const auto& [name, value] : Registers(head)) registers.Set(name, value);
-    const auto names = [](const FaultBits& bits) {
-        Json list = Json::List();
-        for (const auto& bit : bits) list.Add(bit.first);
-        return list;
-    };
-    return {{"exception", ExceptionName(head.exception)},
-            {"registers", registers},
-            {"fault_status",
-             {{"cfsr", head.cfsr},
-              {"hfsr", head.hfsr},
-              {"dfsr", head.dfsr},
-              {"mmfar", head.mmfar},
-              {"bfar", head.bfar},
-              {"cfsr_bits", names(ConfigurableFaults(head.cfsr))},
-              {"hfsr_bits", names(HardFaults(head.hfsr))}}}};
-}
-
-Json FieldsOf(const std::string& path, ByteSpan bytes, const DumpAnalysis& dump) {
-    Json fields{{"file", path},
-                {"bytes", bytes.size()},
-                {"layout", dump.head ? "simulated firmware" : "unknown"},
-                {"missing_bytes", dump.missing_bytes}};
-    if (dump.head) fields.Merge(HeadFields(*dump.head));
     Json areas = Json::List();
     for (const DumpArea& area : dump.areas) {
+        const bool stack = &area == dump.areas.data();
+        text += fmt::format("{} 0x{:08x}, {} bytes\n", stack ? "stack" : "memory", area.address,
+                            area.bytes.size());
+        if (stack) text += FirstRows(rows);
+        if (hex) text += HexRows(area.bytes, area.address);
         areas.Add({{"address", area.address}, {"bytes", area.bytes.size()}});
     }
-    Json addresses = Json::List();
-    if (!dump.areas.empty()) {
-        for (const auto& [at, value] : ReturnAddresses(dump.areas.front())) addresses.Add(value);
+    fields.Set("areas", areas).Set("return_addresses", addresses);
+    return text;
+}
+
+std::string TellStrings(const std::vector<DumpString>& strings, Json& fields) {
+    std::vector<std::string> rows;
+    Json list = Json::List();
+    for (const auto& [offset, text] : strings) {
+        rows.push_back(fmt::format("{:>6}  {}", offset, text));
+        list.Add({{"offset", offset}, {"text", text}});
     }
-    Json strings = Json::List();
-    for (const DumpString& string : dump.strings) {
-        strings.Add({{"offset", string.offset}, {"text", string.text}});
-    }
-    return fields.Merge({{"areas", areas}, {"return_addresses", addresses}, {"strings", strings}});
+    fields.Set("strings", list);
+    return rows.empty() ? "no strings\n" : "strings\n" + FirstRows(rows);
 }
 
 }  // namespace
@@ -134,20 +102,23 @@ Outcome ShowDump(Context& context, const std::string& path) {
     if (!decoded.damage) bytes = std::move(decoded.bytes);
 
     const DumpAnalysis dump = AnalyseDump(bytes);
-    const bool hex = context.arguments.Has("--hex") || !dump.head;
-    Report report{fmt::format(
-        "{}: {} bytes, {}\n", path, bytes.size(),
-        dump.head ? "in the simulated firmware's layout" : "in no layout that is known")};
+    const bool hex = context.arguments.Has("--hex");
+    Report report{fmt::format("{}: {} bytes, {}\n", path, bytes.size(),
+                              dump.head ? "in the simulated firmware's layout"
+                                        : "in no layout that is known"),
+                  {{"file", path},
+                   {"bytes", bytes.size()},
+                   {"layout", dump.head ? "simulated firmware" : "unknown"},
+                   {"missing_bytes", dump.missing_bytes}}};
+    if (dump.head) report.text += TellHead(*dump.head, report.fields);
+    report.text += TellAreas(dump, hex, report.fields) + TellStrings(dump.strings, report.fields);
+    if (!dump.head) report.text += HexRows(bytes, 0);
+    report.text.pop_back();
     if (dump.missing_bytes > 0) {
         report.complaint =
             fmt::format("{} is cut off: {} bytes are missing", path, dump.missing_bytes);
         report.exit_status = kExitRefused;
     }
-    if (dump.head) report.text += HeadText(*dump.head) + AreasText(dump, hex);
-    report.text += StringsText(dump.strings);
-    if (!dump.head) report.text += HexRows(bytes, 0);
-    report.text.pop_back();
-    report.fields = FieldsOf(path, bytes, dump);
     return report;
 }
 

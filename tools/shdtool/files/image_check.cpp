@@ -106,6 +106,13 @@ std::string Sha256(std::span<const uint8_t> bytes) {
 
 }  // namespace
 
+std::vector<std::string> ImageReport::wrong() const {
+    std::vector<std::string> all = faults;
+    all.insert(all.end(), refusals.begin(), refusals.end());
+    if (!size_fault.empty()) all.push_back(size_fault);
+    return all;
+}
+
 ImageReport ExamineImage(std::span<const uint8_t> file) {
     const firmware::Image parsed = firmware::ParseImage(file);
     const mcu_head& header = parsed.header;

@@ -31,14 +31,11 @@ struct ImageReport {
     std::string size_fault;                    // what the daemon notices only after the erase
     std::vector<std::string> notes;            // oddities that do no harm
 
-    [[nodiscard]] bool good() const {
-        return faults.empty() && refusals.empty() && size_fault.empty();
-    }
-    // What matters most of what is wrong; empty when it is good.
-    [[nodiscard]] std::string worst() const {
-        if (!faults.empty()) return faults.front();
-        return refusals.empty() ? size_fault : refusals.front();
-    }
+    // All that is wrong, what matters most first.
+    [[nodiscard]] std::vector<std::string> wrong() const;
+    [[nodiscard]] bool good() const { return wrong().empty(); }
+    // Empty when it is good.
+    [[nodiscard]] std::string worst() const { return good() ? "" : wrong().front(); }
 };
 
 // Never fails: what makes an image useless stands in the report.

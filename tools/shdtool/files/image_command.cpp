@@ -25,52 +25,53 @@ using shdclient::Error;
 using shdclient::ErrorCode;
 using shdclient::Result;
 
-std::string TextOf(const std::string& path, const ImageReport& image) {
-    std::string text = fmt::format("{}: {} bytes\n", path, image.file_size);
-    auto out = std::back_inserter(text);
-    fmt::format_to(out, "  sha256      {}\n", image.sha256);
-    fmt::format_to(out, "  magic       0x{:08x}\n", image.magic);
-    fmt::format_to(out, "  header_len  {}\n", image.header_len);
-    fmt::format_to(out, "  image_size  {}\n", image.image_size);
-    fmt::format_to(out, "  version     {}\n", Printable(image.version));
-    fmt::format_to(out, "  board code  {}\n", Printable(image.board_code));
-    if (image.vectors) {
-        fmt::format_to(out, "  stack       0x{:08x}\n", image.vectors->stack_top);
-        fmt::format_to(out, "  reset       0x{:08x}\n", image.vectors->reset);
-    }
-    fmt::format_to(out, "  firmware    {}",
-                   image.firmware_version.empty()
-                       ? "not the simulated MCU's, or damaged"
-                       : "simulated MCU, version " + Printable(image.firmware_version));
-    const OutputStyle style = StandardOutputStyle();
-    const auto add = [&](std::string_view head, const std::string& line) {
-        fmt::format_to(out, "\n{}{}", head, style.Fit(line, head.size()));
+// What is shown of an image: a row of the text, a field of the object.
+struct Row {
+    const char* label;
+    const char* field;
+    std::string text;
+    Json value;
+};
+
+std::vector<Row> RowsOf(const ImageReport& image) {
+    const auto hex = [](uint32_t word) { return fmt::format("0x{:08x}", word); };
+    const std::string version = Printable(image.version);
+    const std::string board = Printable(image.board_code);
+    const std::string simulated = Printable(image.firmware_version);
+    const bool known = image.vectors.has_value();
+    const auto [stack, reset] = image.vectors.value_or(firmware::Vectors{});
+    return {
+        {"sha256", "sha256", image.sha256, image.sha256},
+        {"magic", "magic", hex(image.magic), image.magic},
+        {"header_len", "header_len", std::to_string(image.header_len), image.header_len},
+        {"image_size", "image_size", std::to_string(image.image_size), image.image_size},
+        {"version", "version", version, version},
+        {"board code", "board_code", board, board},
+        {"stack", "stack_pointer", known ? hex(stack) : "none", known ? Json(stack) : Json()},
+        {"reset", "reset_vector", known ? hex(reset) : "none", known ? Json(reset) : Json()},
+        {"firmware", "firmware_version",
+         simulated.empty() ? "not the simulated MCU's, or damaged"
+                           : "simulated MCU, version " + simulated,
+         simulated},
     };
-    for (const std::string& note : image.notes) add("  note: ", note);
-    for (const std::string& fault : image.faults) add("  FAULT: ", fault);
-    for (const std::string& refusal : image.refusals) add("  FAULT: ", refusal);
-    if (!image.size_fault.empty()) add("  FAULT: ", image.size_fault);
-    return text + (image.good() ? "\nThe image is good." : "\nThe image is NOT good.");
 }
 
 Report ReportOf(const std::string& path, const ImageReport& image) {
-    Report report{
-        .text = TextOf(path, image),
-        .fields = {{"file", path},
-                   {"file_size", image.file_size},
-                   {"sha256", image.sha256},
-                   {"magic", image.magic},
-                   {"header_len", image.header_len},
-                   {"image_size", image.image_size},
-                   {"version", Printable(image.version)},
-                   {"board_code", Printable(image.board_code)},
-                   {"firmware_version", Printable(image.firmware_version)},
-                   {"stack_pointer", image.vectors ? Json(image.vectors->stack_top) : Json()},
-                   {"reset_vector", image.vectors ? Json(image.vectors->reset) : Json()},
-                   {"faults", Json::List(image.faults)},
-                   {"size_fault", image.size_fault},
-                   {"notes", Json::List(image.notes)},
-                   {"refusals", Json::List(image.refusals)}}};
+    Report report{fmt::format("{}: {} bytes", path, image.file_size),
+                  {{"file", path}, {"file_size", image.file_size}}};
+    for (const auto& [label, field, text, value] : RowsOf(image)) {
+        report.text += fmt::format("\n  {:<11} {}", label, text);
+        report.fields.Set(field, value);
+    }
+    const OutputStyle style = StandardOutputStyle();
+    for (const std::string& note : image.notes) report.text += "\n  note: " + style.Fit(note, 8);
+    for (const std::string& fault : image.wrong())
+        report.text += "\n  FAULT: " + style.Fit(fault, 9);
+    report.text += image.good() ? "\nThe image is good." : "\nThe image is NOT good.";
+    report.fields.Merge({{"faults", Json::List(image.faults)},
+                         {"size_fault", image.size_fault},
+                         {"notes", Json::List(image.notes)},
+                         {"refusals", Json::List(image.refusals)}});
     if (image.good()) return report;
     report.exit_status = kExitRefused;
     report.complaint = fmt::format("{} is not good: {}", path, image.worst());
