@@ -83,6 +83,10 @@ void ParseSettings(RecordedStep& step, Words words) {
     settings.even_parity = words[1] == "8e1";
 }
 
+void ParseGate(RecordedStep&, Words words) {
+    Require(words[0] == "go", "a gate is opened by go");
+}
+
 struct Form {
     std::string_view sign;
     StepKind kind;
@@ -95,13 +99,14 @@ constexpr Form kForms[] = {
     {"<", StepKind::kMcuBytes, 1, ParseHostBytes},
     {"!", StepKind::kPin, 2, ParsePin},
     {"@", StepKind::kClocks, 2, ParseClocks},
+    {"?", StepKind::kGate, 1, ParseGate},
     {"%", StepKind::kSettings, 2, ParseSettings},
 };
 
 RecordedStep ParseStep(const std::string& text) {
     constexpr const char* kWhat =
-        "a step is TIME > BYTES, TIME < BYTES, TIME ! PIN LEVEL, TIME @ WALL BOOT or "
-        "TIME % SPEED FORMAT";
+        "a step is TIME > BYTES, TIME < BYTES, TIME ! PIN LEVEL, TIME ? go, "
+        "TIME @ WALL BOOT or TIME % SPEED FORMAT";
     std::istringstream stream(text);
     const std::vector<std::string> words{std::istream_iterator<std::string>(stream), {}};
     Require(words.size() >= 3, kWhat);

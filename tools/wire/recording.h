@@ -24,6 +24,7 @@ enum class StepKind {
     kMcuBytes,   // "0.311555 < 01010f00...": these were handed over to it
     kPin,        // "4.811030 ! reset 0": the host has put one of the MCU's pins to this level
     kClocks,     // "0.000000 @ 1763892030.123456 12345.678901": wall clock and boot clock just now
+    kGate,       // "0.311555 ? go": none recorded by itself; a player waits here for its tester
     kSettings,   // "4.911102 % 115200 8e1": speed, and even parity with the eighth bit stripped
 };
 

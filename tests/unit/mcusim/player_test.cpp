@@ -95,6 +95,18 @@ TEST(Player, AHostThatIsAheadWaitsForNoPause) {
     EXPECT_EQ(playing.Next(), 2010);
 }
 
+TEST(Player, AGateHoldsBackWhatNobodyAskedFor) {
+    Playing playing(
+        "0.100 < 0400000000626f6f74c0ff7e\n0.100 ? go\n0.100 > 01000f00ad637e\n"
+        "0.110 < 01010f0053494d51437e\n0.150 < 0102100001020304aaaa7e\n");
+    EXPECT_EQ(playing.Next(), 100);
+    playing.Host(1s, "01000f00ad637e");
+    EXPECT_EQ(playing.Next(), 1010) << "an answer waits for no gate";
+    EXPECT_EQ(playing.Next(), -1);
+    playing.player->Go();
+    EXPECT_EQ(playing.Next(), 1050);
+}
+
 TEST(Player, WhatTheHostDoesOtherwiseIsNamedWithItsLine) {
     constexpr const char* kRequests =
         "1 > 000000ccc67e\n2 > 01000f00ad637e\n3 > 01001000f4757e\n4 > 010011002c6c7e\n";

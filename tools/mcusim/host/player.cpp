@@ -58,6 +58,9 @@ Player::Player(const std::vector<RecordedStep>& steps, TimePoint max_gap, Compla
             case StepKind::kHostBytes:
                 AddHostBytes(step, bootloader);
                 break;
+            case StepKind::kGate:
+                ++all_gates_;
+                break;
             case StepKind::kMcuBytes:
                 AddPart(step, pause, bootloader);
                 break;
@@ -77,7 +80,7 @@ void Player::AddHostBytes(const RecordedStep& step, bool bootloader) {
 }
 
 void Player::AddPart(const RecordedStep& step, TimePoint pause, bool bootloader) {
-    Part part{step.at, pause, demands_.size(), all_resets_, std::nullopt, step.bytes};
+    Part part{step.at, pause, demands_.size(), all_resets_, all_gates_, std::nullopt, step.bytes};
     if (bootloader && !demands_.empty()) part.answers = demands_.size() - 1;
     for (size_t i = 0; i < step.bytes.size() && !bootloader; ++i) {
         const uint8_t byte = step.bytes[i];
@@ -165,6 +168,7 @@ std::optional<TimePoint> Player::NextDue() const {
         const Demand& demand = demands_[*part.answers];
         return demand.came + (part.recorded - demand.recorded);
     }
+    if (gates_ < part.gates) return std::nullopt;
     return met_ > part.demands ? last_ : last_ + std::min(part.pause, max_gap_);
 }
 

@@ -18,7 +18,7 @@ namespace mcusim {
 // Each part of what the MCU said is sent when everything that the host did before it has come. An
 // answer keeps its time after its request, since the host's limits depend on that; what the MCU
 // says unasked follows what went before at the recorded distance, but at most max_gap later, and
-// at once when the host is ahead of it.
+// at once when the host is ahead of it; behind a gate not before the tester has opened that.
 class Player : public FarEnd {
   public:
     // Called with the recording's line and what the host did otherwise there.
@@ -33,6 +33,8 @@ class Player : public FarEnd {
     [[nodiscard]] std::optional<Burst> TakeOutput(TimePoint now) override;
     [[nodiscard]] std::optional<TimePoint> NextDue() const override;
     void SetStalled(size_t) override {}
+    // Opens the next gate.
+    void Go() { ++gates_; }
 
     // The host has done, and has been told, everything.
     [[nodiscard]] bool complete() const;
@@ -54,6 +56,7 @@ class Player : public FarEnd {
         TimePoint pause;                // since the step before it
         size_t demands;                 // of the host that must have come before
         size_t resets;                  // likewise
+        size_t gates;                   // that must be open, unless it answers
         std::optional<size_t> answers;  // the demand
         Bytes bytes;
     };
@@ -70,6 +73,7 @@ class Player : public FarEnd {
     std::vector<Demand> demands_;
     std::vector<Part> parts_;
     size_t all_resets_ = 0;
+    size_t all_gates_ = 0;
 
     FrameReader reader_;  // of the host, in the recording and then in the replay
     Bytes reply_;         // the MCU's frame in progress, in the recording
@@ -79,6 +83,7 @@ class Player : public FarEnd {
     bool byte_differed_ = false;
     size_t resets_ = 0;
     bool reset_high_ = true;
+    size_t gates_ = 0;
     size_t sent_ = 0;    // parts
     TimePoint last_{0};  // when the latest of all these came or went
     int differences_ = 0;

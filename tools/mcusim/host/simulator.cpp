@@ -116,7 +116,8 @@ std::string Simulator::Answer(const std::string& line) {
     }
     if (line == "stats") return "ok " + player_->Stats();
     quit_ = line == "quit";
-    return quit_ ? "ok" : "error: a recording is played; it takes stats and quit";
+    if (line == "go") player_->Go();
+    return quit_ || line == "go" ? "ok" : "error: a recording is played; it takes go, stats, quit";
 }
 
 void Simulator::PrepareFlash(const SimulatorOptions& options) {
