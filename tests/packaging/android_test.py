@@ -6,7 +6,7 @@ import re
 import sys
 import unittest
 
-from project import ROOT, PackagingCase, System, compare, read, reasons
+from project import ROOT, PackagingCase, System, compare, open_to_others, read, reasons
 
 SYSTEM = System()
 DAEMON = "/system/bin/shd"
@@ -24,7 +24,8 @@ COMMANDS = {
     "mkdir": rf"/\S+ {MODE} {ID} {ID}", "chown": rf"{ID} {ID} /\S+", "chmod": rf"{MODE} /\S+",
     "write": r"/\S+ \S+",
 }
-TRIGGERS = {"post-fs-data", "boot"}
+STOPPED = "property:init.svc.shd=stopped"
+TRIGGERS = {"post-fs-data", "boot", STOPPED}
 
 
 class Rc:
@@ -71,12 +72,14 @@ def check_rc(text):
         complaints.append(f"service: not shd in {DAEMON}")
     sockets = [arguments.split() for word, arguments in rc.options if word == "socket"]
     complaints += compare("socket", [s[0] for s in sockets], SYSTEM.sockets)
-    complaints += [f"socket: {s[0]} is open to others or no stream" for s in sockets
-                   if s[1] != "stream" or s[2] != "0660"]
+    complaints += [f"socket: {s[0]} is no stream" for s in sockets if s[1] != "stream"]
+    for path, mode in [s[:3:2] for s in sockets] + [c[2].split()[:2][::step] for c in rc.commands
+                       for word, step in (("mkdir", 1), ("chmod", -1)) if c[1] == word]:
+        complaints += open_to_others(path, mode)
     complaints += compare("mkdir", rc.paths("mkdir", 0), SYSTEM.directories)
     complaints += compare("chown", rc.paths("chown", 2), SYSTEM.control_files)
     complaints += compare("chmod", rc.paths("chmod", 1), SYSTEM.control_files)
-    for trigger in ("boot", "onrestart"):
+    for trigger in ("boot", "onrestart", STOPPED):
         if (trigger, "write", f"{SYSTEM.low_power} 1") not in rc.commands:
             complaints.append(f"{trigger}: the low-power file is not given back")
     complaints += compare("write", rc.paths("write", 0), {SYSTEM.low_power})
@@ -84,6 +87,10 @@ def check_rc(text):
     for word in OPTIONS:
         if word not in options:
             complaints.append(f"service: no {word}")
+    if len(options) + len(SYSTEM.sockets) - 1 != len(rc.options):
+        complaints.append("service: an option twice")
+    if (options.get("user"), options.get("capabilities")) != ("system", ""):
+        complaints.append("service: more rights than those of the user system")
     return complaints + reasons("shd.rc", text)
 
 
@@ -92,12 +99,14 @@ def check_ueventd(text):
     complaints = compare("ueventd", [line[0] for line in lines], {SYSTEM.uart})
     complaints += [f"ueventd: {line} is no PATH MODE USER GROUP" for line in lines
                    if not re.fullmatch(rf"/dev/\S+ {MODE} {ID} {ID}", " ".join(line))]
+    for line in lines if not complaints else []:
+        complaints += open_to_others("ueventd", line[1])
     return complaints + reasons("ueventd", text)
 
 
 def check_contexts(files, genfs=None):
-    genfs = read("android/sepolicy/genfs_contexts") if genfs is None else genfs
-    declared = set(re.findall(r"^type (\w+)", read("android/sepolicy/types.te"), re.M))
+    genfs = read("android/sepolicy/private/genfs_contexts") if genfs is None else genfs
+    declared = set(re.findall(r"^type (\w+)", read("android/sepolicy/private/types.te"), re.M))
     complaints, labels = [], []
     for name, text in (("file_contexts", files), ("genfs_contexts", genfs)):
         for line in text.splitlines():
@@ -241,6 +250,11 @@ def check_bp(text, database):
     daemon = {s for s in all_sources
               if not s.startswith(("tools/", "tests/", "bench/", "platform/host/"))}
     complaints += compare("shd", sources(by_name["shd"]), daemon)
+    headers = set(re.findall(r"#include <(android|cutils|utils)/", "".join(map(read, daemon))
+                             + read("platform/log.h")))
+    libraries = {"android": "liblog", "cutils": "libcutils", "utils": "libutils"}
+    complaints += compare("shd: shared_libs", by_name["shd"].get("shared_libs", []),
+                          [libraries[name] for name in headers])
     complaints += compare("libshdclient", sources(by_name["libshdclient"]),
                           {s for s in all_sources if s.startswith("tools/client/")})
     tests = compiled(database, "/shd_unit_tests.dir/", "/shd_test_support.dir/")
@@ -265,7 +279,13 @@ class Android(PackagingCase):
             ("mkdir /data/mcudumplog", "mkdir /data/mcudump", "mkdir: /data/mcudumplog is missing"),
             ("mkdir /data/logdata ", "mkdir /data/else ", "mkdir: the code knows no /data/else"),
             ("chmod 0220 /proc/mcu/gpio_mcu_reset\n", "\n", "chmod: /proc/mcu/gpio_mcu_reset is"),
-            ("shddata stream 0660", "shddata stream 0666", "socket: shddata is open to others"),
+            ("shddata stream 0660", "shddata stream 0666", "shddata: is open to others"),
+            ("0220 /proc/mcusleep/lpm", "0222 /proc/mcusleep/lpm", "lpm: is open to others"),
+            ("0770 system system\n\n", "0777 system system\n\n", "sensor: is open to others"),
+            ("user system", "user root", "more rights than those of the user system"),
+            ("capabilities\n", "capabilities SYS_RAWIO\n", "more rights than those of the user"),
+            ("    class main", "    user root\n    class main", "an option twice"),
+            ("svc.shd=stopped", "svc.hub=stopped", "unknown section on property:init.svc.hub"),
             ("socket shdctl", "socket shdcontrol", "socket: shdctl is missing"),
             ("onrestart write", "# onrestart write", "onrestart: the low-power file is not given"),
             ("wake.cpp: Sensor", "wake.cpp: Sensors", "wake.cpp has no SensorsWake"),
@@ -276,10 +296,11 @@ class Android(PackagingCase):
         self.breaks(check_ueventd, "android/ueventd.shd.rc", [
             ("/dev/ttyHSL1 ", "/dev/ttyHSL2 ", "ueventd: /dev/ttyHSL1 is missing"),
             ("0660", "rw", "is no PATH MODE USER GROUP"),
+            ("0660", "0666", "ueventd: is open to others"),
         ])
 
     def test_contexts(self):
-        path = "android/sepolicy/file_contexts"
+        path = "android/sepolicy/private/file_contexts"
         self.assertEqual(check_contexts(read(path)), [])
         self.breaks(check_contexts, path, [
             ("/dev/socket/shdctl ", "/dev/socket/shd ", "contexts: /dev/socket/shdctl is missing"),
@@ -288,11 +309,11 @@ class Android(PackagingCase):
             ("shd_dump_file", "shd_dumps", "nobody declares the type shd_dumps"),
             ("u:object_r:shd_exec", "object_r:shd_exec", "not understood"),
         ])
-        genfs = "android/sepolicy/genfs_contexts"
+        genfs = "android/sepolicy/private/genfs_contexts"
         self.breaks(lambda text: check_contexts(read(path), text), genfs, [
             ("/mcusleep ", "/mcuwake ", "contexts: /proc/mcusleep/lpm is missing"),
         ])
-        path = "android/sepolicy/property_contexts"
+        path = "android/sepolicy/private/property_contexts"
         self.assertEqual(check_properties(read(path)), [])
         self.breaks(check_properties, path, [
             ("mcu.version", "mcu.release", "persist.mcu.version is missing"),
@@ -301,8 +322,8 @@ class Android(PackagingCase):
         ])
 
     def test_every_rule_names_the_code_that_needs_it(self):
-        self.assertEqual(check_rules(read("android/sepolicy/shd.te")), [])
-        self.breaks(check_rules, "android/sepolicy/shd.te", [
+        self.assertEqual(check_rules(read("android/sepolicy/private/shd.te")), [])
+        self.breaks(check_rules, "android/sepolicy/private/shd.te", [
             ("OpenImage", "OpenFirmware", "update_mcu/firmware_image.cpp has no OpenFirmware"),
             ("# update_mcu/gpio.cpp: ", "# for the lines, ", "names no code that needs it"),
         ])
@@ -319,6 +340,7 @@ class Android(PackagingCase):
             ("tests/unit/core_test", "tests/unit/main_test", "tests/unit/core_test.cpp is missing"),
             ("android/shd.rc", "android/init.rc", "there is no android/init.rc"),
             ("rtti: false,", "rtti: ,", "is no value"),
+            ('"liblog",', "", "shd: shared_libs: liblog is missing"),
             ('"libutils",\n    ],', '"libutils",\n', "init_rc is no value"),
         ])
 

@@ -3,7 +3,7 @@
 # hold: with one right too many, or one type too few, it must be refused. Called by ctest.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
-policy=android/sepolicy
+policy=android/sepolicy/private
 base=tests/packaging/sepolicy
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
@@ -12,7 +12,7 @@ trap 'rm -rf "$work"' EXIT
 compile() {
     {
         m4 "$base/begin.te"
-        cat "$policy/attributes"
+        cat android/sepolicy/public/attributes
         sed -E "$1" "$policy/types.te" "$policy/shd.te" | m4 "$base/begin.te" - | sed '1,/^type hal_/d'
         cat "$base/end.te" "$policy/genfs_contexts"
     } >"$work/policy.conf"

@@ -46,6 +46,11 @@ def compare(what, have, want):
             [f"{what}: the code knows no {name}" for name in sorted(have - want)])
 
 
+def open_to_others(where, mode):
+    """A complaint where a mode, as octal text, lets in more than owner and group."""
+    return [f"{where}: is open to others"] if int(mode, 8) & 7 else []
+
+
 REASON = re.compile(r"([\w/]+\.(?:cpp|h|rc)): (\w+(?:, \w+)*)")
 
 
