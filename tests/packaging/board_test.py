@@ -11,10 +11,11 @@ import sys
 import tempfile
 import unittest
 
-from project import ROOT, PackagingCase, System, compare, read, reasons
+from project import ROOT, PackagingCase, System, compare, open_to_others, read, reasons
 
 SYSTEM = System()
 PROPERTIES = "/data/property"
+REQUEST_BYTES = 80  # of an open request: its record, its node, what malloc adds
 MAX_EXPOSURE = 30  # tenths, of systemd-analyze security
 # What a unit grants; everything else in it only takes away.
 GRANTS = ("DeviceAllow", "ReadWritePaths", "RestrictAddressFamilies", "LimitCORE", "LimitNOFILE",
@@ -50,6 +51,10 @@ def check_service(text):
                       ("Restart", ["on-failure"])):
         if values(key) != want:
             complaints.append(f"shd.service: {key} is not {want}")
+    most = int(re.search(r"kMaxOpenRequests = (\d+)", read("sockets/control_server.h"))[1])
+    needed = int("".join(values("LimitNOFILE"))) * most * REQUEST_BYTES >> 20
+    if int(values("MemoryMax")[0].removesuffix("M")) <= needed:
+        complaints.append(f"shd.service: MemoryMax is below the {needed}M of all open requests")
     for key, value, comment in found:
         if f"{key}={value}".startswith(GRANTS):
             complaints += reasons(f"shd.service: {key}={value}", comment)
@@ -75,6 +80,9 @@ def check_tmpfiles(text):
     complaints = compare("tmpfiles: d", set(paths("d")) - {"/data"},
                          SYSTEM.directories | SYSTEM.calibration | {PROPERTIES})
     complaints += compare("tmpfiles: z", paths("z"), SYSTEM.control_files)
+    for line in lines:
+        if line[0] == "z" or line[1].startswith(("/data/m", "/data/l", "/nv")):
+            complaints += open_to_others(f"tmpfiles: {line[1]}", line[2])
     complaints += compare("tmpfiles: w", paths("w"), [SYSTEM.low_power])
     return complaints + reasons("tmpfiles", text)
 
@@ -100,6 +108,8 @@ class Board(PackagingCase):
             ("DeviceAllow=/dev/ttyHSL1", "DeviceAllow=/dev/ttyS1", "DeviceAllow: /dev/ttyHSL1 is"),
             ("Paths=/nvdata", "Paths=/nvram", "ReadWritePaths: /nvdata is missing"),
             ("Paths=/data/logdata", "Paths=/data", "ReadWritePaths: the code knows no /data"),
+            ("MemoryMax=128M", "MemoryMax=64M", "MemoryMax is below"),
+            ("NOFILE=256", "NOFILE=2048", "MemoryMax is below"),
             ("ExitStatus=255", "ExitStatus=254", "RestartPreventExitStatus is not"),
             ("BoundingSet=", "BoundingSet=CAP_KILL", "CapabilityBoundingSet is not"),
             ("shd-data.socket\n# The dir", "\n# The dir", "Sockets: shd-data.socket is missing"),
@@ -121,6 +131,8 @@ class Board(PackagingCase):
         self.breaks(check_tmpfiles, path, [
             ("/data/mcudumplog ", "/data/dumps ", "tmpfiles: d: /data/mcudumplog is missing"),
             ("z /proc/mcu/gpio_mcu_reset", "#", "tmpfiles: z: /proc/mcu/gpio_mcu_reset is missing"),
+            ("2750 shd  sensors", "2755 shd  sensors", "tmpfiles: /data/mcudumplog: is open to others"),
+            ("0220 root", "0222 root", "tmpfiles: /proc/mcusleep/sleep: is open to others"),
             ("w /proc/mcusleep/lpm", "w /proc/mcusleep/sleep", "tmpfiles: w: /proc/mcusleep/lpm"),
         ])
 
@@ -148,18 +160,13 @@ class Board(PackagingCase):
             (root / f"usr/lib/{tool}.d/shd.conf").write_text(read(f"packaging/{tool}.conf"))
         self.run_tool("systemd-sysusers", f"--root={root}", "shd.conf")
         self.run_tool("systemd-tmpfiles", f"--root={root}", "--create", "shd.conf")
-        ids = {name: {line.split(":")[0]: int(line.split(":")[2])
-                      for line in (root / f"etc/{name}").read_text().splitlines()}
-               for name in ("passwd", "group")}
-        for line in read("packaging/tmpfiles.conf").splitlines():
-            if line[:2] not in ("d ", "z "):
-                continue
-            _, path, mode, user, group, _ = line.split()
+        shd = int(re.search(r"^shd:x:(\d+):", (root / "etc/passwd").read_text(), re.M)[1])
+        shd_group = int(re.search(r"^shd:x:(\d+):", (root / "etc/group").read_text(), re.M)[1])
+        for path in SYSTEM.directories | SYSTEM.calibration | {PROPERTIES}:
+            self.assertEqual(os.stat(root / path[1:]).st_uid, shd, path)
+        for path in SYSTEM.control_files:
             status = os.stat(root / path[1:])
-            with self.subTest(path=path):
-                self.assertEqual(oct(stat.S_IMODE(status.st_mode)), oct(int(mode, 8)))
-                self.assertEqual(status.st_uid, ids["passwd"].get(user, 0))
-                self.assertEqual(status.st_gid, ids["group"].get(group, 0))
+            self.assertEqual((status.st_gid, stat.S_IMODE(status.st_mode)), (shd_group, 0o220), path)
         self.assertEqual((root / SYSTEM.low_power[1:]).read_text(), "1")
 
     def test_each_socket_keeps_its_name_whatever_their_order(self):
