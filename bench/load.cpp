@@ -1,0 +1,128 @@
+// The load generator: runs programs side by side, each on a line and with clients of its own, and
+// measures them in turn, round by round. Prints one line of JSON for each program and round, for
+// scripts/bench.
+#include <fmt/format.h>
+#include <sys/resource.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <exception>
+#include <filesystem>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "bench/subject.h"
+
+namespace {
+
+struct Options {
+    Binaries binaries;
+    std::string directory;
+    std::vector<std::string> programs{"shd", "relay"};
+    int clients = 1;
+    int samples = 1;
+    int frames = 0;
+    int requests = 0;
+    int rounds = 1;
+    int64_t interval_us = 0;
+    double hold_s = 0;
+    int baud = 115200;
+};
+
+// The figure below which that share of them lies.
+int64_t Quantile(std::vector<int64_t>& times, double share) {
+    if (times.empty()) return 0;
+    const auto at = static_cast<size_t>(share * static_cast<double>(times.size() - 1));
+    std::nth_element(times.begin(), times.begin() + static_cast<ptrdiff_t>(at), times.end());
+    return times[at];
+}
+
+void MeasureRound(Subject& subject, const Options& options, int round) {
+    std::vector<int64_t> times;
+    const Usage before = subject.Measure();
+    const int64_t start = NowNs();
+    for (int i = 0; i < options.frames; ++i) {
+        const auto due = start + i * options.interval_us * 1000;
+        if (options.interval_us > 0 && due > NowNs()) {
+            std::this_thread::sleep_for(std::chrono::nanoseconds(due - NowNs()));
+        }
+        times.push_back(subject.Pass());
+    }
+    for (int i = 0; i < options.requests; ++i) times.push_back(subject.Request());
+    std::this_thread::sleep_for(std::chrono::duration<double>(options.hold_s));
+    const int64_t wall_ns = NowNs() - start;
+    const Usage after = subject.Measure();
+    const nlohmann::json result = {
+        {"program", subject.name()},
+        {"round", round},
+        {"clients", options.clients},
+        {"samples", options.samples},
+        {"delivered", int64_t{options.frames} * options.samples * options.clients},
+        {"line_bytes", options.frames * static_cast<int64_t>(subject.frame_size())},
+        {"cpu_ns", after.cpu_ns - before.cpu_ns},
+        {"switches", after.switches - before.switches},
+        {"private_kib", after.private_kib},
+        {"wall_ns", wall_ns},
+        {"median_ns", Quantile(times, 0.5)},
+        {"p99_ns", Quantile(times, 0.99)},
+        {"startup_ns", subject.startup_ns()},
+    };
+    fmt::print("{}\n", result.dump());
+    std::fflush(stdout);
+}
+
+void Run(const Options& options) {
+    std::vector<std::unique_ptr<Subject>> subjects;
+    for (const std::string& program : options.programs) {
+        subjects.push_back(std::make_unique<Subject>(program, options.directory + "/" + program,
+                                                     options.binaries, options.samples));
+        if (options.requests > 0) {
+            subjects.back()->StartOnSimulator(options.baud);
+        } else {
+            subjects.back()->Start();
+            subjects.back()->ConnectClients(options.clients);
+        }
+    }
+    for (int round = 0; round < options.rounds; ++round) {
+        for (const auto& subject : subjects) MeasureRound(*subject, options, round);
+        std::ranges::reverse(subjects);  // none is always measured right after the same other
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Options options;
+    CLI::App app("Measures the daemon and others under load");
+    app.add_option("--shd", options.binaries.shd)->required();
+    app.add_option("--relay", options.binaries.relay)->required();
+    app.add_option("--mcusim", options.binaries.mcusim)->required();
+    app.add_option("--directory", options.directory, "an empty one; short")->required();
+    app.add_option("--programs", options.programs, "shd, relay, relay256, ser2net, gpsd");
+    app.add_option("--clients", options.clients);
+    app.add_option("--samples", options.samples, "to a frame");
+    app.add_option("--frames", options.frames, "to a round, each awaited before the next");
+    app.add_option("--requests", options.requests, "to a round, against mcusim");
+    app.add_option("--baud", options.baud, "of mcusim's line; 0: bytes take no time");
+    app.add_option("--rounds", options.rounds);
+    app.add_option("--interval-us", options.interval_us, "from frame to frame; 0: none");
+    app.add_option("--hold", options.hold_s, "seconds without load at the end of a round");
+    CLI11_PARSE(app, argc, argv);
+
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+    try {
+        Run(options);
+    } catch (const std::exception& failure) {
+        fmt::print(stderr, "shd_load: {}\n", failure.what());
+        return 1;
+    }
+    return 0;
+}
