@@ -29,7 +29,7 @@ struct Options {
     int frames = 0;
     int requests = 0;
     int rounds = 1;
-    int64_t interval_us = 0;
+    int64_t line_rate = 0;  // bytes a second; 0: each frame as soon as the last one has arrived
     double hold_s = 0;
     int baud = 115200;
 };
@@ -46,9 +46,10 @@ void MeasureRound(Subject& subject, const Options& options, int round) {
     std::vector<int64_t> times;
     const Usage before = subject.Measure();
     const int64_t start = NowNs();
+    const auto frame_bytes = static_cast<int64_t>(subject.frame_size());
     for (int i = 0; i < options.frames; ++i) {
-        const auto due = start + i * options.interval_us * 1000;
-        if (options.interval_us > 0 && due > NowNs()) {
+        if (options.line_rate > 0) {
+            const int64_t due = start + i * frame_bytes * 1'000'000'000 / options.line_rate;
             std::this_thread::sleep_for(std::chrono::nanoseconds(due - NowNs()));
         }
         times.push_back(subject.Pass());
@@ -63,7 +64,7 @@ void MeasureRound(Subject& subject, const Options& options, int round) {
         {"clients", options.clients},
         {"samples", options.samples},
         {"delivered", int64_t{options.frames} * options.samples * options.clients},
-        {"line_bytes", options.frames * static_cast<int64_t>(subject.frame_size())},
+        {"line_bytes", options.frames * frame_bytes},
         {"cpu_ns", after.cpu_ns - before.cpu_ns},
         {"switches", after.switches - before.switches},
         {"private_kib", after.private_kib},
@@ -110,7 +111,7 @@ int main(int argc, char** argv) {
     app.add_option("--requests", options.requests, "to a round, against mcusim");
     app.add_option("--baud", options.baud, "of mcusim's line; 0: bytes take no time");
     app.add_option("--rounds", options.rounds);
-    app.add_option("--interval-us", options.interval_us, "from frame to frame; 0: none");
+    app.add_option("--line-rate", options.line_rate, "bytes a second; 0: no pauses");
     app.add_option("--hold", options.hold_s, "seconds without load at the end of a round");
     CLI11_PARSE(app, argc, argv);
 

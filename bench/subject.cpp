@@ -4,10 +4,8 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -15,8 +13,6 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <csignal>
-#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -29,8 +25,8 @@
 #include "protocol/event.h"
 #include "protocol/system.h"
 #include "tools/client/local_socket.h"
-#include "tools/mcusim/line/frame.h"
-#include "tools/mcusim/line/packet.h"
+#include "tools/wire/frame.h"
+#include "tools/wire/packet.h"
 
 namespace {
 
@@ -42,10 +38,6 @@ constexpr milliseconds kGlance{1};
 constexpr milliseconds kSettle{300};  // nothing comes any more
 constexpr uint8_t kAccelerometer = 16;
 constexpr size_t kSampleBytes = 6;
-
-void Check(bool ok, std::string_view what) {
-    if (!ok) throw std::runtime_error(fmt::format("{}: {}", what, strerror(errno)));
-}
 
 void Await(std::string_view what, const std::function<bool()>& condition) {
     const auto deadline = std::chrono::steady_clock::now() + kPatience;
@@ -92,13 +84,13 @@ void Drain(int fd) {
 }
 
 // The answer of an MCU that says yes to everything: status 0, or its version's text.
-std::vector<uint8_t> AnswerTo(const mcusim::Request& request) {
-    std::vector<uint8_t> data = {mcusim::kStatusOk};
-    if (request.service == mcusim::kServiceVersion) {
+std::vector<uint8_t> AnswerTo(const wire::Request& request) {
+    std::vector<uint8_t> data = {wire::kStatusOk};
+    if (request.service == wire::kServiceVersion) {
         data.clear();
-        mcusim::AppendText(data, "SIM.900.0001");
+        wire::AppendText(data, "SIM.900.0001");
     }
-    return mcusim::EncodeFrame(mcusim::BuildReply(request, data));
+    return wire::EncodeFrame(wire::BuildReply(request, data));
 }
 
 // A true heading of a compass: a sentence of NMEA 0183 that changes nothing in gpsd.
@@ -113,59 +105,6 @@ std::string Sentence(int number) {
 
 int64_t NowNs() {
     return std::chrono::steady_clock::now().time_since_epoch() / std::chrono::nanoseconds(1);
-}
-
-Child::Child(std::vector<std::string> command, const std::string& errors) {
-    command.insert(command.begin(), "env");
-    std::vector<char*> arguments;
-    for (std::string& argument : command) arguments.push_back(argument.data());
-    arguments.push_back(nullptr);
-    const pid_t parent = getpid();
-    pid_ = fork();
-    Check(pid_ >= 0, "fork");
-    if (pid_ > 0) return;
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent) _exit(1);
-    const int null = open("/dev/null", O_RDWR);
-    dup2(null, STDIN_FILENO);
-    dup2(null, STDOUT_FILENO);
-    dup2(open(errors.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0666), STDERR_FILENO);
-    execvp(arguments[0], arguments.data());
-    _exit(127);
-}
-
-Child& Child::operator=(Child&& other) noexcept {
-    std::swap(pid_, other.pid_);
-    return *this;
-}
-
-Child::~Child() {
-    if (pid_ < 0) return;
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-}
-
-Usage Child::Measure() const {
-    const std::string process = fmt::format("/proc/{}", pid_);
-    Usage usage;
-    for (const auto& task : fs::directory_iterator(process + "/task")) {
-        int64_t run_ns = 0;
-        std::ifstream(task.path() / "schedstat") >> run_ns;
-        usage.cpu_ns += run_ns;
-        std::ifstream status(task.path() / "status");
-        for (std::string line; std::getline(status, line);) {
-            if (line.find("ctxt_switches:") != std::string::npos) {
-                usage.switches += std::stoll(line.substr(line.find(':') + 1));
-            }
-        }
-    }
-    std::ifstream memory(process + "/smaps_rollup");
-    for (std::string line; std::getline(memory, line);) {
-        if (line.starts_with("Private_")) {
-            usage.private_kib += std::stoll(line.substr(line.find(':') + 1));
-        }
-    }
-    return usage;
 }
 
 Subject::Subject(std::string name, std::string directory, Binaries binaries, int samples)
@@ -187,7 +126,7 @@ void Subject::BuildFrame(int samples) {
     } else {
         std::vector<uint8_t> bytes(static_cast<size_t>(samples) * kSampleBytes);
         for (uint8_t& byte : bytes) byte = static_cast<uint8_t>(random() & 0xFF);
-        frame_ = mcusim::EncodeFrame(mcusim::BuildReport(kAccelerometer, bytes));
+        frame_ = wire::EncodeFrame(wire::BuildReport(kAccelerometer, bytes));
     }
     const bool records = name_ != "gpsd" && name_ != "ser2net";
     share_ = records ? static_cast<size_t>(samples) * sizeof(shd::SensorEvent) : frame_.size();
@@ -262,7 +201,7 @@ void Subject::AwaitDaemon() {
 }
 
 void Subject::AnswerRequests(int reply_fd) {
-    mcusim::FrameReader reader;
+    wire::FrameReader reader;
     std::array<pollfd, 2> fds = {{{reply_fd, POLLIN, 0}, {near_.get(), POLLIN, 0}}};
     while (true) {
         const auto patience = static_cast<int>(kPatience.count());
@@ -272,7 +211,7 @@ void Subject::AnswerRequests(int reply_fd) {
         const ssize_t count = read(near_.get(), buffer.data(), buffer.size());
         for (ssize_t i = 0; i < count; ++i) {
             const auto packet = reader.Push(buffer[static_cast<size_t>(i)]);
-            const auto request = packet ? mcusim::ParseRequest(*packet) : std::nullopt;
+            const auto request = packet ? wire::ParseRequest(*packet) : std::nullopt;
             if (!request) continue;
             const auto answer = AnswerTo(*request);
             Check(write(near_.get(), answer.data(), answer.size()) > 0, "answer");

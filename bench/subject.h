@@ -3,42 +3,17 @@
 // gets for it. The load generator makes one of each and drives them in turn.
 #pragma once
 
-#include <sys/types.h>
-
 #include <cstdint>
 #include <string>
-#include <utility>
 #include <vector>
 
+#include "bench/child.h"
 #include "platform/unique_fd.h"
 
 struct Binaries {
     std::string shd;
     std::string relay;
     std::string mcusim;
-};
-
-// What a process has used since it was started, all its threads together.
-struct Usage {
-    int64_t cpu_ns = 0;
-    int64_t switches = 0;  // of context, voluntary and not
-    int64_t private_kib = 0;
-};
-
-// A child process, killed at destruction or when this process ends. An empty one is none.
-class Child {
-  public:
-    Child() = default;
-    // errors: the file for its standard error.
-    Child(std::vector<std::string> command, const std::string& errors);
-    Child(Child&& other) noexcept : pid_(std::exchange(other.pid_, -1)) {}
-    Child& operator=(Child&& other) noexcept;
-    ~Child();
-
-    [[nodiscard]] Usage Measure() const;
-
-  private:
-    pid_t pid_ = -1;
 };
 
 // Methods throw std::runtime_error when what they wait for does not come.

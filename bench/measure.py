@@ -1,0 +1,190 @@
+#!/usr/bin/env python3
+"""Measures the daemon beside the relay and its neighbours and writes the page about it.
+
+Run by scripts/bench, and with --quick by ctest: then everything runs once and briefly, the figures
+are not judged, and programs that are not installed are left out."""
+
+import argparse
+import concurrent.futures
+import json
+import os
+import pathlib
+import re
+import shutil
+import subprocess
+import sys
+import tempfile
+import time
+
+import page
+
+SOURCE = pathlib.Path(__file__).resolve().parent.parent
+LINE_RATE = 11520  # bytes a second that 115,200 bit/s carry
+FIXED_PAUSES_MS = 2012  # the reset pulse, and the application's time to start behind it
+GPSD_MAX_CLIENTS = 64  # a constant of gpsd
+CLIENTS = (1, 8, 64, 256, 512)
+SAMPLES = (1, 10, 100, 240)
+
+
+class Plan:
+    """How much of everything; --quick only proves that it runs."""
+
+    def __init__(self, quick):
+        self.quick = quick
+        self.clients = (1, 8) if quick else CLIENTS
+        self.samples = (10,) if quick else SAMPLES
+        self.rounds = 1 if quick else 7
+        self.deliveries = 2_000 if quick else 150_000  # to a round
+        self.latency_frames = 20 if quick else 800
+        self.requests = 10 if quick else 200
+        self.hold_s = 0.2 if quick else 10
+        self.soak_rounds = 2 if quick else 10
+        self.soak_frames = 5 if quick else 4167  # of 240 samples: a million events to a round
+        self.full_line_frames = 20 if quick else 500
+        self.updates = 0 if quick else 3
+        self.codec = ("0.01", "2") if quick else ("0.1", "15")
+
+
+class Bench:
+    def __init__(self, bin_dir, plan):
+        self.bin = bin_dir
+        self.plan = plan
+        self.neighbours = [name for name in ("ser2net", "gpsd") if which(name)]
+        self.startups_ms = []
+
+    def load(self, programs, rounds, **options):
+        """Rounds of each program: {program: [figures of a round]}."""
+        command = [self.bin / "shd_load", "--rounds", str(rounds)]
+        for name in ("shd", "relay", "mcusim"):
+            command += [f"--{name}", self.bin / ("shd_relay" if name == "relay" else name)]
+        for name, value in options.items():
+            command += ["--" + name.replace("_", "-"), str(value)]
+        # A local socket's path is short, so its directory is not the build's.
+        with tempfile.TemporaryDirectory(prefix="shd-bench-", dir="/tmp") as directory:
+            command += ["--directory", directory, "--programs", *programs]
+            run = subprocess.run(command, stdout=subprocess.PIPE, timeout=300, check=True, text=True)
+        rounds_of = {name: [] for name in programs}
+        for line in run.stdout.splitlines():
+            figures = json.loads(line)
+            rounds_of[figures["program"]].append(figures)
+        if rounds_of.get("shd") and rounds_of["shd"][0]["startup_ns"]:
+            self.startups_ms.append(rounds_of["shd"][0]["startup_ns"] / 1e6)
+        return rounds_of
+
+    def codec(self):
+        seconds, repetitions = self.plan.codec
+        command = [self.bin / "frame_codec_bench", "--benchmark_format=json",
+                   "--benchmark_enable_random_interleaving=true",
+                   "--benchmark_min_time=" + seconds, "--benchmark_repetitions=" + repetitions]
+        if not command[0].exists():
+            return None
+        output = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, check=True)
+        times = {}
+        for row in json.loads(output.stdout)["benchmarks"]:
+            if row["run_type"] == "iteration":
+                times.setdefault(row["name"].split("/")[0], []).append(row["cpu_time"])
+        return times
+
+    def cost(self, clients, samples):
+        frames = max(5, self.plan.deliveries // (clients * samples))
+        programs = ["shd", "relay"] + [name for name in self.neighbours
+                                       if name != "gpsd" or clients <= GPSD_MAX_CLIENTS]
+        return self.load(programs, self.plan.rounds, clients=clients, samples=samples, frames=frames)
+
+    def latency(self, clients):
+        return self.load(["shd", "relay", *self.neighbours], self.plan.rounds, clients=clients,
+                         frames=self.plan.latency_frames, line_rate=LINE_RATE)
+
+    def control(self, baud):
+        return self.load(["shd", "relay"], self.plan.rounds, baud=baud, requests=self.plan.requests)
+
+    def full_line(self):
+        return self.load(["shd", "relay", "relay256"], self.plan.rounds, samples=10,
+                         frames=self.plan.full_line_frames, line_rate=LINE_RATE)
+
+    def idle(self):
+        return self.load(["shd", "relay", *self.neighbours], 1, clients=min(64, max(self.plan.clients)),
+                         hold=self.plan.hold_s)
+
+    def soak(self):
+        return self.load(["shd"], self.plan.soak_rounds, samples=240, frames=self.plan.soak_frames)
+
+    def update(self):
+        """One update: (ms, the line's minimum in ms, stm32flash's ms)."""
+        script = SOURCE / "tests/integration/update_timing.sh"
+        output = subprocess.run([script, self.bin, "200"], stdout=subprocess.PIPE, check=True, text=True)
+        shd = re.search(r"shd: (\d+) ms; .* need (\d+) ms", output.stdout)
+        other = re.search(r"stm32flash: (\d+) ms", output.stdout)
+        return int(shd[1]), int(shd[2]), int(other[1])
+
+    def run(self):
+        plan = self.plan
+        jobs = {("cost", clients, 10): (self.cost, clients, 10) for clients in plan.clients}
+        jobs |= {("cost", 8, samples): (self.cost, 8, samples) for samples in plan.samples}
+        jobs |= {("latency", clients): (self.latency, clients) for clients in plan.clients
+                 if clients in (1, 64)}
+        jobs |= {("control", baud): (self.control, baud) for baud in (115200, 0)}
+        for name in ("codec", "full_line", "idle", "soak"):
+            jobs[(name,)] = (getattr(self, name),)
+        jobs |= {("update", i): (self.update,) for i in range(plan.updates)}
+
+        def measure(key):
+            if not plan.quick:
+                print(time.strftime("%H:%M:%S"), *key, flush=True)
+            function, *arguments = jobs[key]
+            return function(*arguments)
+
+        # What measures has the machine for itself.
+        with concurrent.futures.ThreadPoolExecutor(8 if plan.quick else 1) as pool:
+            results = dict(zip(jobs, pool.map(measure, jobs)))
+        results[("startups_ms",)] = self.startups_ms
+        return results
+
+
+def which(program):
+    return shutil.which(program, path=os.environ.get("PATH", "") + ":/usr/sbin:/sbin")
+
+
+def machine():
+    def package(name):
+        query = ["dpkg-query", "-W", "-f", "${Version}", name]
+        return subprocess.run(query, capture_output=True, text=True).stdout or "not installed"
+
+    def output(*command):
+        return subprocess.run(command, capture_output=True, text=True, cwd=SOURCE).stdout.strip()
+
+    model = re.search(r"model name\s*: (.*)", pathlib.Path("/proc/cpuinfo").read_text())
+    return {
+        "processor": model[1] if model else os.uname().machine,
+        "cores": os.cpu_count(),
+        "kernel": f"{os.uname().sysname} {os.uname().release} {os.uname().machine}",
+        "load": os.getloadavg()[0],
+        "day": time.strftime("%Y-%m-%d"),
+        "commit": output("git", "rev-parse", "--short", "HEAD"),
+        "packages": {name: package(name) for name in ("g++", "gpsd", "ser2net", "stm32flash")},
+    }
+
+
+def main():
+    parser = argparse.ArgumentParser(description="measure, and write the page")
+    parser.add_argument("--bin", type=pathlib.Path, required=True, help="the programs' directory")
+    parser.add_argument("--output", type=pathlib.Path, required=True, help="the pages' directory")
+    parser.add_argument("--quick", action="store_true", help="run everything briefly")
+    options = parser.parse_args()
+    os.environ["PATH"] = os.environ.get("PATH", "") + ":/usr/sbin:/sbin"
+    facts = machine()
+    bench = Bench(options.bin.resolve(), Plan(options.quick))
+    started = time.monotonic()
+    results = bench.run()
+    facts["minutes"] = (time.monotonic() - started) / 60
+    options.output.mkdir(parents=True, exist_ok=True)
+    (options.output / "performance.json").write_text(
+        json.dumps({" ".join(map(str, key)): value for key, value in results.items()}))
+    rows = page.write(results, facts, FIXED_PAUSES_MS, options.output)
+    insane = [row.goal for row in rows if not row.is_sane()]
+    if insane:
+        sys.exit("bench: not possible: " + "; ".join(insane))
+
+
+if __name__ == "__main__":
+    main()
