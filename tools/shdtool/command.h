@@ -5,6 +5,7 @@
 #include <chrono>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "tools/cli/arguments.h"
@@ -52,12 +53,19 @@ struct Context {
     void Warn(const std::string& text);
 };
 
-// A row of the table of commands. A group of commands has neither function.
+// A row of the table of commands: one that runs by itself, one that asks the hub and shows the
+// answer, or the head of a group, which does neither.
 struct Command {
+    using Run = Outcome (*)(Context& context);
+    using Ask = Outcome (*)(shdclient::HubClient& hub, Context& context);
+
+    Command(cli::Command its_line, Run function) : line(std::move(its_line)), run(function) {}
+    Command(cli::Command its_line, Ask function) : line(std::move(its_line)), ask(function) {}
+    Command(cli::Command its_line) : line(std::move(its_line)) {}
+
     cli::Command line;
-    Outcome (*run)(Context& context) = nullptr;
-    // Of a command that asks the hub and shows the answer.
-    Outcome (*ask)(shdclient::HubClient& hub, Context& context) = nullptr;
+    Run run = nullptr;
+    Ask ask = nullptr;
 };
 
 // Runs a command and prints its outcome. Errors go to standard error as "shdtool: MESSAGE"; with

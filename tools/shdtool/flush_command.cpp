@@ -124,7 +124,6 @@ CommandRows FlushCommands() {
               "The hub sends the event also when the MCU refused the flush or did not answer; "
               "whether samples came tells more.",
               "shdtool flush accelerometer"},
-             nullptr,
              Flush}};
 }
 

@@ -109,7 +109,6 @@ CommandRows McuCommands() {
             .standard = "0"}},
           "",
           "shdtool version\nshdtool version 2"},
-         nullptr,
          ShowVersion},
         {{kHeading,
           "loglevel",
@@ -117,7 +116,6 @@ CommandRows McuCommands() {
           {Number("LEVEL", "0 to 5", 5)},
           "The level is kept for later starts of the daemon.",
           "shdtool loglevel 3"},
-         nullptr,
          SetLogLevel},
         {{kHeading,
           "rawdata",
@@ -126,7 +124,6 @@ CommandRows McuCommands() {
           "The logs are /data/logdata/sensor/alg.txt (steps) and hrm.txt (heart). Data comes while "
           "the step counter or the heart-rate sensor is enabled; off deletes both files.",
           "shdtool rawdata both && shdtool enable heart-rate"},
-         nullptr,
          SetRawData},
         {{kHeading,
           "health",
@@ -136,7 +133,6 @@ CommandRows McuCommands() {
           "Only the MCU knows what the four numbers mean; it receives their low 8, 8, 16 and 16 "
           "bits.",
           "shdtool health 1 30 175 70"},
-         nullptr,
          SetHealth},
         {{kHeading,
           "datetime",
@@ -147,7 +143,6 @@ CommandRows McuCommands() {
             .words = "now"}},
           "",
           "shdtool datetime\nshdtool datetime 1500000000"},
-         nullptr,
          SetDateTime},
         {{kHeading,
           "debug",
@@ -155,7 +150,6 @@ CommandRows McuCommands() {
           {Choice("STATE", "on off", "on or off")},
           "The choice is kept for later starts of the daemon.",
           "shdtool debug on"},
-         nullptr,
          SetDebug},
         {{kHeading,
           "sleep",
@@ -163,7 +157,6 @@ CommandRows McuCommands() {
           {},
           kNoReply,
           "shdtool sleep"},
-         nullptr,
          NotifySleep},
         {{kHeading,
           "wakeup",
@@ -171,7 +164,6 @@ CommandRows McuCommands() {
           {},
           kNoReply,
           "shdtool wakeup"},
-         nullptr,
          NotifyWakeup},
     };
 }

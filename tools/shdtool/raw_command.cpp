@@ -89,7 +89,6 @@ CommandRows RawCommands() {
                {.name = "HEX", .help = "Up to 16 argument bytes", .repeated = true}},
               "A negative number goes behind --, as in: shdtool raw -- 0 -1",
               "shdtool raw 0 0\nshdtool raw 5 10 14 00 00 00 05 00 00 00"},
-             nullptr,
              Raw}};
 }
 

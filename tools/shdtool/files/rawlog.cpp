@@ -11,20 +11,19 @@ namespace {
 
 // What a line of each kind looks like: its words with a number behind each, then perhaps a time.
 struct LineForm {
-    RawLogKind kind;
-    std::string_view name;
     std::string_view pattern;  // '#' stands for a number
     bool has_time;
     size_t first_column;  // of its values, behind line, kind and time
 };
 
-constexpr std::array<LineForm, kRawLogKinds> kForms{{
-    {RawLogKind::kSteps, "steps", "steps #", true, 0},
-    {RawLogKind::kHeartRate, "heart-rate", "bpm # status #", true, 1},
-    {RawLogKind::kAcc, "acc", "1 # # #", false, 3},
-    {RawLogKind::kPpg, "ppg", "5 # # # # #", false, 6},
-    {RawLogKind::kBegin, "begin", "heartrate begin", true, 0},
-    {RawLogKind::kEnd, "end", "heartrate end", true, 0},
+// In the order of kRawLogKinds.
+constexpr std::array<LineForm, kRawLogKinds.size()> kForms{{
+    {"steps #", true, 0},
+    {"bpm # status #", true, 1},
+    {"1 # # #", false, 3},
+    {"5 # # # # #", false, 6},
+    {"heartrate begin", true, 0},
+    {"heartrate end", true, 0},
 }};
 
 constexpr std::array<std::string_view, 11> kValueColumns{
@@ -65,17 +64,14 @@ std::optional<RawLogLine> ParseRawLogLine(std::string_view text) {
     std::string_view time = has_time ? text.substr(mark + kTimeMark.size()) : "";
     time = time.substr(0, time.find_last_not_of(' ') + 1);
     if (!time.empty() && !IsTime(time)) return std::nullopt;
-    for (const LineForm& form : kForms) {
-        RawLogLine line{form.kind, time, {}, 0};
+    for (size_t kind = 0; kind < kForms.size(); ++kind) {
+        RawLogLine line{kind, time, {}, 0};
+        const LineForm& form = kForms[kind];
         if (form.has_time == has_time && Match(form.pattern, text.substr(0, mark), line)) {
             return line;
         }
     }
     return std::nullopt;
-}
-
-std::string_view RawLogKindName(RawLogKind kind) {
-    return kForms[static_cast<size_t>(kind)].name;
 }
 
 std::string RawLogCsvHeader() {
@@ -84,9 +80,9 @@ std::string RawLogCsvHeader() {
 
 std::string RawLogCsvRow(size_t line_number, const RawLogLine& line) {
     std::array<std::string, kValueColumns.size()> cells;
-    const size_t first = kForms[static_cast<size_t>(line.kind)].first_column;
+    const size_t first = kForms[line.kind].first_column;
     for (size_t i = 0; i < line.value_count; ++i) cells[first + i] = std::to_string(line.values[i]);
-    return fmt::format("{},{},{},{}", line_number, RawLogKindName(line.kind), line.time,
+    return fmt::format("{},{},{},{}", line_number, kRawLogKinds[line.kind], line.time,
                        fmt::join(cells, ","));
 }
 

@@ -10,20 +10,14 @@
 
 namespace shdtool {
 
-enum class RawLogKind : uint8_t {
-    kSteps,      // values: steps
-    kHeartRate,  // values: bpm, status
-    kAcc,        // values: x, y, z, in the MCU's own unit
-    kPpg,        // values: five channels
-    kBegin,      // a heart-rate recording begins
-    kEnd,        // and ends
-};
-
-inline constexpr size_t kRawLogKinds = 6;
+// steps has the count; heart-rate bpm and status; acc x, y and z in the MCU's own unit; ppg five
+// channels; begin and end are those of a heart-rate recording, without values.
+inline constexpr std::array<std::string_view, 6> kRawLogKinds{"steps", "heart-rate", "acc",
+                                                              "ppg",   "begin",      "end"};
 inline constexpr size_t kMaxRawLogValues = 5;
 
 struct RawLogLine {
-    RawLogKind kind;
+    size_t kind;            // place in kRawLogKinds
     std::string_view time;  // "11-16 10:05:09", empty when the line has none; into the parsed text
     std::array<int32_t, kMaxRawLogValues> values{};
     size_t value_count = 0;
@@ -31,9 +25,6 @@ struct RawLogLine {
 
 // Parses one line without its line end; empty when the daemon cannot have written it.
 [[nodiscard]] std::optional<RawLogLine> ParseRawLogLine(std::string_view line);
-
-// "steps", "heart-rate", "acc", "ppg", "begin" or "end".
-[[nodiscard]] std::string_view RawLogKindName(RawLogKind kind);
 
 // The columns of the table and one line of it, without a line end: the kind, the time where the
 // line has one, and each value in the column of its own.

@@ -2,8 +2,9 @@
 // commands; it needs no daemon.
 #include <fmt/format.h>
 
-#include <cstdio>
+#include <algorithm>
 #include <string>
+#include <vector>
 
 #include "tools/shdtool/command_table.h"
 #include "tools/shdtool/files/file_io.h"
@@ -13,7 +14,7 @@ namespace shdtool {
 namespace {
 
 struct Summary {
-    std::array<size_t, kRawLogKinds> lines{};
+    std::array<size_t, kRawLogKinds.size()> lines{};
     std::string first_time;
     std::string last_time;
     size_t bad_lines = 0;
@@ -22,7 +23,7 @@ struct Summary {
 };
 
 void Count(const RawLogLine& line, Summary& summary) {
-    ++summary.lines[static_cast<size_t>(line.kind)];
+    ++summary.lines[line.kind];
     if (line.time.empty()) return;
     if (summary.first_time.empty()) summary.first_time = line.time;
     summary.last_time = line.time;
@@ -32,10 +33,9 @@ void CountBad(size_t number, std::string_view text, Summary& summary) {
     constexpr size_t kShownCharacters = 40;
     if (++summary.bad_lines > 1) return;
     summary.first_bad_line = number;
-    for (const char c : text.substr(0, kShownCharacters)) {
-        const bool printable = c >= ' ' && c <= '~';
-        summary.first_bad_text += printable ? c : '?';
-    }
+    summary.first_bad_text = text.substr(0, kShownCharacters);
+    std::ranges::replace_if(
+        summary.first_bad_text, [](char c) { return c < ' ' || c > '~'; }, '?');
 }
 
 Summary ReadLog(std::string_view content, bool csv) {
@@ -57,30 +57,29 @@ Summary ReadLog(std::string_view content, bool csv) {
     return summary;
 }
 
-std::string SummaryText(const std::string& path, const Summary& summary) {
-    std::string text = path + ":";
-    for (size_t i = 0; i < kRawLogKinds; ++i) {
-        text += fmt::format("{} {} {}", i > 0 ? "," : "", summary.lines[i],
-                            RawLogKindName(static_cast<RawLogKind>(i)));
-    }
-    if (!summary.first_time.empty()) {
-        text += fmt::format(" lines, from {} to {}", summary.first_time, summary.last_time);
-    }
-    return text;
-}
-
-Json SummaryFields(const std::string& path, const Summary& summary) {
+Report ReportOf(const std::string& path, const Summary& summary) {
+    std::vector<std::string> counts;
     Json lines;
-    for (size_t i = 0; i < kRawLogKinds; ++i) {
-        lines.Set(RawLogKindName(static_cast<RawLogKind>(i)), summary.lines[i]);
+    for (size_t i = 0; i < kRawLogKinds.size(); ++i) {
+        counts.push_back(fmt::format("{} {}", summary.lines[i], kRawLogKinds[i]));
+        lines.Set(kRawLogKinds[i], summary.lines[i]);
     }
-    Json fields{{"file", path},
-                {"lines", lines},
-                {"first_time", summary.first_time},
-                {"last_time", summary.last_time},
-                {"bad_lines", summary.bad_lines}};
-    if (summary.bad_lines > 0) fields.Set("first_bad_line", summary.first_bad_line);
-    return fields;
+    Report report{fmt::format("{}: {}", path, fmt::join(counts, ", ")),
+                  {{"file", path},
+                   {"lines", lines},
+                   {"first_time", summary.first_time},
+                   {"last_time", summary.last_time},
+                   {"bad_lines", summary.bad_lines}}};
+    if (!summary.first_time.empty()) {
+        report.text += fmt::format(" lines, from {} to {}", summary.first_time, summary.last_time);
+    }
+    if (summary.bad_lines == 0) return report;
+    report.fields.Set("first_bad_line", summary.first_bad_line);
+    report.exit_status = kExitRefused;
+    report.complaint =
+        fmt::format("{}: {} of its lines are no raw-data lines, first line {}: {}", path,
+                    summary.bad_lines, summary.first_bad_line, summary.first_bad_text);
+    return report;
 }
 
 Outcome ShowRawLog(Context& context) {
@@ -88,15 +87,9 @@ Outcome ShowRawLog(Context& context) {
     const bool csv = context.arguments.Has("--csv");
     const auto content = ReadWholeFile(path);
     if (!content) return content.error();
-    const Summary summary = ReadLog(*content, csv);
-    Report report{.text = csv ? "" : SummaryText(path, summary),
-                  .fields = SummaryFields(path, summary),
-                  .streamed = csv};
-    if (summary.bad_lines == 0) return report;
-    report.exit_status = kExitRefused;
-    report.complaint =
-        fmt::format("{}: {} of its lines are no raw-data lines, first line {}: {}", path,
-                    summary.bad_lines, summary.first_bad_line, summary.first_bad_text);
+    Report report = ReportOf(path, ReadLog(*content, csv));
+    report.streamed = csv;
+    if (csv) report.text.clear();
     return report;
 }
 
