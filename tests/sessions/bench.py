@@ -20,8 +20,7 @@ TIME_TEXT = re.compile(rb"time:\d\d-\d\d \d\d:\d\d:\d\d ")
 GLANCE_SEC = 0.01  # between two looks at files
 MS = 1_000_000  # in ns
 FRESH_NS = 4 * MS  # an event of this age is stamped with its arrival
-EVEN_NS = 32  # between steps that are taken as equal,
-ROUNDED_NS = 512  # and where that is expected: a measured interval's remainder over a report
+ROUNDED_NS = 512  # at most is lost where a measured interval is rounded for a whole report
 OUTPUTS = ("log", "event", "reply", "exit")
 
 
@@ -94,7 +93,7 @@ class Stamps:
             return expected
         if step % MS == 0:
             return f"{step // MS:+}ms"
-        return "even" if change <= EVEN_NS else direction
+        return "even" if change == 0 else direction
 
 
 class Bench:

@@ -224,6 +224,8 @@ def main():
             words = line.split(" ", 2)
             if words[0] == "#=":
                 fields[words[1]] = words[2].encode().decode("unicode_escape")
+        if not fields["commands"]:
+            parser.error(f"{path} does not say how it was recorded")
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
     with Recorder(os.environ["PROGRAMS"]) as recorder:
         recorder.run(fields["before"], shlex.split(fields["mcusim"]), fields["commands"])
