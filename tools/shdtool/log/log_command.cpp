@@ -131,7 +131,7 @@ CommandRows LogCommands() {
             .kind = cli::Kind::kChoice,
             .value = "TAG",
             .help = "Only this tag (shd, shd_hdlc, shd_serial, update_mcu, mcu); may be repeated",
-            .words = "shd shd_hdlc shd_serial update_mcu mcu",
+            .words = kDaemonTags,
             .repeated = true},
            {.name = "--sensor",
             .kind = cli::Kind::kSensor,

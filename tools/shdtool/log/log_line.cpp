@@ -15,9 +15,6 @@
 namespace shdtool {
 namespace {
 
-constexpr std::string_view kLevels = "VDIWEF";
-constexpr std::array<std::string_view, 5> kTags{"shd", "shd_hdlc", "shd_serial", "update_mcu",
-                                                "mcu"};
 constexpr std::array<std::string_view, 3> kNoise{"--------- ", "Start server",
                                                  "select event comming"};
 constexpr int64_t kDayMs = 86'400'000;
@@ -45,7 +42,7 @@ std::optional<LogLine> ParseThreadtime(const std::string& line) {
                     &out.tid, &out.level, &head_end);
     if (fields != 9 || head_end == 0 || !date.valid()) return std::nullopt;
     const size_t colon = line.find(": ", static_cast<size_t>(head_end));
-    if (colon == std::string::npos || kLevels.find(out.level) == std::string_view::npos) {
+    if (colon == std::string::npos || kLogLevels.find(out.level) == std::string_view::npos) {
         return std::nullopt;
     }
     out.stamp = line.substr(0, static_cast<size_t>(stamp_end));
@@ -121,7 +118,7 @@ std::optional<LogLine> ParseLogLine(std::string_view line) {
 }
 
 bool IsDaemonTag(std::string_view tag) {
-    return std::find(kTags.begin(), kTags.end(), tag) != kTags.end();
+    return fmt::format(" {} ", kDaemonTags).find(fmt::format(" {} ", tag)) != std::string::npos;
 }
 
 bool IsLogNoise(std::string_view line) {
@@ -152,10 +149,14 @@ SensorMention FindMention(std::string_view text) {
     return FindCommandMention(text);
 }
 
+std::vector<std::string> SensorNames(const std::vector<int32_t>& handles) {
+    std::vector<std::string> names(handles.size());
+    std::ranges::transform(handles, names.begin(), shdclient::SensorName);
+    return names;
+}
+
 std::string NamesOf(const std::vector<int32_t>& handles, std::string_view between) {
-    std::vector<std::string> names;
-    for (const int32_t handle : handles) names.push_back(shdclient::SensorName(handle));
-    return fmt::format("{}", fmt::join(names, between));
+    return fmt::format("{}", fmt::join(SensorNames(handles), between));
 }
 
 std::string WithSensorName(std::string_view text) {

@@ -11,12 +11,16 @@
 
 namespace shdtool {
 
+inline constexpr std::string_view kLogLevels = "VDIWEF";  // the least first
+// The tags under which the daemon writes, blanks between.
+inline constexpr const char* kDaemonTags = "shd shd_hdlc shd_serial update_mcu mcu";
+
 struct LogLine {
     std::string stamp;    // "11-23 04:31:07.123", local time; the log knows no year
     int64_t time_ms = 0;  // of the day
     int32_t pid = 0;
     int32_t tid = 0;
-    char level = 0;  // one of "VDIWEF"
+    char level = 0;  // one of kLogLevels
     std::string tag;
     std::string text;
 };
@@ -46,6 +50,8 @@ struct SensorMention {
 
 // The sensor of the text, which the daemon names by its handle or by its MCU sensor id.
 [[nodiscard]] SensorMention FindMention(std::string_view text);
+
+[[nodiscard]] std::vector<std::string> SensorNames(const std::vector<int32_t>& handles);
 
 // "accelerometer", or "rotation-vector/game-rotation-vector" for several.
 [[nodiscard]] std::string NamesOf(const std::vector<int32_t>& handles, std::string_view between);

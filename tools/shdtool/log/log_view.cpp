@@ -10,8 +10,6 @@
 namespace shdtool {
 namespace {
 
-constexpr std::string_view kLevels = "VDIWEF";
-
 char LevelOf(const Episode& episode) {
     if (!episode.ok()) return 'E';
     return episode.kind == EpisodeKind::kUpdate ? 'I' : 'W';
@@ -39,12 +37,6 @@ bool WasOn(const Episode& episode, const std::string& at) {
     };
     return BeginsAt(begin, at) || BeginsAt(end, at) || between(begin, end) ||
            between(TimeOf(begin), TimeOf(end));
-}
-
-std::vector<std::string> SensorNames(const std::vector<int32_t>& handles) {
-    std::vector<std::string> names;
-    for (const int32_t handle : handles) names.push_back(NamesOf({handle}, ""));
-    return names;
 }
 
 Json JsonOfEpisode(const Episode& episode) {
@@ -78,7 +70,9 @@ Json JsonOfEpisode(const Episode& episode) {
 }  // namespace
 
 bool LogFilter::Wants(const LogItem& item) const {
-    const auto level_reached = [this](char of) { return kLevels.find(of) >= kLevels.find(level); };
+    const auto level_reached = [this](char of) {
+        return kLogLevels.find(of) >= kLogLevels.find(level);
+    };
     const auto tag_wanted = [this](std::string_view tag) {
         return tags.empty() || std::find(tags.begin(), tags.end(), tag) != tags.end();
     };
