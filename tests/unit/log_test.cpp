@@ -146,7 +146,8 @@ TEST(LogFolder, TellsWhatBecameOfARecovery) {
          "13 7 W  SensorMcuReboot init UART timeout update mcu\n"
          "14 7 E  SensorMcuReboot init UART timeout index:11 update mcu failure\n"
          "15 7 D  SensorWakeLockAcquiredLocked :0\n",
-         "recovery FAILED after 5.0 s: the UART could not be opened; "},
+         "recovery FAILED after 5.0 s: the UART could not be opened; three requests could not be "
+         "written to the UART; 1 firmware update\n"},
         {"cut off", "11 7 D  SensorWakeLockAcquiredLocked :1\n",
          "recovery has not ended after 1.0 s: three requests "},
     };
