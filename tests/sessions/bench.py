@@ -66,34 +66,26 @@ class Event:
 
 
 class Stamps:
-    """The stamps of a session's events, each in relation to those before it:
-    0; same (as that of the event before it); first (of its sensor); +20ms (exactly, after the
-    sensor's last one); even (as long after it as that after its own); later; earlier. With "now"
-    behind it, it is not older than the request before it."""
+    """The stamps of a session's events, each in relation to those before it: 0; same (as that of the
+    event before it); +20ms (exactly, after the sensor's last one); even (as long after that as that
+    after its own); any. With "now" behind it, it is not older than the request before it."""
 
     def __init__(self):
         self.last, self.of_sensor, self.steps = None, {}, {}
 
     def relation(self, event, expected=""):
         """How the stamp stands to those before it; as expected where that, too, is true."""
-        stamp, before = event.stamp, self.of_sensor.get(event.sensor)
-        last, self.last = self.last, stamp
-        self.of_sensor[event.sensor] = stamp
-        if stamp == 0:
-            return "0"
-        if stamp == last:
-            return "same"
-        if before is None:
-            return "first"
-        step = stamp - before
+        stamp, last = event.stamp, self.last
+        step = stamp - self.of_sensor.get(event.sensor, 0)
         change = abs(step - self.steps.get(event.sensor, 0))
-        self.steps[event.sensor] = step
-        direction = "later" if step > 0 else "earlier"
-        if expected == direction or (expected == "even" and change <= ROUNDED_NS):
+        self.last, self.of_sensor[event.sensor], self.steps[event.sensor] = stamp, stamp, step
+        if expected == "any" or (expected == "even" and change <= ROUNDED_NS):
             return expected
+        if stamp in (0, last):
+            return "same" if stamp else "0"
         if step % MS == 0:
             return f"{step // MS:+}ms"
-        return "even" if change == 0 else direction
+        return "even" if change == 0 else "any"
 
 
 class Bench:
@@ -105,7 +97,7 @@ class Bench:
         self.root = self.directory / "root"
         self.processes, self.listening, self.clients = [], {}, {}
         self.got = {kind: [] for kind in OUTPUTS}
-        self.daemon, self.data, self.log_rest, self.event_rest = None, None, b"", b""
+        self.uart, self.daemon, self.data, self.log_rest, self.event_rest = None, None, None, b"", b""
         self.log = open(self.directory / "shd.log", "wb+")
         self.reading = open(self.directory / "shd.log", "rb")
 
@@ -117,7 +109,7 @@ class Bench:
             if process.poll() is None:
                 process.kill()
             process.wait()
-        for end in [self.data, self.log, self.reading, *self.listening.values(),
+        for end in [self.data, self.log, self.reading, self.uart, *self.listening.values(),
                     *(client[0] for client in self.clients.values())]:
             if end:
                 end.close()
@@ -141,6 +133,8 @@ class Bench:
                 raise Failure("mcusim: " + (self.directory / "mcusim.log").read_text())
             time.sleep(GLANCE_SEC)
         self.answers = self.channel.makefile("r")
+        self.uart = open(self.root / "dev/ttyHSL1", "rb", buffering=0,
+                         opener=lambda path, flags: os.open(path, flags | os.O_NOCTTY))
         for name, path in (("shdctl", self.control_path()),
                            ("shddata", self.root / "dev/socket/shddata")):
             self.listening[name] = socket.socket(socket.AF_UNIX)
@@ -202,6 +196,19 @@ class Bench:
     def close(self, number):
         if number in self.clients:
             self.clients.pop(number)[0].close()
+
+    def idle(self):
+        """The daemon has read all that the MCU has sent, and each of its threads sleeps."""
+        if not self.daemon:
+            return True
+        # A poll waits for what is on its way through the terminal.
+        waiting = select.select([self.uart], [], [], 0)[0]
+        try:
+            states = [(task / "stat").read_text().rpartition(") ")[2][0]
+                      for task in pathlib.Path(f"/proc/{self.daemon.pid}/task").iterdir()]
+        except OSError:
+            return False  # a thread has just ended
+        return not waiting and all(state == "S" for state in states)
 
     def look(self):
         """Takes up what the daemon has given since the last time: pairs of kind and text, events

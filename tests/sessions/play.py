@@ -13,7 +13,7 @@ import time
 import bench
 
 SIDE_BY_SIDE = 16
-PATIENCE_SEC = float(os.environ.get("PATIENCE", 60))  # without any progress
+PATIENCE_SEC = float(os.environ.get("PATIENCE", 60))  # beyond the time that a session took
 REPLAYED_OPTIONS = ("--firmware-version", "--seed")
 
 
@@ -22,6 +22,7 @@ class Session:
 
     def __init__(self, path):
         self.path, self.head, self.steps = path, {"mcusim": "", "gap": "0.1"}, []
+        self.took_sec = 0
         for line in path.read_text().split("\n"):
             if line.startswith("#= "):
                 name, text = line[3:].split(" ", 1)
@@ -30,6 +31,8 @@ class Session:
                 self.steps.append(tuple(line[3:].partition(" ")[::2]))
             elif " < " in line or line.endswith("? go"):
                 self.steps.append(("part" if " < " in line else "go", ""))
+            if line[:1].isdigit():
+                self.took_sec = float(line.split()[0])
 
     def expected(self, kind):
         return [text for name, text in self.steps if name == kind]
@@ -39,10 +42,10 @@ class Play(bench.Bench):
     def __init__(self, programs, session):
         super().__init__(programs)
         self.session, self.made_ns = session, [0]
+        self.deadline = time.monotonic() + session.took_sec + PATIENCE_SEC
 
     def settle(self, wanted, parts):
         """Waits for as many outputs of each kind as were recorded up to here, and for the MCU."""
-        state, since = None, time.monotonic()
         while True:
             self.look()
             there = {kind: len(self.got[kind]) for kind in bench.OUTPUTS}
@@ -50,14 +53,13 @@ class Play(bench.Bench):
             if done and parts == 0:
                 return
             stats = json.loads(self.tell_mcu("stats")[3:])
-            if done and stats["parts"] >= parts and (parts < self.parts or stats["complete"]):
+            played = stats["parts"] >= parts and (parts < self.parts or stats["complete"])
+            if done and played and self.idle():
                 return
-            if state != (there, stats):
-                state, since = (there, stats), time.monotonic()
-            if time.monotonic() - since > PATIENCE_SEC:
+            if time.monotonic() > self.deadline:
                 missing = [f"{wanted[kind] - there[kind]} of kind {kind}"
                            for kind in bench.OUTPUTS if there[kind] < wanted[kind]]
-                raise bench.Failure(f"waited in vain for {', '.join(missing) or 'the line'}")
+                raise bench.Failure(f"waited in vain for {', '.join(missing) or 'the daemon'}")
             time.sleep(bench.GLANCE_SEC)
 
     def run(self):

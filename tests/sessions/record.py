@@ -73,7 +73,7 @@ class Recorder(bench.Bench):
         deadline = time.monotonic() + NOISE_SEC
         quiet = time.monotonic()
         while time.monotonic() < min(deadline, quiet + QUIET_SEC):
-            if self.step():
+            if self.step() or not self.idle():
                 quiet = time.monotonic()
         self.lines.append(f"#: {text}")
         self.shown = True
