@@ -138,7 +138,7 @@ TEST(ToolAnswers, FitAWindowOf80Columns) {
           "raw 0 0", "selftest step-detector", "health 1 2 3 4", "datetime 0", "dump decode 0",
           "image show --no-probe \"$SHD_ROOT/system/bin/mcu.bin\"", "log /dev/zero",
           "enable acc --period 5 --rate 5", "log --summary \"$SHD_ROOT/../shd.log\""}) {
-        ToolWindow window(hub.root(), command, 80, 24);
+        ToolWindow window(hub.root(), std::string("shdtool ") + command, 80, 24);
         (void)window.Status();
         std::istringstream lines(
             std::regex_replace(window.bytes(), std::regex("\x1B\\[[0-9;]*m|\r"), ""));

@@ -1,4 +1,4 @@
-// A window for shdtool. Used by the tests of its live views.
+// A window for a command. Used by the tests of the tools' views, texts and completions.
 #include "tests/integration/tool_window.h"
 
 #include <gtest/gtest.h>
@@ -12,19 +12,20 @@
 
 #include "tests/integration/hub.h"
 
-ToolWindow::ToolWindow(const std::string& root, const std::string& arguments, int columns, int rows,
+ToolWindow::ToolWindow(const std::string& root, const std::string& command, int columns, int rows,
                        const std::string& environment) {
     winsize size{};
     size.ws_col = static_cast<unsigned short>(columns);
     size.ws_row = static_cast<unsigned short>(rows);
     const std::string set =
         environment.empty() ? "TERM=xterm-256color LC_ALL=C.UTF-8" : environment;
-    const std::string command =
-        "exec env " + set + " SHD_ROOT='" + root + "' " + SHDTOOL_BINARY + " " + arguments;
+    const std::string binary = SHDTOOL_BINARY;
+    const std::string line = "PATH=" + binary.substr(0, binary.rfind('/')) + ":$PATH exec env " +
+                             set + " SHD_ROOT='" + root + "' " + command;
     int fd = -1;
     pid_ = forkpty(&fd, nullptr, nullptr, &size);
     if (pid_ == 0) {
-        execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+        execl("/bin/sh", "sh", "-c", line.c_str(), nullptr);
         _exit(127);
     }
     fd_.Reset(fd);
@@ -80,9 +81,26 @@ std::string ToolWindow::WaitForPage(std::string_view text) {
     return page;
 }
 
+std::string ToolWindow::WaitForPageWithout(std::string_view text) {
+    std::string page;
+    Eventually("the window does not show '" + std::string(text) + "'", [&] {
+        Read();
+        page = Page();
+        return !page.empty() && page.find(text) == std::string::npos;
+    });
+    return page;
+}
+
+void ToolWindow::WaitForBytes(std::string_view text) {
+    Eventually("the window has shown '" + std::string(text) + "'", [&] {
+        Read();
+        return bytes_.find(text) != std::string::npos;
+    });
+}
+
 int ToolWindow::Status() {
     int status = 0;
-    Eventually("shdtool ends", [&] {
+    Eventually("the command ends", [&] {
         Read();
         return waitpid(pid_, &status, WNOHANG) == pid_;
     });

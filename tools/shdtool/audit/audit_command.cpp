@@ -247,7 +247,7 @@ CommandRows AuditCommands() {
           "Exit status: 0 all is well, 1 something is wrong.",
           "shdtool audit walk.shdrec\n"
           "shdtool audit walk.shdrec --sensor accelerometer --rate 50 --max-jitter 5\n"
-          "shdtool audit --seconds 10 --sensor accelerometer --rate 50 --batch 10 --enable\n"
+          "shdtool audit --seconds 10 --sensor gyroscope --rate 50 --batch 10 --enable\n"
           "shdtool audit --seconds 20 --flush 2 --json"},
          Audit}};
 }

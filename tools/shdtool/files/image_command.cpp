@@ -186,7 +186,7 @@ CommandRows ImageCommands() {
         {{kHeading, "image build", "Put a header in front of an MCU firmware", kBuildOptions,
           "Exit status: 0 success, 1 written but not good, 2 not written.",
           "shdtool image build --version 1.900.12 --payload firmware.bin -o mcu.bin\n"
-          "shdtool image build --version 1.900.13 --simulated-firmware --size 200k -o mcu.bin"},
+          "shdtool image build --version 1.900.13 --simulated-firmware -o mcu.bin"},
          Build},
         {{kHeading,
           "image show",

@@ -11,12 +11,15 @@
 #include "tools/shdtool/command.h"
 #include "tools/shdtool/hex.h"
 #include "tools/shdtool/views/event_format.h"
+#include "tools/shdtool/views/terminal.h"
 
 namespace shdtool {
 namespace {
 
 using shdclient::DecodedEvent;
 using shdclient::WatchedEvent;
+
+constexpr size_t kLineColumns = 103;  // with the time stamp
 
 shdclient::Status WriteOut(std::string& text) {
     const bool written =
@@ -66,8 +69,13 @@ void LinePrinter::Format(const WatchedEvent& event, std::string& out) {
         spacing = FormatSpacing(decoded.timestamp_ns - previous->second);
     }
     last_ns_[decoded.sensor->handle] = decoded.timestamp_ns;
-    fmt::format_to(end, "{:<20}  {:<44}  {:>18}  {:>13}\n", decoded.sensor->name,
-                   FormatValues(decoded), FormatTime(decoded.timestamp_ns), spacing);
+    const std::string values = FormatValues(decoded);
+    if (Terminal().terminal && Screen::size().columns < kLineColumns) {
+        fmt::format_to(end, "{:<20} {:<46} {:>11}\n", decoded.sensor->name, values, spacing);
+        return;
+    }
+    fmt::format_to(end, "{:<20}  {:<44}  {:>18}  {:>13}\n", decoded.sensor->name, values,
+                   FormatTime(decoded.timestamp_ns), spacing);
 }
 
 void JsonPrinter::Format(const WatchedEvent& event, std::string& out) {

@@ -26,7 +26,8 @@ class StreamPrinter : public EventSink {
     std::string pending_;
 };
 
-// Sensor, values with unit, time stamp since boot, spacing to the sensor's previous event.
+// Sensor, values with unit, time stamp since boot, spacing to the sensor's previous event. A narrow
+// terminal gets no time stamp.
 class LinePrinter final : public StreamPrinter {
   protected:
     void Format(const shdclient::WatchedEvent& event, std::string& out) override;

@@ -21,7 +21,8 @@ const char* const kTableLegend =
     "  GAPS     spacings beyond 1.8 periods that the following samples do not make up\n"
     "           for\n"
     "Keys on a terminal: q quit, p pause, r reset the statistics, arrows move, ? help\n"
-    "A line: sensor, values with unit, time stamp since boot, spacing to the sensor's previous one";
+    "A line: sensor, values with unit, time stamp since boot (not in a window of less than 103 "
+    "columns), spacing to the sensor's previous one";
 
 const cli::Options kSensorList{
     {.name = "SENSOR",

@@ -142,10 +142,14 @@ void TableView::Reset() {
 }
 
 void TableView::NoteSilence(int64_t now_ns) {
+    constexpr int64_t kRecentNs = 2'000'000'000;  // for sensors without a rhythm
     bool periodic = false;
     bool sending = false;
     for (const auto& [handle, sensor] : sensors_) {
-        if (!IsPeriodic(sensor.sensor()) || !sensor.Measured()) continue;
+        if (!IsPeriodic(sensor.sensor()) || !sensor.Measured()) {
+            sending = sending || (sensor.last() && now_ns - sensor.last()->arrival_ns < kRecentNs);
+            continue;
+        }
         periodic = true;
         sending = sending || !sensor.SilentFor(now_ns);
     }
