@@ -91,6 +91,14 @@ def check_rc(text):
         complaints.append("service: an option twice")
     if (options.get("user"), options.get("capabilities")) != ("system", ""):
         complaints.append("service: more rights than those of the user system")
+    if options.get("rlimit") != "core unlimited unlimited":
+        complaints.append("service: SetCoreDumpLimit finds a limit")
+    if int(options.get("restart_period", 0)) < 600:
+        complaints.append("service: a failing update is repeated too often")
+    complaints += [f"mkdir: {c[2]} before there is /data" for c in rc.commands
+                   if c[1] == "mkdir" and c[0] != "post-fs-data"]
+    complaints += [f"socket: {s[0]} is not of the clients' group" for s in sockets
+                   if s[3:] != ["system", "system"]]
     return complaints + reasons("shd.rc", text)
 
 
@@ -101,6 +109,8 @@ def check_ueventd(text):
                    if not re.fullmatch(rf"/dev/\S+ {MODE} {ID} {ID}", " ".join(line))]
     for line in lines if not complaints else []:
         complaints += open_to_others("ueventd", line[1])
+        if line[2:] != ["system", "system"]:
+            complaints.append("ueventd: the daemon's user does not own the tty")
     return complaints + reasons("ueventd", text)
 
 
@@ -150,7 +160,12 @@ def check_properties(text):
 
 def check_rules(text):
     """Every rule of shd.te stands below a comment that names the code."""
-    complaints = []
+    calls = "".join(read(path) for path in ("mcu_link/serial_port.cpp",
+                                            "update_mcu/bootloader_link.cpp"))
+    requests = {"tcflush": "TCFLSH", "tcgetattr": "TCGETS", "tcsetattr": "TCSETS"}
+    complaints = compare("ioctl", re.search(r"ioctl \{ (T.*) \}", text)[1].split(),
+                         [requests[call] for call in set(re.findall(r"\btc\w+", calls))
+                          if call != "tcflag_t"])
     for block in re.split(r"\n\n+", text)[1:]:
         comment = " ".join(line for line in block.splitlines() if line.startswith("#"))
         rule = next(line for line in block.splitlines() if not line.startswith("#"))
@@ -285,6 +300,10 @@ class Android(PackagingCase):
             ("user system", "user root", "more rights than those of the user system"),
             ("capabilities\n", "capabilities SYS_RAWIO\n", "more rights than those of the user"),
             ("    class main", "    user root\n    class main", "an option twice"),
+            ("core unlimited", "nofile unlimited", "SetCoreDumpLimit finds a limit"),
+            ("period 600", "period 5", "a failing update is repeated too often"),
+            ("on post-fs-data", "on boot", "mkdir: /data/mcudumplog 0770 system system before"),
+            ("0660 system system", "0660 root root", "socket: shdctl is not of the clients' group"),
             ("svc.shd=stopped", "svc.hub=stopped", "unknown section on property:init.svc.hub"),
             ("socket shdctl", "socket shdcontrol", "socket: shdctl is missing"),
             ("onrestart write", "# onrestart write", "onrestart: the low-power file is not given"),
@@ -297,6 +316,7 @@ class Android(PackagingCase):
             ("/dev/ttyHSL1 ", "/dev/ttyHSL2 ", "ueventd: /dev/ttyHSL1 is missing"),
             ("0660", "rw", "is no PATH MODE USER GROUP"),
             ("0660", "0666", "ueventd: is open to others"),
+            ("system ", "root ", "the daemon's user does not own the tty"),
         ])
 
     def test_contexts(self):
@@ -325,6 +345,7 @@ class Android(PackagingCase):
         self.assertEqual(check_rules(read("android/sepolicy/private/shd.te")), [])
         self.breaks(check_rules, "android/sepolicy/private/shd.te", [
             ("OpenImage", "OpenFirmware", "update_mcu/firmware_image.cpp has no OpenFirmware"),
+            ("TCSETS TCFLSH", "TCFLSH", "ioctl: TCSETS is missing"),
             ("# update_mcu/gpio.cpp: ", "# for the lines, ", "names no code that needs it"),
         ])
 

@@ -9,6 +9,7 @@ import stat
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 
 from project import ROOT, PackagingCase, System, compare, open_to_others, read, reasons
@@ -47,6 +48,11 @@ def check_service(text):
     complaints += compare("ReadWritePaths", values("ReadWritePaths"),
                           SYSTEM.directories - raw_data | SYSTEM.calibration | {PROPERTIES})
     complaints += compare("Sockets", values("Sockets"), ["shd-control.socket", "shd-data.socket"])
+    complaints += compare("After", values("After"), values("Sockets") + ["dev-ttyHSL1.device"])
+    if values("ExecStartPre") != ["+systemd-tmpfiles", "--create", "shd.conf"]:
+        complaints.append("shd.service: the low-power file is not given back")
+    if values("ProcSubset"):
+        complaints.append("shd.service: ProcSubset hides the control files")
     for key, want in (("RestartPreventExitStatus", ["255"]), ("CapabilityBoundingSet", []),
                       ("Restart", ["on-failure"])):
         if values(key) != want:
@@ -67,6 +73,8 @@ def check_socket(text):
     complaints = compare("FileDescriptorName", [name], SYSTEM.sockets & {name} or {"a socket"})
     if unit.get("ListenStream") != f"/dev/socket/{name}":
         complaints.append(f"{name}: is not at /dev/socket/{name}")
+    if unit.get("SocketGroup") != "sensors":
+        complaints.append(f"{name}: is not of the clients' group")
     if unit.get("SocketMode") != "0660":
         complaints.append(f"{name}: is open to others")
     return complaints
@@ -108,6 +116,9 @@ class Board(PackagingCase):
             ("DeviceAllow=/dev/ttyHSL1", "DeviceAllow=/dev/ttyS1", "DeviceAllow: /dev/ttyHSL1 is"),
             ("Paths=/nvdata", "Paths=/nvram", "ReadWritePaths: /nvdata is missing"),
             ("Paths=/data/logdata", "Paths=/data", "ReadWritePaths: the code knows no /data"),
+            ("After=shd-control", "After=shd-cntrl", "After: shd-control.socket is missing"),
+            ("ExecStartPre=", "# ", "the low-power file is not given back"),
+            ("ProtectProc=", "ProcSubset=", "ProcSubset hides the control files"),
             ("MemoryMax=128M", "MemoryMax=64M", "MemoryMax is below"),
             ("NOFILE=256", "NOFILE=2048", "MemoryMax is below"),
             ("ExitStatus=255", "ExitStatus=254", "RestartPreventExitStatus is not"),
@@ -122,6 +133,7 @@ class Board(PackagingCase):
             self.breaks(check_socket, path, [
                 ("Name=shd", "Name=mcu", "FileDescriptorName: "),
                 ("Stream=/dev/socket", "Stream=/run", "is not at /dev/socket"),
+                ("Group=sensors", "Group=root", "is not of the clients' group"),
                 ("0660", "0666", "is open to others"),
             ])
 
@@ -182,10 +194,12 @@ class Board(PackagingCase):
                     ["systemd-socket-activate", *listen, "--fdname=" + ":".join(order),
                      str(ROOT / "packaging/shd-activate"), sys.executable, "-c", child],
                     stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True) as launcher:
-                while not all(os.path.exists(path) for path in paths.values()):
-                    self.assertIsNone(launcher.poll())
+                self.addCleanup(launcher.kill)
                 with socket.socket(socket.AF_UNIX) as client:
-                    client.connect(paths[order[-1]])
+                    # A socket that is bound but not listening yet refuses.
+                    while client.connect_ex(paths[order[-1]]) != 0:
+                        self.assertIsNone(launcher.poll())
+                        time.sleep(0.01)
                     output = launcher.communicate(timeout=60)[0]
             self.assertEqual(output.splitlines(), [f"ANDROID_SOCKET_{name} {paths[name]}"
                                                    for name in sorted(order)])
