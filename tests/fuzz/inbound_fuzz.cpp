@@ -1,35 +1,38 @@
-// The whole inbound path, from the bytes on the UART to events, files and queues. The first byte
-// selects: even, the rest is a raw byte stream; odd, it is a list of packets, each behind its
-// length, that are framed properly first.
-#include <array>
-
-#include "mcu_link/frame_codec.h"
+// The whole inbound path, from the bytes on the UART to events, files and queues, with every sensor
+// switched on. The input: for each handle what its clients asked for, as a byte that says whether
+// five words follow, then the UART's bytes.
+#include "core/hub/debug_flag.h"
+#include "events/step_counter.h"
+#include "mcu_link/exchange/reboot_trigger.h"
 #include "mcu_link/uart_reader.h"
 #include "sensor_commands/mcu_config.h"
-#include "tests/fuzz/fuzz.h"
-#include "tests/support/test_hub.h"
+#include "tests/fuzz/uart_bytes.h"
 
 namespace {
 
 using namespace shdtest;
 
+constexpr int32_t kStepDetector = 18;  // stays off: it sends an event a step, 2^31 at most
+
 struct Target : TestHub {
     Target() {
         MakeDirectory("/nvdata");
         MakeDirectory("/data/mcudumplog");
-        for (const int handle : {11, 15, 17, 19, 21}) State(handle).enable = 1;
-        State(17).virtual_enable = 1;  // the step detector sends one event a step: 2^31 at most
-        (void)McuRawDataConfig(&hub, 3);
     }
 };
 
-void FeedFrames(MessageAssembler* assembler, std::span<const uint8_t> data) {
-    while (!data.empty()) {
-        const size_t size = std::min<size_t>(data[0], data.size() - 1);
-        std::array<uint8_t, 1024> frame;
-        const int length = EncodeFrame(frame, data.subspan(1, size));
-        if (length > 0) assembler->Feed(std::span(frame).first(static_cast<size_t>(length)));
-        data = data.subspan(1 + size);
+void SetStates(Input& input) {
+    for (int32_t handle = 0; handle < shd::kSensorHandleCount; ++handle) {
+        SensorState& state = State(handle);
+        state = {};
+        state.enable = 1;
+        state.virtual_enable = handle != kStepDetector ? 1 : 0;
+        if (input.Number() % 2 == 0) continue;
+        state.period_ms = input.Number<int32_t>();
+        state.batchcnt = input.Number<int32_t>();
+        state.flush_count = input.Number<int32_t>();
+        state.flush_pending = state.flush_count != 0 ? 1 : 0;
+        state.last_time = -1 + (input.Number<int64_t>() & INT64_MAX) % 1'000'000'000'000;
     }
 }
 
@@ -37,16 +40,14 @@ void FeedFrames(MessageAssembler* assembler, std::span<const uint8_t> data) {
 
 int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     static Target target;
-    if (size == 0) return 0;
-    const std::span<const uint8_t> data(bytes, size);
-    State(0).period_ms = State(27).batchcnt = static_cast<int32_t>(data.back() * 0x1010101U);
-    State(0).flush_pending = State(0).flush_count = data.back() & 3;
+    Input input(bytes, size);
+    SetStates(input);
+    g_step_history = {};
+    g_mcu_rebooted = static_cast<int>(size % 2);
+    g_shd_log_debug = static_cast<int>(size / 2 % 2);
+    (void)McuRawDataConfig(&target.hub, 3);
     MessageAssembler assembler(&target.hub);
-    if (data[0] % 2 == 0) {
-        assembler.Feed(data.subspan(1));
-    } else {
-        FeedFrames(&assembler, data.subspan(1));
-    }
+    assembler.Feed(UartBytes(input));
     while (const McuMessagePtr reply{target.hub.reply_queue.DequeueMessageTimeout(0)}) {
     }
     (void)target.TakeEvents();

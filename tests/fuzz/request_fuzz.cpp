@@ -2,8 +2,6 @@
 // followed by a byte and as many bytes of reply data; 255 is silence, 254 a failed write.
 #include <sys/socket.h>
 
-#include <cstring>
-
 #include "core/control_commands.h"
 #include "tests/fuzz/fuzz.h"
 #include "tests/support/test_hub.h"
@@ -12,23 +10,19 @@ using namespace shd;
 
 int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     using namespace shdtest;
-    constexpr size_t kStep = sizeof(ClientRequest) + 1;
     static TestHub target;
     static int ends[2] = {-1, -1};
     if (ends[0] < 0 && socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) return -1;
-    for (std::span<const uint8_t> data(bytes, size); data.size() >= kStep;) {
-        QueuedRequest queued{ends[0], {}};
-        std::memcpy(&queued.request, data.data(), sizeof(queued.request));
-        const uint8_t length = data[sizeof(queued.request)];
-        data = data.subspan(kStep);
-        const auto reply = data.first(std::min<size_t>(length, data.size()));
+    for (Input input(bytes, size); !input.empty();) {
+        const QueuedRequest queued{ends[0], input.Number<ClientRequest>()};
+        const uint8_t length = input.Number();
         target.mcu.script = {length == 255   ? FakeMcu::kSilence
                              : length == 254 ? FakeMcu::kWriteFails
-                                             : Hex(reply)};
-        if (length < 254) data = data.subspan(reply.size());
+                                             : Hex(input.Take(length))};
         (void)ProcessMessage(&target.hub, queued);
+        const size_t replied = ReadAvailable(ends[1]).size();
+        Require(replied == 0 || replied == sizeof(ControlReply), "one reply at most");
     }
-    (void)ReadAvailable(ends[1]);
     (void)target.TakeEvents();
     (void)TakeJournal();
     return 0;

@@ -22,8 +22,9 @@ FakeUart::FakeUart() {
 int FakeUart::Answer(int fd) {
     const off_t end = lseek(fd, 0, SEEK_CUR);
     if (end <= answered_) answered_ = 0;  // opened afresh
-    const auto begin = static_cast<size_t>(answered_);
-    Note("uart", Hex(ReadFile("/dev/ttyHSL1").substr(begin, static_cast<size_t>(end) - begin)));
+    std::vector<uint8_t> written(static_cast<size_t>(end - answered_));
+    if (pread(fd, written.data(), written.size(), answered_) < 0) return -1;
+    Note("uart", Hex(written));
     std::string reply = unscripted;
     if (!script.empty()) {
         reply = script.front();

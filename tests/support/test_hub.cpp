@@ -46,13 +46,15 @@ std::vector<uint8_t> Bytes(std::string_view hex) {
 }
 
 std::string Hex(std::span<const uint8_t> bytes) {
+    constexpr std::string_view kDigits = "0123456789ABCDEF";
     std::string text;
+    text.reserve(3 * bytes.size());
     for (const uint8_t byte : bytes) {
-        char digits[4];
-        std::snprintf(digits, sizeof(digits), "%02X ", byte);
-        text += digits;
+        if (!text.empty()) text += ' ';
+        text += kDigits[byte / 16];
+        text += kDigits[byte % 16];
     }
-    return text.substr(0, text.empty() ? 0 : text.size() - 1);
+    return text;
 }
 
 std::string Hex(const std::string& bytes) {
@@ -64,8 +66,7 @@ std::string WithoutTrailingZeros(std::string hex) {
     return hex;
 }
 
-std::vector<uint8_t> Frame(std::string_view packet) {
-    std::vector<uint8_t> bytes = Bytes(packet);
+std::vector<uint8_t> Frame(std::vector<uint8_t> bytes) {
     unsigned fcs = 0xFFFF;  // bit by bit: CRC-16/X-25
     for (const unsigned byte : bytes) {
         fcs ^= byte;
@@ -81,6 +82,10 @@ std::vector<uint8_t> Frame(std::string_view packet) {
     }
     frame.push_back(0x7E);
     return frame;
+}
+
+std::vector<uint8_t> Frame(std::string_view packet) {
+    return Frame(Bytes(packet));
 }
 
 std::string PacketOf(std::span<const uint8_t> frame) {

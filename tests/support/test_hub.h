@@ -27,6 +27,7 @@ namespace shdtest {
 
 // The whole frame around a packet, and the packet in one, independent of the daemon's codec.
 [[nodiscard]] std::vector<uint8_t> Frame(std::string_view packet);
+[[nodiscard]] std::vector<uint8_t> Frame(std::vector<uint8_t> packet);
 [[nodiscard]] std::string PacketOf(std::span<const uint8_t> frame);
 
 // The message that a packet makes.
