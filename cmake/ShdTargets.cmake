@@ -3,6 +3,7 @@
 set(SHD_SANITIZE "" CACHE STRING "Sanitizers to build with, e.g. address,undefined")
 option(SHD_HARDEN "Hardening flags of a release build" OFF)
 option(SHD_FUZZ "Build the libFuzzer targets (clang only)" OFF)
+option(SHD_COVERAGE "Count which lines of the daemon the tests reach (g++ only)" OFF)
 option(SHD_ANDROID_LIBS "Android's own log, sockets and clock, as Debian packages them" OFF)
 
 add_library(shd_flags INTERFACE)
@@ -39,6 +40,11 @@ endif()
 add_library(shd_daemon_flags INTERFACE)
 target_link_libraries(shd_daemon_flags INTERFACE shd_flags Threads::Threads)
 target_compile_options(shd_daemon_flags INTERFACE -fno-exceptions -fno-rtti)
+if(SHD_COVERAGE)
+  # Atomic: the daemon's threads count at the same time.
+  target_compile_options(shd_daemon_flags INTERFACE --coverage -fprofile-update=atomic)
+  target_link_options(shd_daemon_flags INTERFACE --coverage)
+endif()
 if(SHD_ANDROID_LIBS)
   # Debian's packages have everything but the properties, so their header alone stays ours.
   configure_file(${PROJECT_SOURCE_DIR}/platform/host/include/cutils/properties.h

@@ -239,7 +239,8 @@ int __wrap_open(const char* path, int flags, ...);
 int __wrap_open(const char* path, int flags, ...) {
     const bool terminal = std::string_view(path).ends_with(shd::kUartPath);
     const int needed = terminal ? O_CLOEXEC | O_NOCTTY : O_CLOEXEC;
-    if ((flags & needed) != needed) {
+    const bool counters = std::string_view(path).ends_with(".gcda");  // of a coverage build
+    if ((flags & needed) != needed && !counters) {
         std::fprintf(stderr, "%s opened without O_CLOEXEC or O_NOCTTY\n", path);
         std::abort();
     }

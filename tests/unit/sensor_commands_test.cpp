@@ -223,6 +223,9 @@ TEST_F(CommandTest, TextsAreBounded) {
         E/shd Sensor GetInfo invalid param | E/shd Sensor Version invalid param)"));
     EXPECT_EQ(SensorVersion(h, 3, text), -1);
     EXPECT_EQ(TakeJournal({"mcu"}), List("mcu 01 00 0F 03"));
+    mcu.script = {FakeMcu::kSilence};
+    EXPECT_EQ(SensorGetInfo(h, 16, text), -1);
+    EXPECT_EQ(TakeJournal({"shd"}).back(), "E/shd Sensor GetInfo :16 timeout");
 }
 
 TEST_F(CommandTest, RawDataTypeIsStoredThenSent) {

@@ -148,6 +148,10 @@ TEST_F(UpdateTest, HandshakeIsTriedTwentyTimes) {
     const Lines log = Journal();
     EXPECT_EQ(Lines(log.end() - 3, log.end()),
               List("E write 7F cmd error! | E mcu_init error! | line released"));
+    ASSERT_GE(open_mcu_tty(), 0);
+    EXPECT_EQ(mcu_send_cmd(std::array<uint8_t, 1>{0x31}), -1);
+    EXPECT_EQ(Journal(), List("E write mcu_send_cmd error!"));
+    close_mcu_tty();
 }
 
 // What the application has to say until its reset, acknowledgements among it, is nothing that the
@@ -222,6 +226,14 @@ TEST_F(UpdateTest, ImageFileIsCheckedBeforeAnythingIsWritten) {
     EXPECT_EQ(mcu_send_cmd({}), -1);
     EXPECT_EQ(write_memory_cmd({}, 0), -1);
     EXPECT_EQ(Journal(), List("E mcu_head null. | E mcu_send_cmd :cmd null! | E data null!"));
+    ASSERT_GE(open_mcu_tty(), 0);
+    EXPECT_EQ(write_memory_cmd(std::vector<uint8_t>(257), 0), -1);
+    EXPECT_EQ(Journal(), List(R"(readable 1000 ms | uart 31 CE | readable 1000 ms
+        uart 00 00 00 00 00 | E write data_temp too len!)"));
+    close_mcu_tty();
+    const UniqueFd socket = Listen(kImage);  // there, but not to be opened
+    sizes(-1, "E fopen mcu file error. | E target mcu header get error!");
+    std::filesystem::remove(HostPath(kImage));
     WriteFirmwareImage(std::string(64, 'v'), "x");
     mcu_head head{};
     EXPECT_EQ(get_mcu_head(&head), 0);
@@ -283,6 +295,25 @@ TEST_F(UpdateTest, VersionIsAskedForFourTimesWithAResetBeforeTheLast) {
     EXPECT_EQ(mcu_version_check(), 0);
     EXPECT_EQ(Journal(), List(R"(E open normal tty device error! | E open_mcu_normal_tty error!
         I get mcu current version error, go to update!)"));
+    LinkFile("/dev/ttyHSL1", "/dev/full");
+    EXPECT_EQ(mcu_version_check(), 0);
+    const std::string failed = "E write mcu get ver command failed! |";
+    EXPECT_EQ(Journal(), List(failed + failed + failed + R"(
+        E mcu_get_current_version over 3 times,reset mcu! | delay 12000 | delay 2000000 |)" +
+                              failed + "I get mcu current version error, go to update!"));
+}
+
+TEST_F(UpdateTest, ImageThatVanishesAfterItsWritingStillCountsAsWritten) {
+    WriteFirmwareImage("1.900", "Z");
+    g_hooks.on_entry = [](const std::string& entry) {
+        if (entry == "uart 00 5A 5A") std::filesystem::remove(HostPath(kImage));
+    };
+    EXPECT_EQ(mcu_update(), 0);
+    const Lines log = Journal();
+    EXPECT_EQ(Lines(log.end() - 5, log.end()), List(R"(uart 00 5A 5A | E fopen mcu file error.
+        E target mcu header get error! | I mcu_update ok! | line released)"));
+    EXPECT_EQ(Property("persist.mcu.version"), "");
+    EXPECT_EQ(ReadFile("/proc/mcu/gpio_mcu_boot0"), "1");  // no reset
 }
 
 TEST_F(UpdateTest, RestOfAReplyFromBeforeTheResetIsNoVersion) {
