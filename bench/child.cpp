@@ -21,6 +21,7 @@ void Check(bool ok, std::string_view what) {
 
 Child::Child(std::vector<std::string> command, const std::string& errors) {
     std::vector<char*> arguments;
+    arguments.reserve(command.size() + 1);
     for (std::string& argument : command) arguments.push_back(argument.data());
     arguments.push_back(nullptr);
     const pid_t parent = getpid();
@@ -29,10 +30,11 @@ Child::Child(std::vector<std::string> command, const std::string& errors) {
     if (pid_ > 0) return;
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() != parent) _exit(1);
-    const int null = open("/dev/null", O_RDWR);
+    const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
     dup2(null, STDIN_FILENO);
     dup2(null, STDOUT_FILENO);
-    dup2(open(errors.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0666), STDERR_FILENO);
+    constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC;
+    dup2(open(errors.c_str(), kFlags, 0666), STDERR_FILENO);
     char** program = arguments.data();
     while (std::strchr(*program, '=') != nullptr) putenv(*program++);
     execvp(*program, program);

@@ -35,7 +35,7 @@ void TableFcs(benchmark::State& state) {
         table[byte] = static_cast<uint16_t>(value);
     }
     const auto bytes = RandomBytes(state);
-    for (auto _ : state) {
+    for ([[maybe_unused]] const auto _ : state) {
         uint16_t fcs = 0xFFFF;
         for (const uint8_t byte : bytes) {
             fcs = static_cast<uint16_t>((fcs >> 8) ^ table[(fcs ^ byte) & 0xFF]);
@@ -49,7 +49,7 @@ void DecodeByteByByte(benchmark::State& state) {
     const auto frame = FrameAround(RandomBytes(state));
     std::array<uint8_t, 1500> buffer{};
     FrameDecoder decoder(buffer);
-    for (auto _ : state) {
+    for ([[maybe_unused]] const auto _ : state) {
         DecoderStatus status = DECODER_NORMAL;
         for (const uint8_t& byte : frame) {
             int consumed = 0;
@@ -64,7 +64,7 @@ BENCHMARK(DecodeByteByByte)->Arg(64);
 void Encode(benchmark::State& state) {
     const auto payload = RandomBytes(state);
     std::array<uint8_t, 192> frame{};
-    for (auto _ : state) {
+    for ([[maybe_unused]] const auto _ : state) {
         if (EncodeFrame(frame, payload) < 0) state.SkipWithError("the frame was not encoded");
         benchmark::DoNotOptimize(frame.data());
         benchmark::ClobberMemory();

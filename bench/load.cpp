@@ -95,9 +95,7 @@ void Run(const Options& options) {
     }
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int Main(int argc, char** argv) {
     Options options;
     CLI::App app("Measures the daemon and others under load");
     app.add_option("--shd", options.binaries.shd)->required();
@@ -119,11 +117,17 @@ int main(int argc, char** argv) {
     getrlimit(RLIMIT_NOFILE, &limit);
     limit.rlim_cur = limit.rlim_max;
     setrlimit(RLIMIT_NOFILE, &limit);
+    Run(options);
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
     try {
-        Run(options);
+        return Main(argc, argv);
     } catch (const std::exception& failure) {
-        fmt::print(stderr, "shd_load: {}\n", failure.what());
+        std::fprintf(stderr, "shd_load: %s\n", failure.what());
         return 1;
     }
-    return 0;
 }

@@ -34,7 +34,7 @@ class Plan:
         self.clients = (1, 8) if quick else CLIENTS
         self.samples = (10,) if quick else SAMPLES
         self.rounds = 1 if quick else 7
-        self.deliveries = 2_000 if quick else 150_000  # to a round
+        self.deliveries = 2_000 if quick else 100_000  # to a round
         self.latency_frames = 20 if quick else 800
         self.requests = 10 if quick else 200
         self.hold_s = 0.2 if quick else 10
@@ -62,7 +62,7 @@ class Bench:
         # A local socket's path is short, so its directory is not the build's.
         with tempfile.TemporaryDirectory(prefix="shd-bench-", dir="/tmp") as directory:
             command += ["--directory", directory, "--programs", *programs]
-            run = subprocess.run(command, stdout=subprocess.PIPE, timeout=300, check=True, text=True)
+            run = subprocess.run(command, stdout=subprocess.PIPE, timeout=600, check=True, text=True)
         rounds_of = {name: [] for name in programs}
         for line in run.stdout.splitlines():
             figures = json.loads(line)
@@ -86,7 +86,7 @@ class Bench:
         return times
 
     def cost(self, clients, samples):
-        frames = max(5, self.plan.deliveries // (clients * samples))
+        frames = min(4000, max(10, self.plan.deliveries // (clients * samples)))
         programs = ["shd", "relay"] + [name for name in self.neighbours
                                        if name != "gpsd" or clients <= GPSD_MAX_CLIENTS]
         return self.load(programs, self.plan.rounds, clients=clients, samples=samples, frames=frames)

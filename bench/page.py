@@ -52,6 +52,10 @@ def growth(from_rounds, to_rounds):
     return statistics.median(micros(to_rounds)) / statistics.median(micros(from_rounds))
 
 
+# What stands in the daemon's figures beyond the bare calls.
+WORK = "the check of the frame, conversion, time stamps and two locks are in it"
+
+
 def goals(results, pauses_ms):
     rows = []
     codec = results[("codec",)]
@@ -64,7 +68,7 @@ def goals(results, pauses_ms):
     batches = {key[2]: value for key, value in results.items() if key[0] == "cost" and key[1] == 8}
     for clients, rounds_of in cost.items():
         rows.append(Row(f"processor time of a record, {count(clients, 'client')}, over the relay",
-                        1.05, ratios(rounds_of, "cpu_ns")))
+                        1.05, ratios(rounds_of, "cpu_ns"), reason=WORK))
     for what, of, first in (("clients", cost, min(8, *cost)), ("samples a frame", batches, 10)):
         base = statistics.median(micros(of[first]["shd"]))
         rows.append(Row(f"processor time of a record, {max(of)} {what} over {first}", 1.05,
@@ -76,13 +80,16 @@ def goals(results, pauses_ms):
             continue
         for name, figure, limit in (("median", "median_ns", 1.1), ("p99", "p99_ns", 1.25)):
             rows.append(Row(f"latency, {name}, last of {count(key[1], 'client')}, over the relay", limit,
-                            ratios(rounds_of, figure)))
+                            ratios(rounds_of, figure), reason=WORK))
     rows.append(Row("control round trip, median, over the echo", 1.1,
-                    ratios(results[("control", 115200)], "median_ns")))
+                    ratios(results[("control", 115200)], "median_ns"),
+                    reason="the daemon hands a request from thread to thread, and the reply back"))
     updates = [value for key, value in results.items() if key[0] == "update"]
     if updates:
         rows.append(Row("200 KiB update, over the line's minimum", 1.02,
-                        [shd / least for shd, least, _ in updates], 3))
+                        [shd / least for shd, least, _ in updates], 3,
+                        reason="the reset pulse and the pause for the bootloader's first answer are "
+                               "150 ms of it, each of 2,400 acknowledgements is a wake-up"))
         rows.append(Row("200 KiB update, over `stm32flash`", 1.0,
                         [shd / other for shd, _, other in updates], 3))
     most = cost.get(64) or cost[max(cost)]
@@ -96,7 +103,8 @@ def goals(results, pauses_ms):
     rows.append(Row(f"wake-ups in {idle[0]['wall_ns'] / 1e9:.0f} s without a byte", 0,
                     [row["switches"] for row in idle], 0))
     rows.append(Row("start-up, own share", 10,
-                    [value - pauses_ms for value in results[("startups_ms",)]], 1, " ms"))
+                    [value - pauses_ms for value in results[("startups_ms",)]], 1, " ms",
+                    reason="the loading of the program and its libraries is in it"))
     return rows
 
 
@@ -259,7 +267,7 @@ PAGE = textwrap.dedent("""\
 
     {picture}
     One frame is read and decoded once, however many clients there are: with one client that is most
-    of the cost, with many it is the `send` to each. A batch saves the wake-up and the six bytes
+    of the cost, with many it is the `send` to each. A batch saves the wake-up and the seven bytes
     around each sample.
 
     ## The one-byte reads

@@ -40,7 +40,8 @@ int Must(int result, const char* what) {
 }
 
 int OpenLine(const std::string& root) {
-    const int line = Must(open((root + shd::kUartPath).c_str(), O_RDWR | O_NOCTTY), "line");
+    const int line =
+        Must(open((root + shd::kUartPath).c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC), "line");
     termios settings{};
     tcgetattr(line, &settings);
     cfmakeraw(&settings);
@@ -49,7 +50,7 @@ int OpenLine(const std::string& root) {
 }
 
 int Listen(const std::string& root, const char* name) {
-    const int fd = Must(socket(AF_UNIX, SOCK_STREAM, 0), "socket");
+    const int fd = Must(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket");
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     const std::string path = root + "/dev/socket/" + name;
@@ -64,7 +65,7 @@ std::atomic<size_t> g_client_count{0};
 
 void AcceptClients(int listener) {
     for (size_t count = 0; count < kMaxClients; g_client_count = ++count) {
-        g_clients[count] = Must(accept(listener, nullptr, nullptr), "accept");
+        g_clients[count] = Must(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC), "accept");
         setsockopt(g_clients[count], SOL_SOCKET, SO_SNDBUF, &kSendBufferBytes,
                    sizeof(kSendBufferBytes));
     }
@@ -97,11 +98,12 @@ void AcceptClients(int listener) {
     const std::string sleep_path = root + shd::kMcuSleepPath;
     const int listener = Listen(root, shd::kControlSocketName);
     const int line = OpenLine(root);
-    const int client = Must(accept(listener, nullptr, nullptr), "accept");
+    const int client = Must(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC), "accept");
     shd::ClientRequest request{};
     const shd::ControlReply reply{};
     while (recv(client, &request, sizeof(request), MSG_WAITALL) > 0) {
-        const int sleep = Must(open(sleep_path.c_str(), O_WRONLY | O_NONBLOCK), "sleep file");
+        const int sleep =
+            Must(open(sleep_path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC), "sleep file");
         (void)!write(sleep, "0", 1);
         close(sleep);
         (void)!write(line, kVersionRequest.data(), kVersionRequest.size());
