@@ -168,8 +168,16 @@ std::vector<std::string> Subject::Command(int samples) {
     }
     if (name_ != "gpsd") throw std::runtime_error("no such program: " + name_);
     port_ = FreePort();
-    return {"gpsd",   "-N", "-n", "-p", "-s", "115200", "-f", "8N1", "-S", std::to_string(port_),
-            far_name_};
+    std::vector<std::string> command = {"gpsd",   "-N", "-n",  "-p", "-s",
+                                        "115200", "-f", "8N1", "-S"};
+    command.insert(command.end(), {std::to_string(port_), far_name_});
+    if (geteuid() == 0) {
+        // Otherwise it gives up its rights by itself, and with them its end with its parent.
+        const std::array prefix = {"setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups",
+                                   "--pdeathsig=KILL"};
+        command.insert(command.begin(), prefix.begin(), prefix.end());
+    }
+    return command;
 }
 
 void Subject::Start() {
