@@ -48,6 +48,7 @@ function(shd_generated file directory component program)
 endfunction()
 
 install(TARGETS shdtool RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
+install(FILES tools/tap/shd_line.lua DESTINATION ${CMAKE_INSTALL_DATADIR}/shd COMPONENT runtime)
 install(TARGETS mcusim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT dev)
 shd_generated(shdtool ${CMAKE_INSTALL_DATADIR}/bash-completion/completions runtime
   shdtool completion bash)

@@ -24,8 +24,8 @@ const CommandRows& AllCommands() {
         CommandRows all;
         for (auto* family : {StatusCommands, ClientsCommands, ListCommands, WatchCommands,
                              RecordCommands, ReplayCommands, AuditCommands, SensorCommands,
-                             FlushCommands, McuCommands, RawCommands, LogCommands, DumpCommands,
-                             RawLogCommands, ImageCommands, CompletionCommands}) {
+                             FlushCommands, McuCommands, RawCommands, LogCommands, TapCommands,
+                             DumpCommands, RawLogCommands, ImageCommands, CompletionCommands}) {
             for (Command& row : family()) all.push_back(std::move(row));
         }
         return all;

@@ -24,6 +24,7 @@ using CommandRows = std::vector<Command>;
 [[nodiscard]] CommandRows McuCommands();
 [[nodiscard]] CommandRows RawCommands();
 [[nodiscard]] CommandRows LogCommands();
+[[nodiscard]] CommandRows TapCommands();
 [[nodiscard]] CommandRows DumpCommands();
 [[nodiscard]] CommandRows RawLogCommands();
 [[nodiscard]] CommandRows ImageCommands();

@@ -50,7 +50,7 @@ std::optional<std::vector<uint8_t>> FrameReader::Push(uint8_t byte) {
             escaped_ = true;
             return std::nullopt;
         }
-        if (bytes_.size() == kMaxFrameBytes) {
+        if (bytes_.size() == max_bytes_) {
             overlong_ = true;
         } else {
             bytes_.push_back(escaped_ ? static_cast<uint8_t>(byte ^ kEscapeMask) : byte);

@@ -15,12 +15,14 @@ inline constexpr uint8_t kFlagByte = 0x7E;
 // The whole frame: stuffed payload, stuffed FCS (low byte first), flag.
 [[nodiscard]] std::vector<uint8_t> EncodeFrame(std::span<const uint8_t> payload);
 
-// Collects bytes into frames. A frame longer than any request, one with a bad FCS and one that is
+// Collects bytes into frames. A frame longer than the limit, one with a bad FCS and one that is
 // aborted (escape, then flag) are counted as bad and skipped up to their flag; empty frames are
 // ignored.
 class FrameReader {
   public:
-    static constexpr size_t kMaxFrameBytes = 256;  // payload and FCS
+    static constexpr size_t kLongestRequest = 256;  // more than any; payload and FCS
+
+    explicit FrameReader(size_t max_bytes = kLongestRequest) : max_bytes_(max_bytes) {}
 
     // Takes one byte; returns the payload when the byte completed an intact frame.
     [[nodiscard]] std::optional<std::vector<uint8_t>> Push(uint8_t byte);
@@ -31,6 +33,7 @@ class FrameReader {
     [[nodiscard]] uint64_t bad_frames() const { return bad_frames_; }
 
   private:
+    const size_t max_bytes_;
     std::vector<uint8_t> bytes_;
     bool escaped_ = false;
     bool overlong_ = false;

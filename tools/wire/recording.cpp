@@ -130,6 +130,10 @@ Time ReadClock(clockid_t clock) {
 
 }  // namespace
 
+std::string_view NameOf(Pin pin) {
+    return kPinNames[static_cast<size_t>(pin)];
+}
+
 Clocks ReadClocks() {
     return {ReadClock(CLOCK_REALTIME), ReadClock(CLOCK_BOOTTIME)};
 }
@@ -140,8 +144,7 @@ std::string FormatStep(Time at, Direction direction, std::span<const uint8_t> by
 }
 
 std::string FormatStep(Time at, Pin pin, bool high) {
-    return fmt::format("{:.6f} ! {} {}\n", Seconds(at), kPinNames[static_cast<size_t>(pin)],
-                       high ? 1 : 0);
+    return fmt::format("{:.6f} ! {} {}\n", Seconds(at), NameOf(pin), high ? 1 : 0);
 }
 
 std::string FormatStep(Time at, const LineSettings& settings) {

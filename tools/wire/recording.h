@@ -17,6 +17,7 @@ enum class Direction { kHostToMcu, kMcuToHost };
 
 // The pins of the MCU that choose what it starts (boot0 high: its bootloader), and when.
 enum class Pin { kBoot0, kReset };
+[[nodiscard]] std::string_view NameOf(Pin pin);
 
 // What a step says, behind its time in seconds on the recorder's clock.
 enum class StepKind {

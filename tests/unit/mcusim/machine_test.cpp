@@ -238,7 +238,7 @@ TEST(McuFrame, PublishedBytesBothWaysAndDamageCostsOnlyItsOwnFrame) {
     for (const auto& [payload, frame] : frames) {
         EXPECT_EQ(EncodeFrame(payload), frame);
         for (Bytes line : {Bytes{0, 0, 1, 0xCC, 0xC6}, Bytes{0x7E, 0x55}, Bytes{1, 2, 3, 0x7D},
-                           Bytes(FrameReader::kMaxFrameBytes + 40, 0x11)}) {
+                           Bytes(FrameReader::kLongestRequest + 40, 0x11)}) {
             line.push_back(kFlagByte);
             line.insert(line.end(), frame.begin(), frame.end());
             FrameReader reader;
