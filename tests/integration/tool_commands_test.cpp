@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <filesystem>
 
 #include "tests/integration/tool_hub.h"
 #include "tests/integration/tool_window.h"
@@ -129,10 +130,12 @@ TEST_F(ToolCommands, BashAndZshCompleteTheLine) {
         {"shdtool audit --sensor heart", "shdtool audit --sensor heart-rate "},
         {"shdtool dump decode 3", "shdtool dump decode 3 "},
         {"shdtool image show /etc/hostn", "shdtool image show /etc/hostname "},
-        {"shdtool --root /usr/shar", "shdtool --root /usr/share/"},
+        {"shdtool --root " + hub_->root() + "/pick", "shdtool --root " + hub_->root() + "/picked/"},
         {"mcusim --send br", "mcusim --send brownout "},
         {"mcusim --replay /etc/hostn", "mcusim --replay /etc/hostname "},
     };
+    hub_->WriteFile("/pickle", "");  // no directory
+    std::filesystem::create_directory(hub_->root() + "/picked");
     const std::string line = hub_->root() + "/line";
     const std::pair<std::string, std::string> shells[] = {
         {"bash --norc --noprofile -i",

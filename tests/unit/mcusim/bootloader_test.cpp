@@ -135,6 +135,17 @@ TEST_F(SimulatedBootloader, ProtectedSectorsIgnoreWritesAndErasesInSilence) {
     EXPECT_EQ(At(0), 0x30) << "programming clears bits and sets none";
 }
 
+TEST_F(SimulatedBootloader, WhatWasWrittenAndErasedOutlivesTheProcess) {
+    flash_->Program(kFlashBase, Bytes(0x8000, 0x5A));
+    EXPECT_EQ(Exchange("44 BB 00 00 00 00 00"), Hex("79 79"));  // sector 0, 16 KiB
+    EXPECT_EQ(Exchange("31 CE 08 00 00 04 0C 03 1 2 4 8 0C"), Hex("79 79 79"));
+    PowerOn(0);
+    EXPECT_EQ(At(3), 0xFF);
+    EXPECT_EQ(At(4), 0x01);
+    EXPECT_EQ(At(8), 0xFF);
+    EXPECT_EQ(At(0x4000), 0x5A);
+}
+
 TEST_F(SimulatedBootloader, InjectedFaultsHitTheChosenBlock) {
     boot_->NackBlock(2);
     EXPECT_EQ(Exchange("31 CE 08 00 00 00 08 00 55 55"), Hex("79 79 79"));

@@ -228,6 +228,50 @@ TEST(Machine, OnlyAResetForgetsAndAHardHangOutlastsIt) {
     EXPECT_EQ(host.Do("flip 0x08000500 3"), "blank");
 }
 
+TEST(Machine, FramesAreLostDamagedAndSwallowedAsOftenAsAsked) {
+    const struct {
+        const char* order;
+        int least, most;  // good answers to 200 requests
+    } rows[] = {
+        {"noreply 17 4 2", 198, 198}, {"drop 1", 0, 0},         {"drop 0.3", 70, 126},
+        {"drop 0", 200, 200},         {"corrupt 0.5", 70, 130}, {"corrupt 0", 200, 200},
+    };
+    Host host;
+    for (const auto& row : rows) {
+        host.Do(row.order);
+        int answers = 0;
+        for (int i = 0; i < 200; ++i) {
+            host.line.clear();
+            host.machine->HostWrote(host.now, EncodeFrame(Bytes{1, 0, 17, 4}));
+            host.RunTo(host.now + 100ms);
+            FrameReader reader;
+            for (const uint8_t byte : host.line) answers += reader.Push(byte) ? 1 : 0;
+        }
+        EXPECT_GE(answers, row.least) << row.order;
+        EXPECT_LE(answers, row.most) << row.order;
+    }
+}
+
+TEST(Script, StepsRunWhenTheyFallDueAndTellWhatCameOfThem) {
+    Host host;
+    const std::string path = host.path + ".script";
+    std::ofstream(path) << "every 40ms help\nat 0.1s help # once\nat 0s tilt\nat 40ms help\n";
+    Script script(path);
+    std::string told;
+    bool quit = false;
+    for (int i = 0; i < 7; ++i) {
+        const TimePoint due = script.NextDue().value();
+        CommandContext context{*host.machine, due, quit, path};
+        script.RunNext(context, [&](const std::string& where, const std::string&, bool ok) {
+            told += where.substr(path.size()) + (ok ? " at " : " fails at ") +
+                    std::to_string(due / 1ms) + "\n";
+        });
+    }
+    std::filesystem::remove(path);
+    EXPECT_EQ(told,
+              ":3 fails at 0\n:1 at 40\n:4 at 40\n:1 at 80\n:2 at 100\n:1 at 120\n:1 at 160\n");
+}
+
 TEST(McuFrame, PublishedBytesBothWaysAndDamageCostsOnlyItsOwnFrame) {
     const std::pair<Bytes, Bytes> frames[] = {
         {{'1', '2', '3', '4', '5', '6', '7', '8', '9'},  // CRC-16/X-25's check value, 0x906E
@@ -264,6 +308,8 @@ TEST(SerialLine, BytesTakeTheirTimeAndACutStopsThem) {
     line.CutOutput(251ms + 400us);
     EXPECT_EQ(line.TakeDue(1s)->due, 229ms);
     EXPECT_EQ(line.TakeDue(1s)->bytes.size(), 22U);
+    line.Send(260ms, Bytes(10, 3), kBitsPerByte8N1);  // what was cut takes no time
+    EXPECT_EQ(line.TakeDue(1s)->due, 270ms);
 }
 
 const std::filesystem::path kRoot = testing::TempDir() + "mcusim." + std::to_string(getpid());
