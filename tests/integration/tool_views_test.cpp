@@ -77,6 +77,26 @@ TEST_F(ToolViews, SaysWhoIsSilent) {
     EXPECT_THAT(window.bytes(), HasSubstr("\x1b[31m"));
 }
 
+TEST_F(ToolViews, SaysAboveTheTableHowASecondTerminalReachesTheHub) {
+    ASSERT_EQ(Run("enable accelerometer --rate 50").status, 0);
+    {
+        ToolWindow window(hub_->root(), "watch", 80, 24);
+        EXPECT_THAT(window.WaitForPage("accelerometer"),
+                    testing::StartsWith("in a second terminal: export SHD_ROOT=" + hub_->root()));
+    }
+    // As scripts/run does.
+    const std::string link = testing::TempDir() + "shd-demo-" + std::to_string(getuid());
+    unlink(link.c_str());
+    ASSERT_EQ(symlink(hub_->root().c_str(), link.c_str()), 0);
+    for (const char* arguments : {"watch", "watch --plot"}) {
+        ToolWindow window(hub_->root(), arguments, 200, 24,
+                          "TERM=xterm LC_ALL=C XDG_RUNTIME_DIR=" + testing::TempDir());
+        EXPECT_THAT(window.WaitForPage("accelerometer"),
+                    testing::StartsWith("in a second terminal: " SHDTOOL_BINARY " finds this hub"));
+    }
+    unlink(link.c_str());
+}
+
 TEST_F(ToolViews, PlainTerminalsGetPlainText) {
     const struct {
         std::string environment;

@@ -38,4 +38,8 @@ std::string DefaultRoot() {
     return access(SocketPath("", kDataSocket).c_str(), F_OK) == 0 ? "" : FindDemoHub();
 }
 
+bool IsDemoHub(const std::string& root) {
+    return !root.empty() && FindDemoHub() == root;
+}
+
 }  // namespace shdclient

@@ -10,4 +10,7 @@ namespace shdclient {
 // for this user, or else the device's own root. May wait as long as a connection does (seconds).
 [[nodiscard]] std::string DefaultRoot();
 
+// Whether that tree is of the hub of scripts/run which DefaultRoot finds.
+[[nodiscard]] bool IsDemoHub(const std::string& root);
+
 }  // namespace shdclient

@@ -8,7 +8,7 @@
 #include <cmath>
 #include <cstdio>
 
-#include "tools/shdtool/output_style.h"
+#include "tools/shdtool/terminal.h"
 
 namespace shdtool {
 namespace {
@@ -17,13 +17,6 @@ using shdclient::ErrorCode;
 using std::chrono::milliseconds;
 
 constexpr milliseconds kSlowReply{2'000};
-
-// One line, on a terminal broken at blanks; of more, the command has made rows that fit.
-void Say(std::FILE* stream, const std::string& text) {
-    constexpr size_t kIndent = 2;  // of what does not fit into the first row
-    const bool rows = text.find('\n') != std::string::npos;
-    fmt::print(stream, "{}\n", rows ? text : StyleOf(fileno(stream)).Fit(text, kIndent));
-}
 
 void TellAboutWait(milliseconds left) {
     Say(stderr, fmt::format("shdtool: no reply yet; waiting up to {} s more", left.count() / 1000));

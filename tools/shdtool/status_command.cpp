@@ -16,8 +16,8 @@
 #include "tools/client/hub_client.h"
 #include "tools/client/local_socket.h"
 #include "tools/shdtool/command_table.h"
-#include "tools/shdtool/output_style.h"
 #include "tools/shdtool/status_checks.h"
+#include "tools/shdtool/terminal.h"
 
 namespace shdtool {
 namespace {
@@ -39,8 +39,8 @@ class Findings {
         if (!json_) {
             const std::string head =
                 fmt::format("{:<4}  {:<30}  ", VerdictText(check.verdict), check.name);
-            fmt::print("{}{}\n", style_.Paint(head, ColourOf(check.verdict)),
-                       style_.Fit(check.text, head.size()));
+            fmt::print("{}{}\n", Styled(head, StyleOf(check.verdict)),
+                       Fit(check.text, head.size()));
             (void)std::fflush(stdout);
         }
         Json fields{{"verdict", VerdictText(check.verdict)}};
@@ -71,13 +71,12 @@ class Findings {
     [[nodiscard]] const Report& report() const { return report_; }
 
   private:
-    static std::string_view ColourOf(Verdict verdict) {
-        constexpr std::array<std::string_view, 4> kColours{"32", "", "33", "1;31"};
-        return kColours[static_cast<size_t>(verdict)];
+    static Style StyleOf(Verdict verdict) {
+        constexpr std::array kStyles{Style::kGood, Style::kPlain, Style::kWarning, Style::kFault};
+        return kStyles[static_cast<size_t>(verdict)];
     }
 
     const bool json_;
-    const OutputStyle style_ = StandardOutputStyle();
     Report report_{""};
 };
 

@@ -8,6 +8,7 @@
 #include <optional>
 
 #include "tools/shdtool/engine/stop_signals.h"
+#include "tools/shdtool/terminal.h"
 
 namespace shdtool {
 namespace {
@@ -136,11 +137,11 @@ std::string ChangeText(const Delivery& change) {
 }
 
 void EventSink::OnChange(const Delivery& change) {
-    fmt::print(stderr, "shdtool: {}\n", ChangeText(change));
+    Say(stderr, "shdtool: " + ChangeText(change));
 }
 
 void EventSink::OnSilence() {
-    fmt::print(stderr, "shdtool: no sample came so far; is a sensor enabled?\n");
+    Say(stderr, "shdtool: no sample came so far; is a sensor enabled?");
 }
 
 shdclient::Result<bool> EventSink::OnTick(const WatchState& /*state*/) {

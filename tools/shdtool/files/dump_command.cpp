@@ -13,7 +13,7 @@
 #include "tools/shdtool/files/dump_store.h"
 #include "tools/shdtool/files/dump_text.h"
 #include "tools/shdtool/files/file_io.h"
-#include "tools/shdtool/output_style.h"
+#include "tools/shdtool/terminal.h"
 
 namespace shdtool {
 namespace {
@@ -39,7 +39,6 @@ Outcome ListDumps(Context& context) {
                      fmt::format("there is no directory {}; without it the daemon stores no dumps",
                                  directory)};
     }
-    const OutputStyle style = StandardOutputStyle();
     Report report{fmt::format("SLOT  RAW BYTES  {:>9}  {:<19}  CHECK", "BASE64", "WRITTEN")};
     Json slots = Json::List();
     int number = 0;
@@ -52,7 +51,7 @@ Outcome ListDumps(Context& context) {
         const std::string head =
             fmt::format("{:>4}  {}  {}  {}  ", slot_number, SizeColumn(slot.raw),
                         SizeColumn(slot.text), FormatFileTime(slot.written()));
-        report.text += "\n" + head + style.Fit(verdict.text, head.size());
+        report.text += "\n" + head + Fit(verdict.text, head.size());
         slots.Add({{"slot", slot_number},
                    {"raw", FileFields(slot.raw_path, slot.raw)},
                    {"base64", FileFields(slot.text_path, slot.text)},

@@ -16,7 +16,7 @@
 #include "tools/shdtool/command_table.h"
 #include "tools/shdtool/files/file_io.h"
 #include "tools/shdtool/files/image_check.h"
-#include "tools/shdtool/output_style.h"
+#include "tools/shdtool/terminal.h"
 
 namespace shdtool {
 namespace {
@@ -63,10 +63,8 @@ Report ReportOf(const std::string& path, const ImageReport& image) {
         report.text += fmt::format("\n  {:<11} {}", label, text);
         report.fields.Set(field, value);
     }
-    const OutputStyle style = StandardOutputStyle();
-    for (const std::string& note : image.notes) report.text += "\n  note: " + style.Fit(note, 8);
-    for (const std::string& fault : image.wrong())
-        report.text += "\n  FAULT: " + style.Fit(fault, 9);
+    for (const std::string& note : image.notes) report.text += "\n  note: " + Fit(note, 8);
+    for (const std::string& fault : image.wrong()) report.text += "\n  FAULT: " + Fit(fault, 9);
     report.text += image.good() ? "\nThe image is good." : "\nThe image is NOT good.";
     report.fields.Merge({{"faults", Json::List(image.faults)},
                          {"size_fault", image.size_fault},
@@ -135,8 +133,7 @@ Outcome Show(Context& context) {
     const ImageReport image = ExamineImage(BytesOf(*content));
     const std::string decision = DaemonDecision(image, McuVersion(context));
     Report report = ReportOf(path, image);
-    report.text += "\n" + StandardOutputStyle().Fit(
-                              fmt::format("At its next start the daemon {}.", decision), 2);
+    report.text += "\n" + Fit(fmt::format("At its next start the daemon {}.", decision), 2);
     report.fields.Set("daemon", decision);
     return report;
 }

@@ -63,13 +63,12 @@ class LogPrinter {
     }
     void Print(const LogItem& item) const {
         if (!filter_.Wants(item)) return;
-        fmt::print("{}\n", json_ ? JsonOf(item).Text() : TextOf(item, style_));
+        fmt::print("{}\n", json_ ? JsonOf(item).Text() : TextOf(item));
     }
 
     const bool json_;
     const bool fold_;
     const LogFilter filter_;
-    const OutputStyle style_ = StandardOutputStyle();
     LogFolder folder_;
     bool of_daemon_ = false;
 };

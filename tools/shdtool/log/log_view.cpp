@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "tools/shdtool/files/image_check.h"
+#include "tools/shdtool/terminal.h"
 
 namespace shdtool {
 namespace {
@@ -15,10 +16,10 @@ char LevelOf(const Episode& episode) {
     return episode.kind == EpisodeKind::kUpdate ? 'I' : 'W';
 }
 
-std::string_view ColourOf(char level) {
-    if (level == 'E' || level == 'F') return "31";
-    if (level == 'W') return "33";
-    return level == 'I' ? "32" : "2";
+Style StyleOf(char level) {
+    if (level == 'E' || level == 'F') return Style::kFault;
+    if (level == 'W') return Style::kWarning;
+    return level == 'I' ? Style::kGood : Style::kDim;
 }
 
 std::string_view TimeOf(std::string_view stamp) {
@@ -95,7 +96,7 @@ bool LogFilter::Wants(const LogItem& item) const {
     return level_reached(line.level) && tag_wanted(line.tag) && BeginsAt(line.stamp, at);
 }
 
-std::string TextOf(const LogItem& item, const OutputStyle& style) {
+std::string TextOf(const LogItem& item) {
     const auto* episode = std::get_if<Episode>(&item);
     const LogLine& line = episode != nullptr ? episode->first : std::get<LogLine>(item);
     if (line.stamp.empty()) return Printable(line.text);
@@ -103,10 +104,11 @@ std::string TextOf(const LogItem& item, const OutputStyle& style) {
     const std::string_view tag = episode != nullptr ? ">>" : std::string_view(line.tag);
     const std::string head = fmt::format("{} {} {:<10} ", line.stamp, level, tag);
     const std::string text =
-        style.Fit(Printable(episode != nullptr ? Describe(*episode) : WithSensorName(line.text)),
-                  head.size());
-    if (episode != nullptr) return style.Paint(head + text, level == 'E' ? "1;31" : "1");
-    return style.Paint(head, ColourOf(level)) + text;
+        Fit(Printable(episode != nullptr ? Describe(*episode) : WithSensorName(line.text)),
+            head.size());
+    if (episode != nullptr)
+        return Styled(head + text, level == 'E' ? Style::kFault : Style::kHeading);
+    return Styled(head, StyleOf(level)) + text;
 }
 
 Json JsonOf(const LogItem& item) {

@@ -8,7 +8,6 @@
 
 #include "tools/shdtool/json.h"
 #include "tools/shdtool/log/log_fold.h"
-#include "tools/shdtool/output_style.h"
 
 namespace shdtool {
 
@@ -23,7 +22,7 @@ struct LogFilter {
 };
 
 // Without a line end. On a terminal broken at blanks.
-[[nodiscard]] std::string TextOf(const LogItem& item, const OutputStyle& style);
+[[nodiscard]] std::string TextOf(const LogItem& item);
 [[nodiscard]] Json JsonOf(const LogItem& item);
 
 }  // namespace shdtool

@@ -8,8 +8,8 @@
 #include "tools/client/local_socket.h"
 #include "tools/shdtool/command_table.h"
 #include "tools/shdtool/files/image_check.h"
-#include "tools/shdtool/output_style.h"
 #include "tools/shdtool/sockets/socket_table.h"
+#include "tools/shdtool/terminal.h"
 
 namespace shdtool {
 namespace {
@@ -29,14 +29,14 @@ std::string StateOf(const Row& row) {
     return row.client.unserved > 0 ? "waits for the hub" : "ok";
 }
 
-std::string TextOf(const Row& row, const OutputStyle& style) {
+std::string TextOf(const Row& row) {
     const SocketClient& client = row.client;
     const std::string pid = client.pid > 0 ? std::to_string(client.pid) : "?";
     const std::string name = client.pid > 0 ? Printable(client.name) : "not yours";
-    const std::string_view colour = client.losing() ? "1;31" : "";
+    const Style style = client.losing() ? Style::kFault : Style::kPlain;
     return fmt::format("{:<7} {:>8}  {:<15} {:>9} {:>9} {:>4} %  {}", row.socket, pid, name,
                        client.unread, client.unserved, client.fill_percent(),
-                       style.Paint(StateOf(row), colour));
+                       Styled(StateOf(row), style));
 }
 
 Json JsonOf(const Row& row) {
@@ -60,7 +60,6 @@ Outcome ShowClients(Context& context) {
     }
     const Result<std::vector<SocketUse>> uses = ReadSocketUse(paths);
     if (!uses) return uses.error();
-    const OutputStyle style = StandardOutputStyle();
     std::vector<Row> rows;
     bool served = false;
     for (size_t i = 0; i < paths.size(); ++i) {
@@ -79,7 +78,7 @@ Outcome ShowClients(Context& context) {
     Json list = Json::List();
     size_t losing = 0;
     for (const Row& row : rows) {
-        report.text += "\n" + TextOf(row, style);
+        report.text += "\n" + TextOf(row);
         list.Add(JsonOf(row));
         if (row.client.losing()) ++losing;
     }

@@ -52,6 +52,11 @@ bool LiveView::Obey(Key key) {
     return true;
 }
 
+void LiveView::OnStart(EventSource& source) {
+    source_ = &source;
+    if (!source.live()) title_.clear();
+}
+
 void LiveView::OnSilence() {
     if (!Terminal().drawable) EventSink::OnSilence();  // else the page says it
 }
@@ -67,14 +72,23 @@ shdclient::Result<bool> LiveView::OnTick(const WatchState& state) {
     const bool due = !paused_ && now - drawn_ >= kRedrawInterval;
     if (!asked && !due) return true;
     drawn_ = now;
-    screen_.Draw(help_ ? HelpLines() : Page(state, Screen::size()));
+    screen_.Draw(help_ ? HelpLines() : TitledPage(state));
     return true;
+}
+
+std::vector<Line> LiveView::TitledPage(const WatchState& state) {
+    WindowSize size = WindowOf();
+    std::vector<Line> page = WrappedLines({{title_}}, size.columns);
+    if (title_.empty()) page.clear();
+    size.rows -= std::min(page.size(), size.rows);
+    for (Line& line : Page(state, size)) page.push_back(std::move(line));
+    return page;
 }
 
 shdclient::Status LiveView::OnEnd(const WatchState& state) {
     screen_.Leave();
     const bool window = Terminal().terminal;
-    const Screen::Size size{window ? Screen::size().columns : kPrintedColumns, kPrintedRows};
+    const WindowSize size{window ? WindowOf().columns : kPrintedColumns, kPrintedRows};
     for (const Line& line : Page(state, size)) {
         fmt::print("{}\n", Styled(line.text, line.style));
     }

@@ -4,23 +4,26 @@
 
 #include <algorithm>
 #include <chrono>
+#include <string>
 #include <vector>
 
 #include "tools/shdtool/engine/loop.h"
-#include "tools/shdtool/views/terminal.h"
+#include "tools/shdtool/views/screen.h"
 
 namespace shdtool {
 
 class LiveView : public EventSink {
   public:
-    void OnStart(EventSource& source) override { source_ = &source; }
+    void OnStart(EventSource& source) override;
+    // What stands above the page while it is drawn, when the events are those of the hub.
+    void SetTitle(const std::string& title) { title_ = title; }
     void OnSilence() final;
     [[nodiscard]] shdclient::Result<bool> OnTick(const WatchState& state) final;
     [[nodiscard]] shdclient::Status OnEnd(const WatchState& state) final;
 
   protected:
     // The lines for a window of that size.
-    [[nodiscard]] virtual std::vector<Line> Page(const WatchState& state, Screen::Size size) = 0;
+    [[nodiscard]] virtual std::vector<Line> Page(const WatchState& state, WindowSize size) = 0;
     virtual void Reset() = 0;
     // How many rows or strips there are to move through.
     [[nodiscard]] virtual size_t Count() const = 0;
@@ -32,9 +35,11 @@ class LiveView : public EventSink {
 
   private:
     [[nodiscard]] bool Obey(Key key);
+    [[nodiscard]] std::vector<Line> TitledPage(const WatchState& state);
 
     EventSource* source_ = nullptr;
     Screen screen_;
+    std::string title_;
     size_t first_ = 0;
     bool paused_ = false;
     bool help_ = false;

@@ -1,13 +1,31 @@
 // The shared options as rows, and what they ask for. Called by the watching commands.
 #include "tools/shdtool/views/options.h"
 
-#include <cmath>
+#include <fmt/format.h>
 
+#include <cmath>
+#include <filesystem>
+#include <system_error>
+
+#include "tools/client/default_root.h"
 #include "tools/shdtool/views/lines.h"
 #include "tools/shdtool/views/plot.h"
 #include "tools/shdtool/views/table.h"
 
 namespace shdtool {
+namespace {
+
+// How a second terminal reaches the hub; empty for the device's own, which is found anyway.
+std::string HowToReach(const std::string& root) {
+    if (root.empty()) return "";
+    if (!shdclient::IsDemoHub(root)) return "in a second terminal: export SHD_ROOT=" + root;
+    std::error_code none;
+    const auto program = std::filesystem::read_symlink("/proc/self/exe", none);
+    return fmt::format("in a second terminal: {} finds this hub",
+                       none ? "shdtool" : program.string());
+}
+
+}  // namespace
 
 const char* const kTableLegend =
     "The table:\n"
@@ -114,11 +132,17 @@ shdclient::Result<std::unique_ptr<EventSink>> MakeView(const Context& context,
                               ? "--plot needs a terminal that TERM knows to place its cursor"
                               : "--plot needs a terminal as standard output");
     }
-    if (plot) return View(std::make_unique<PlotView>(arguments.Number("--window")));
     if (csv) return View(std::make_unique<CsvPrinter>());
-    if (lines || (!table && !drawable)) return View(std::make_unique<LinePrinter>());
-    return View(std::make_unique<TableView>(
-        StatsOptions{.asked_ns = request.asked_ns(), .asked_batch = request.batch}));
+    if (lines || (!plot && !table && !drawable)) return View(std::make_unique<LinePrinter>());
+    std::unique_ptr<LiveView> view;
+    if (plot) {
+        view = std::make_unique<PlotView>(arguments.Number("--window"));
+    } else {
+        view = std::make_unique<TableView>(
+            StatsOptions{.asked_ns = request.asked_ns(), .asked_batch = request.batch});
+    }
+    view->SetTitle(HowToReach(context.root));
+    return View(std::move(view));
 }
 
 }  // namespace shdtool

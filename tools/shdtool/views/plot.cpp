@@ -133,7 +133,7 @@ std::string PlotView::StatusLine(const WatchState& state, size_t shown) const {
     return line;
 }
 
-std::vector<Line> PlotView::Page(const WatchState& state, Screen::Size size) {
+std::vector<Line> PlotView::Page(const WatchState& state, WindowSize size) {
     constexpr size_t kMostRows = 12;  // of a strip that is printed at the end
     const int64_t start_ns = state.now_ns - window_ns_;
     for (auto& [handle, sensor] : sensors_) {

@@ -51,7 +51,7 @@ class PlotView final : public LiveView {
     void OnChange(const Delivery& change) override;
 
   protected:
-    [[nodiscard]] std::vector<Line> Page(const WatchState& state, Screen::Size size) override;
+    [[nodiscard]] std::vector<Line> Page(const WatchState& state, WindowSize size) override;
     void Reset() override;
     [[nodiscard]] size_t Count() const override { return Strips().size(); }
 

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 
-#include "tools/cli/parse.h"
 #include "tools/shdtool/engine/line_budget.h"
 #include "tools/shdtool/views/event_format.h"
 
@@ -64,7 +63,7 @@ std::string Sensors(size_t count) {
 
 }  // namespace
 
-std::vector<Line> TableLines(const StatsMap& sensors, int64_t now_ns, Screen::Size size,
+std::vector<Line> TableLines(const StatsMap& sensors, int64_t now_ns, WindowSize size,
                              size_t first) {
     const bool wide = size.columns >= kRowColumns + kValueColumns;
     std::vector<Line> lines{{fmt::format(kRowFormat, "SENSOR", "RATE Hz", "ASKED Hz", "JITT ms",
@@ -203,19 +202,10 @@ std::vector<Line> TableView::StatusLines(const WatchState& state, size_t columns
                                      FormatDuration(state.missed_ns)),
                          Style::kWarning});
     }
-    std::vector<Line> wrapped;
-    for (const Line& line : lines) {
-        std::string text = cli::Wrapped(line.text, columns, 0);
-        for (size_t end = 0; end != std::string::npos; text.erase(0, end + 1)) {
-            end = text.find('\n');
-            wrapped.push_back({text.substr(0, end), line.style});
-            if (end == std::string::npos) break;
-        }
-    }
-    return wrapped;
+    return WrappedLines(lines, columns);
 }
 
-std::vector<Line> TableView::Page(const WatchState& state, Screen::Size size) {
+std::vector<Line> TableView::Page(const WatchState& state, WindowSize size) {
     std::vector<Line> page = StatusLines(state, size.columns);
     page.emplace_back();
     const size_t kept = page.size() + 2;  // a blank line and the footer

@@ -18,8 +18,8 @@ using StatsMap = std::map<int32_t, SensorStats>;
 // The rows of the table with their heading, for a window of that many columns: in a narrow one the
 // values stand on lines of their own. Of the sensors from the first one on, what fits into so many
 // rows; the last line says how many sensors do not.
-[[nodiscard]] std::vector<Line> TableLines(const StatsMap& sensors, int64_t now_ns,
-                                           Screen::Size size, size_t first);
+[[nodiscard]] std::vector<Line> TableLines(const StatsMap& sensors, int64_t now_ns, WindowSize size,
+                                           size_t first);
 
 // What the sensors' reports take of the UART: "line: 1.8 kB/s, 16 % of the line".
 [[nodiscard]] Line LineBudgetLine(const StatsMap& sensors, int64_t now_ns);
@@ -34,7 +34,7 @@ class TableView final : public LiveView {
     void OnChange(const Delivery& change) override;
 
   protected:
-    [[nodiscard]] std::vector<Line> Page(const WatchState& state, Screen::Size size) override;
+    [[nodiscard]] std::vector<Line> Page(const WatchState& state, WindowSize size) override;
     void Reset() override;
     [[nodiscard]] size_t Count() const override { return sensors_.size(); }
 

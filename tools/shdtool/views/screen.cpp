@@ -1,74 +1,21 @@
-// Drawing by way of terminfo, the only file that knows that library. Called by the live views.
-#include "tools/shdtool/views/terminal.h"
+// Draws pages and reads keys. Called by the live views.
+#include "tools/shdtool/views/screen.h"
 
-#include <curses.h>
-#include <langinfo.h>
 #include <poll.h>
-#include <sys/ioctl.h>
-#include <term.h>
 #include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <clocale>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
+#include <sstream>
 
-// The header's names of two capabilities.
-#undef columns
-#undef lines
+#include "tools/cli/parse.h"
 
 namespace shdtool {
 namespace {
 
 termios g_keys_before;  // of the one terminal that there is
-
-// A string capability, or nothing where the terminal has none.
-std::string Capability(const char* name) {
-    if (!Terminal().drawable) return "";
-    const char* text = tigetstr(name);
-    return text == nullptr || text == reinterpret_cast<const char*>(-1) ? "" : text;
-}
-
-TerminalTraits FindTraits() {
-    TerminalTraits traits;
-    (void)std::setlocale(LC_CTYPE, "");
-    traits.utf8 = std::strcmp(nl_langinfo(CODESET), "UTF-8") == 0;
-    traits.terminal = isatty(STDOUT_FILENO) == 1;
-    int found = 0;
-    if (!traits.terminal || setupterm(nullptr, STDOUT_FILENO, &found) != OK) return traits;
-    const char* home = tigetstr("home");
-    const char* erase = tigetstr("el");
-    traits.drawable = home != nullptr && home != reinterpret_cast<const char*>(-1) &&
-                      erase != nullptr && erase != reinterpret_cast<const char*>(-1);
-    const char* no_color = std::getenv("NO_COLOR");
-    const bool wanted = no_color == nullptr || *no_color == '\0';
-    traits.colour = traits.drawable && wanted && tigetnum("colors") >= 8;
-    return traits;
-}
-
-std::string Colour(Style style) {
-    static const std::string set = Capability("setaf");
-    const auto numbered = [&](long number) {
-        const char* text = tparm(set.c_str(), number, 0L, 0L, 0L, 0L, 0L, 0L, 0L, 0L);
-        return std::string(text != nullptr ? text : "");
-    };
-    switch (style) {
-        case Style::kPlain:
-            break;
-        case Style::kHeading:
-            return Capability("bold");
-        case Style::kGood:
-            return numbered(COLOR_GREEN);
-        case Style::kWarning:
-            return numbered(COLOR_YELLOW);
-        case Style::kFault:
-            return numbered(COLOR_RED);
-    }
-    return "";
-}
 
 // A page is one write, so that the terminal never shows half of one.
 void Write(const std::string& text) {
@@ -101,17 +48,6 @@ constexpr std::array<KeyName, 12> kKeys{{{"q", Key::kQuit},
 
 }  // namespace
 
-const TerminalTraits& Terminal() {
-    static const TerminalTraits traits = FindTraits();
-    return traits;
-}
-
-std::string Styled(std::string_view text, Style style) {
-    const std::string plain(text);
-    if (!Terminal().colour || style == Style::kPlain) return plain;
-    return Colour(style) + plain + Capability("sgr0");
-}
-
 std::string_view CutToColumns(std::string_view line, size_t columns) {
     size_t seen = 0;
     for (size_t i = 0; i < line.size(); ++i) {
@@ -121,17 +57,17 @@ std::string_view CutToColumns(std::string_view line, size_t columns) {
     return line;
 }
 
-Screen::Size Screen::size() {
-    winsize window{};
-    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &window) != 0 || window.ws_col == 0 ||
-        window.ws_row == 0) {
-        return {80, 24};
+std::vector<Line> WrappedLines(const std::vector<Line>& lines, size_t columns) {
+    std::vector<Line> wrapped;
+    for (const Line& line : lines) {
+        std::istringstream rows(cli::Wrapped(line.text, columns, 0));
+        for (std::string row; std::getline(rows, row);) wrapped.push_back({row, line.style});
     }
-    return {window.ws_col, window.ws_row};
+    return wrapped;
 }
 
 void Screen::Draw(const std::vector<Line>& lines) {
-    const Size window = size();
+    const WindowSize window = WindowOf();
     std::string page = taken_ ? "" : Capability("smcup") + Capability("civis");
     if (!taken_) TakeKeys();
     taken_ = true;
