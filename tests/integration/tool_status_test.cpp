@@ -141,7 +141,7 @@ TEST(ToolAnswers, FitAWindowOf80Columns) {
         ToolWindow window(hub.root(), std::string("shdtool ") + command, 80, 24);
         (void)window.Status();
         std::istringstream lines(
-            std::regex_replace(window.bytes(), std::regex("\x1B\\[[0-9;]*m|\r"), ""));
+            std::regex_replace(window.bytes(), std::regex("\x1B(\\[[0-9;]*m|\\(B)|\r"), ""));
         for (std::string line; std::getline(lines, line);) {
             // A path may be longer than the window; it is not broken.
             if (line.find("/shd") != std::string::npos) continue;

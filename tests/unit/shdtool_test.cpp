@@ -7,10 +7,10 @@
 
 #include "tools/firmware/image.h"
 #include "tools/firmware/payload.h"
+#include "tools/shdtool/base/hex.h"
 #include "tools/shdtool/files/dump_text.h"
 #include "tools/shdtool/files/image_check.h"
 #include "tools/shdtool/files/rawlog.h"
-#include "tools/shdtool/hex.h"
 #include "tools/shdtool/status_checks.h"
 
 namespace shdtool {

@@ -1,7 +1,7 @@
 // shdtool completion: prints a completion script made from the commands as they are. A row of the
 // table of commands.
 #include "tools/cli/parse.h"
-#include "tools/shdtool/command_table.h"
+#include "tools/shdtool/base/command_rows.h"
 
 namespace shdtool {
 namespace {

@@ -12,7 +12,7 @@
 #include "tools/client/event_decoder.h"
 #include "tools/client/event_stream.h"
 #include "tools/client/hub_client.h"
-#include "tools/shdtool/command_table.h"
+#include "tools/shdtool/base/command_rows.h"
 
 using namespace shd;
 

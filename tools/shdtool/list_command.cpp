@@ -3,7 +3,7 @@
 
 #include "protocol/event.h"
 #include "tools/client/sensor_info.h"
-#include "tools/shdtool/command_table.h"
+#include "tools/shdtool/base/command_rows.h"
 
 namespace shdtool {
 namespace {

@@ -12,7 +12,7 @@
 #include "platform/standard_descriptors.h"
 #include "tools/cli/parse.h"
 #include "tools/client/default_root.h"
-#include "tools/shdtool/command_table.h"
+#include "tools/shdtool/base/command_rows.h"
 
 namespace {
 

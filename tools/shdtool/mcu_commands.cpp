@@ -10,7 +10,7 @@
 #include <limits>
 #include <string>
 
-#include "tools/shdtool/command_table.h"
+#include "tools/shdtool/base/command_rows.h"
 
 namespace shdtool {
 namespace {

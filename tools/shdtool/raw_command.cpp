@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "tools/client/hub_client.h"
-#include "tools/shdtool/command_table.h"
-#include "tools/shdtool/hex.h"
+#include "tools/shdtool/base/command_rows.h"
+#include "tools/shdtool/base/hex.h"
 
 using namespace shd;
 

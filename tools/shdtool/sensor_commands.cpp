@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "tools/shdtool/command_table.h"
+#include "tools/shdtool/base/command_rows.h"
+#include "tools/shdtool/base/hex.h"
 #include "tools/shdtool/engine/line_budget.h"
-#include "tools/shdtool/hex.h"
 
 namespace shdtool {
 namespace {

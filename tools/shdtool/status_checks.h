@@ -6,8 +6,8 @@
 #include <string>
 #include <string_view>
 
+#include "tools/shdtool/base/json.h"
 #include "tools/shdtool/files/image_check.h"
-#include "tools/shdtool/json.h"
 
 namespace shdtool {
 

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/shdtool/command_table.h"
+#include "tools/shdtool/base/command_rows.h"
 #include "tools/shdtool/engine/stop_signals.h"
 #include "tools/shdtool/files/file_io.h"
 #include "tools/tap/line_tap.h"

@@ -6,7 +6,7 @@
 #include <bit>
 #include <random>
 
-#include "tools/firmware/core_dump.h"
+#include "tools/firmware/dump_layout.h"
 #include "tools/firmware/part.h"
 #include "tools/mcusim/line/packet.h"
 

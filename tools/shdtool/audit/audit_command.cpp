@@ -8,7 +8,7 @@
 #include <memory>
 
 #include "tools/shdtool/audit/report.h"
-#include "tools/shdtool/command_table.h"
+#include "tools/shdtool/base/command_rows.h"
 #include "tools/shdtool/engine/line_budget.h"
 #include "tools/shdtool/engine/live_source.h"
 #include "tools/shdtool/engine/recording_source.h"

@@ -7,7 +7,7 @@
 #include <iterator>
 
 #include "tools/cli/parse.h"
-#include "tools/shdtool/command.h"
+#include "tools/shdtool/base/command.h"
 #include "tools/shdtool/engine/line_budget.h"
 
 namespace shdtool {

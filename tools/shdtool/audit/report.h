@@ -8,7 +8,7 @@
 
 #include "tools/shdtool/audit/flush_probe.h"
 #include "tools/shdtool/audit/verdict.h"
-#include "tools/shdtool/json.h"
+#include "tools/shdtool/base/json.h"
 
 namespace shdtool {
 

@@ -7,8 +7,8 @@
 #include <algorithm>
 #include <optional>
 
+#include "tools/shdtool/base/terminal.h"
 #include "tools/shdtool/engine/stop_signals.h"
-#include "tools/shdtool/terminal.h"
 
 namespace shdtool {
 namespace {

@@ -6,7 +6,7 @@
 #include <chrono>
 #include <cstdint>
 
-#include "tools/shdtool/command.h"
+#include "tools/shdtool/base/command.h"
 #include "tools/shdtool/engine/sampling.h"
 #include "tools/shdtool/engine/source.h"
 

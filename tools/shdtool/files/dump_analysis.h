@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "tools/firmware/core_dump.h"
+#include "tools/firmware/dump_layout.h"
 
 namespace shdtool {
 

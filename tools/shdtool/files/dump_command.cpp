@@ -8,12 +8,12 @@
 #include <string>
 
 #include "tools/client/local_socket.h"
-#include "tools/shdtool/command_table.h"
+#include "tools/shdtool/base/command_rows.h"
+#include "tools/shdtool/base/terminal.h"
 #include "tools/shdtool/files/dump_show.h"
 #include "tools/shdtool/files/dump_store.h"
 #include "tools/shdtool/files/dump_text.h"
 #include "tools/shdtool/files/file_io.h"
-#include "tools/shdtool/terminal.h"
 
 namespace shdtool {
 namespace {

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "tools/shdtool/command.h"
+#include "tools/shdtool/base/command.h"
 
 namespace shdtool {
 

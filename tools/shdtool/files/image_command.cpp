@@ -13,10 +13,10 @@
 
 #include "tools/firmware/image.h"
 #include "tools/firmware/payload.h"
-#include "tools/shdtool/command_table.h"
+#include "tools/shdtool/base/command_rows.h"
+#include "tools/shdtool/base/terminal.h"
 #include "tools/shdtool/files/file_io.h"
 #include "tools/shdtool/files/image_check.h"
-#include "tools/shdtool/terminal.h"
 
 namespace shdtool {
 namespace {

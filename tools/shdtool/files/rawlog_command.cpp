@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/shdtool/command_table.h"
+#include "tools/shdtool/base/command_rows.h"
 #include "tools/shdtool/files/file_io.h"
 #include "tools/shdtool/files/rawlog.h"
 

@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <string>
 
-#include "tools/shdtool/command_table.h"
+#include "tools/shdtool/base/command_rows.h"
 #include "tools/shdtool/log/log_input.h"
 #include "tools/shdtool/log/log_view.h"
 

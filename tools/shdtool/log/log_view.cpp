@@ -5,8 +5,8 @@
 
 #include <algorithm>
 
+#include "tools/shdtool/base/terminal.h"
 #include "tools/shdtool/files/image_check.h"
-#include "tools/shdtool/terminal.h"
 
 namespace shdtool {
 namespace {

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/shdtool/json.h"
+#include "tools/shdtool/base/json.h"
 #include "tools/shdtool/log/log_fold.h"
 
 namespace shdtool {

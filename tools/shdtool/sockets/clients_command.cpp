@@ -6,10 +6,10 @@
 #include <string>
 
 #include "tools/client/local_socket.h"
-#include "tools/shdtool/command_table.h"
+#include "tools/shdtool/base/command_rows.h"
+#include "tools/shdtool/base/terminal.h"
 #include "tools/shdtool/files/image_check.h"
 #include "tools/shdtool/sockets/socket_table.h"
-#include "tools/shdtool/terminal.h"
 
 namespace shdtool {
 namespace {

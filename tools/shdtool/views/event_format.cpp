@@ -7,7 +7,7 @@
 #include <cmath>
 #include <iterator>
 
-#include "tools/shdtool/hex.h"
+#include "tools/shdtool/base/hex.h"
 
 namespace shdtool {
 namespace {

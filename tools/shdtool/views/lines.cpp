@@ -8,8 +8,8 @@
 #include <cstring>
 #include <iterator>
 
-#include "tools/shdtool/command.h"
-#include "tools/shdtool/hex.h"
+#include "tools/shdtool/base/command.h"
+#include "tools/shdtool/base/hex.h"
 #include "tools/shdtool/views/event_format.h"
 #include "tools/shdtool/views/terminal.h"
 

@@ -6,7 +6,7 @@
 #include <optional>
 #include <vector>
 
-#include "tools/shdtool/command.h"
+#include "tools/shdtool/base/command.h"
 #include "tools/shdtool/engine/loop.h"
 
 namespace shdtool {

@@ -3,7 +3,7 @@
 
 #include <set>
 
-#include "tools/shdtool/command_table.h"
+#include "tools/shdtool/base/command_rows.h"
 #include "tools/shdtool/engine/live_source.h"
 #include "tools/shdtool/engine/record_file.h"
 #include "tools/shdtool/views/event_format.h"

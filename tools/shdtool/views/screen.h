@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-#include "tools/shdtool/terminal.h"
+#include "tools/shdtool/base/terminal.h"
 
 namespace shdtool {
 

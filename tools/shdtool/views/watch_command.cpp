@@ -1,6 +1,6 @@
 // shdtool watch and shdtool replay: show events as they come, and as they came. Rows of the table
 // of commands.
-#include "tools/shdtool/command_table.h"
+#include "tools/shdtool/base/command_rows.h"
 #include "tools/shdtool/engine/live_source.h"
 #include "tools/shdtool/engine/recording_source.h"
 #include "tools/shdtool/views/options.h"

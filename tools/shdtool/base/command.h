@@ -12,7 +12,7 @@
 #include "tools/cli/command_line.h"
 #include "tools/client/hub_client.h"
 #include "tools/client/result.h"
-#include "tools/shdtool/json.h"
+#include "tools/shdtool/base/json.h"
 
 namespace shdtool {
 

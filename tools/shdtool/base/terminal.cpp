@@ -1,6 +1,6 @@
 // Looks at the terminal by way of terminfo and the environment. Called by everything that prints
 // for people.
-#include "tools/shdtool/terminal.h"
+#include "tools/shdtool/base/terminal.h"
 
 #include <curses.h>
 #include <fmt/core.h>

@@ -1,6 +1,6 @@
 // Puts the rows of all commands together, and the options that all of them understand. Called by
 // main and by the completion command.
-#include "tools/shdtool/command_table.h"
+#include "tools/shdtool/base/command_rows.h"
 
 namespace shdtool {
 namespace {

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "tools/cli/command_line.h"
-#include "tools/shdtool/command.h"
+#include "tools/shdtool/base/command.h"
 
 namespace shdtool {
 

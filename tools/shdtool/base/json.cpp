@@ -1,6 +1,6 @@
 // JSON by way of nlohmann's library, which no other file of shdtool includes. Called by everything
 // that answers with --json.
-#include "tools/shdtool/json.h"
+#include "tools/shdtool/base/json.h"
 
 #include <nlohmann/json.hpp>
 #include <utility>

@@ -1,5 +1,5 @@
 // Parsing and formatting of hexadecimal bytes. Called by the command files.
-#include "tools/shdtool/hex.h"
+#include "tools/shdtool/base/hex.h"
 
 #include <fmt/format.h>
 

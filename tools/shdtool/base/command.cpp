@@ -1,5 +1,5 @@
 // Runs commands and prints their outcome. Called by main.
-#include "tools/shdtool/command.h"
+#include "tools/shdtool/base/command.h"
 
 #include <fmt/core.h>
 #include <unistd.h>
@@ -8,7 +8,7 @@
 #include <cmath>
 #include <cstdio>
 
-#include "tools/shdtool/terminal.h"
+#include "tools/shdtool/base/terminal.h"
 
 namespace shdtool {
 namespace {
