@@ -10,8 +10,8 @@
 
 #include "tools/shdtool/base/command.h"
 #include "tools/shdtool/base/hex.h"
+#include "tools/shdtool/base/terminal.h"
 #include "tools/shdtool/views/event_format.h"
-#include "tools/shdtool/views/terminal.h"
 
 namespace shdtool {
 namespace {
@@ -70,7 +70,7 @@ void LinePrinter::Format(const WatchedEvent& event, std::string& out) {
     }
     last_ns_[decoded.sensor->handle] = decoded.timestamp_ns;
     const std::string values = FormatValues(decoded);
-    if (Terminal().terminal && Screen::size().columns < kLineColumns) {
+    if (Terminal().terminal && WindowOf().columns < kLineColumns) {
         fmt::format_to(end, "{:<20} {:<46} {:>11}\n", decoded.sensor->name, values, spacing);
         return;
     }
