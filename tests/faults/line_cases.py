@@ -6,7 +6,7 @@ import pathlib
 import subprocess
 import time
 
-from hub import IN_SERVICE, Hub, require
+from hub import IN_SERVICE, Hub, eventually, require
 from wire import KINDS, frames, order, touched
 
 # Seconds, from the system's own limits: the reset's pause and the reopening, the wait for a reply,
@@ -36,6 +36,7 @@ EXCHANGES = [
 FOLLOWERS = [(6, 2, (20_000).to_bytes(4, 'little')), (9, 10, bytes([200, 0, 0, 0]))]
 # What the MCU says unasked, and what it leaves behind: an event of a handle, or a log line.
 REPORTS = [('tilt-report', 'tilt', 26), ('log-line', 'log all is well', 'all is well')]
+LOCK = 'SensorWakeLockAcquiredLocked :'
 RESTORED = (19, 26, 27)  # handles that a recovery switches on again, and their MCU sensors
 RESTORED_IDS = (48, 51, 64)
 
@@ -216,6 +217,7 @@ async def start_up_case(direction, byte, kind):
         lost = hub.count('timeout') - hub.count('Wait timeout')
         await hub.works(RECOVERY + SLACK)
         require(kind in ('silence', 'power', 'kill', 'hangup') or lost <= 3, f'{lost} lost')
+        require(kind == 'hangup' or not hub.count('mcu_update enter'), 'the firmware is written')
         return lost, time.monotonic() - begin
 
 
@@ -262,6 +264,8 @@ async def recovery_case(direction, byte, kind, skip=None):
         took = time.monotonic() - begin
         lost = hub.count('timeout') - hub.count('Wait timeout')
         if kind != 'kill':
+            await eventually('the MCU may sleep again', lambda: 0 < hub.count(LOCK + '1') ==
+                             hub.count(LOCK + '0'), SLACK)
             sensors = (await hub.stats())['sensors'].values()
             for number in RESTORED_IDS:
                 on = any(sensor['id'] == number and sensor['active'] for sensor in sensors)
@@ -329,6 +333,10 @@ async def update_case(direction, byte, kind):
                 await service_after_exits(hub)
         await hub.works(RECOVERY + SLACK)
         took = time.monotonic() - begin
+        # Only behind the last block nothing notices a block that the bootloader should have refused.
+        last = sum(learnt()['transmissions'][:-3])
+        require(not hub.count('timeout update mcu') or direction == 'in' and byte >= last,
+                'a broken update was taken for a good one')
         flash = hub.path('mcusim/flash.bin').read_bytes()
         require(flash[:PAYLOAD] == image()[-PAYLOAD:], 'the flash does not hold the image')
         require(not flash[PAYLOAD:FLASH].strip(b'\xff'), 'the flash holds more than the image')
