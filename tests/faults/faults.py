@@ -126,8 +126,8 @@ async def run(name, make):
         return Result(name, traceback.format_exc())
 
 
-async def run_all(cases, jobs):
-    """Side by side; what failed then is tried again alone, so that a machine's bad moment is not
+async def run_all(cases, jobs, once):
+    """Side by side; what failed then is tried again alone (unless once), so that a machine's bad moment is not
     taken for a fault. Returns the results and the names that needed a second attempt."""
     queue, results = list(reversed(cases)), []
 
@@ -140,7 +140,7 @@ async def run_all(cases, jobs):
     again = {}
     makers = dict(cases)
     for i, result in enumerate(results):
-        if result.error:
+        if result.error and not once:
             again[result.name] = result.error
             results[i] = await run(result.name, makers[result.name])
     return results, again
@@ -202,7 +202,7 @@ async def matrix(options, groups):
         return 0
     Hub.starting = asyncio.Semaphore(2 * os.cpu_count())
     begin = time.monotonic()
-    results, again = await run_all(cases, options.jobs)
+    results, again = await run_all(cases, options.jobs, options.once)
     failed = [result for result in results if result.error]
     for result in failed:
         print(f'{result.name}: {result.error}')
@@ -223,6 +223,7 @@ def main():
     parser.add_argument('--quick', nargs='?', type=int, const=150, help='a sample of so many cases, as many of each group')
     parser.add_argument('--offset', type=int, default=3, help='of the sample')
     parser.add_argument('--jobs', type=int, default=200 * os.cpu_count())
+    parser.add_argument('--once', action='store_true', help='no second attempt for a failure')
     parser.add_argument('--list', action='store_true', help='only the names of the cases')
     options = parser.parse_args()
     Hub.binaries = options.binaries.resolve()

@@ -59,6 +59,13 @@ def learnt():
     return {}
 
 
+def without_gestures(hub):
+    """The simulated wrist is raised by command only."""
+    signal = pathlib.Path(hub.directory, 'gestures.csv')
+    signal.write_text('1000000,1\n')
+    hub.options += ('--signal', f'wrist-tilt={signal}')
+
+
 async def ask_recorded(hub, client, *row):
     before = len(hub.recorded())
     reply = await client.ask(*row)
@@ -68,6 +75,7 @@ async def ask_recorded(hub, client, *row):
 async def learn_service():
     async with Hub() as hub:
         hub.options = ('--record', f'{hub.directory}/record')
+        without_gestures(hub)
         await hub.in_service()
         client = await hub.client()
         await hub.events()
@@ -160,6 +168,7 @@ async def report_case(report, direction, byte, kind):
     """Two reports and an exchange behind them; the first report is touched."""
     name, command, what = report
     async with Hub() as hub:
+        without_gestures(hub)
         await hub.in_service()
         client = await hub.client()
         events = await hub.events()
@@ -264,7 +273,7 @@ async def recovery_case(direction, byte, kind, skip=None):
         took = time.monotonic() - begin
         lost = hub.count('timeout') - hub.count('Wait timeout')
         if kind != 'kill':
-            await eventually('the MCU may sleep again', lambda: 0 < hub.count(LOCK + '1') ==
+            await eventually('the MCU may sleep again', lambda: hub.count(LOCK + '1') ==
                              hub.count(LOCK + '0'), SLACK)
             sensors = (await hub.stats())['sensors'].values()
             for number in RESTORED_IDS:
