@@ -135,7 +135,7 @@ TEST(ToolDump, OtherBytesAreShownAsBytesAndACutDumpIsSaidToBe) {
     hub.WriteFile("/other", std::string(40, '\0') + "panic: bus\n" + std::string(5, '\xFF'));
     EXPECT_EQ(RunTool("", "dump show " + hub.root() + "/other").out,
               hub.root() +
-                  "/other: 56 bytes, in no layout that is known\n"
+                  "/other\n  56 bytes, in no layout that is known\n"
                   "strings\n"
                   "      40  panic: bus\n"
                   "00000000  00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00  |................|\n"

@@ -159,6 +159,11 @@ TEST(LineBudget, CountsSamplesFramesAndEscapes) {
     EXPECT_NEAR(LineLoad(kAccelerometer, 1000, 1), 13'102, 1);  // more than the line has
     EXPECT_NEAR(LineLoad(kAccelerometer, 50, 10), 337.7, 0.1);
     EXPECT_EQ(LineLoad(*shdclient::FindSensor(18), 50, 1), 0);  // the daemon's own
+    // Rotation and game rotation vector come in the same reports: alone or both, they cost as much.
+    const double game = LineLoad(*shdclient::FindSensor(15), 50, 1);
+    EXPECT_EQ(game, LineLoad(*shdclient::FindSensor(11), 50, 1));
+    EXPECT_EQ(SumOfLoads({{0, 100}, {15, game}}), 100 + game);
+    EXPECT_EQ(SumOfLoads({{0, 100}, {11, game}, {15, game}}), 100 + game);
     EXPECT_EQ(LineText(11'520), "11.5 kB/s, 100 % of the line");
 }
 

@@ -52,7 +52,7 @@ class Auditor final : public EventSink {
             return;
         }
         const double batch = static_cast<double>(std::max<size_t>(stats.batch(), 1));
-        line_bytes_ += LineLoad(sensor, 1, batch);
+        line_bytes_[sensor.handle] += LineLoad(sensor, 1, batch);
     }
 
     void OnChange(const Delivery& change) override {
@@ -99,7 +99,8 @@ class Auditor final : public EventSink {
             report.sensors.push_back(std::move(sensor));
         }
         if (connected_ns > 0) {
-            report.line_bytes_per_sec = line_bytes_ * kNsPerSec / static_cast<double>(connected_ns);
+            report.line_bytes_per_sec =
+                SumOfLoads(line_bytes_) * kNsPerSec / static_cast<double>(connected_ns);
         }
         FindStreamFaults(state, report);
         report.JudgeLine();
@@ -138,7 +139,7 @@ class Auditor final : public EventSink {
     std::optional<int64_t> lost_ns_;  // set while the daemon is away
     int64_t away_ns_ = 0;             // before that, in all
     uint64_t connections_lost_ = 0;
-    double line_bytes_ = 0;
+    std::map<int32_t, double> line_bytes_;  // by handle
 };
 
 std::unique_ptr<FlushProbe> MakeProbe(const Context& context, const AuditRequest& request) {

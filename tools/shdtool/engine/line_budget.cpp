@@ -17,13 +17,14 @@ struct SampleSize {
 };
 
 // The daemon derives the sensors that are not listed from others: they cost nothing of their own.
-constexpr std::array<SampleSize, 11> kSampleSizes{{
+constexpr std::array<SampleSize, 12> kSampleSizes{{
     {kHandleAccelerometer, 6},
     {kHandleGyroscope, 6},
     {kHandlePressure, 4},
     {kHandleGravity, 12},
     {kHandleLinearAcceleration, 12},
     {kHandleRotationVector, 16},
+    {kHandleGameRotationVector, 16},
     {kHandleStepCounter, 4},
     {kHandleHeartRate, 8},
     {kHandleRawRecord, 10},
@@ -42,6 +43,15 @@ double LineLoad(const shdclient::SensorInfo& sensor, double rate_hz, double batc
                      [&](const SampleSize& s) { return s.handle == sensor.handle; });
     if (found == kSampleSizes.end()) return 0;
     return rate_hz * (found->bytes + kReportBytes / std::max(batch, 1.0)) * kEscapes;
+}
+
+double SumOfLoads(const std::map<int32_t, double>& loads) {
+    double sum = 0;
+    for (const auto& [handle, load] : loads) sum += load;
+    const auto one = loads.find(kHandleRotationVector),
+               other = loads.find(kHandleGameRotationVector);
+    if (one != loads.end() && other != loads.end()) sum -= std::min(one->second, other->second);
+    return sum;
 }
 
 std::string LineText(double bytes_per_sec) {

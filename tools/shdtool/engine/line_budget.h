@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <string>
 
 #include "tools/client/sensor_info.h"
@@ -17,6 +18,10 @@ inline constexpr double kFullLineShare = 0.9;
 
 // Bytes a second on the line from the MCU: samples at that rate, so many to a report.
 [[nodiscard]] double LineLoad(const shdclient::SensorInfo& sensor, double rate_hz, double batch);
+
+// Of several sensors, by handle, in any unit. The two rotation vectors are made of the same
+// reports.
+[[nodiscard]] double SumOfLoads(const std::map<int32_t, double>& loads);
 
 // "1.8 kB/s, 16 % of the line".
 [[nodiscard]] std::string LineText(double bytes_per_sec);

@@ -103,7 +103,7 @@ Outcome ShowDump(Context& context, const std::string& path) {
 
     const DumpAnalysis dump = AnalyseDump(bytes);
     const bool hex = context.arguments.Has("--hex");
-    Report report{fmt::format("{}: {} bytes, {}\n", path, bytes.size(),
+    Report report{fmt::format("{}\n  {} bytes, {}\n", path, bytes.size(),
                               dump.head ? "in the simulated firmware's layout"
                                         : "in no layout that is known"),
                   {{"file", path},

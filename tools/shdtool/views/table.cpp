@@ -93,13 +93,14 @@ std::vector<Line> TableLines(const StatsMap& sensors, int64_t now_ns, WindowSize
 }
 
 Line LineBudgetLine(const StatsMap& sensors, int64_t now_ns) {
-    double load = 0;
+    std::map<int32_t, double> loads;
     for (const auto& [handle, sensor] : sensors) {
         const auto spacing = sensor.Measured();
         if (!spacing || sensor.SilentFor(now_ns)) continue;
-        load += LineLoad(sensor.sensor(), kNsPerSec / spacing->mean_ns,
-                         static_cast<double>(std::max<size_t>(sensor.batch(), 1)));
+        loads[handle] = LineLoad(sensor.sensor(), kNsPerSec / spacing->mean_ns,
+                                 static_cast<double>(std::max<size_t>(sensor.batch(), 1)));
     }
+    const double load = SumOfLoads(loads);
     const bool full = load > kFullLineShare * kLineBytesPerSec;
     return {
         fmt::format("from the MCU {}{}", LineText(load), full ? "; FULL: samples get lost" : ""),
@@ -214,7 +215,9 @@ std::vector<Line> TableView::Page(const WatchState& state, WindowSize size) {
         page.push_back(std::move(line));
     }
     Line footer = LineBudgetLine(sensors_, state.now_ns);
-    if (!options_.asked_ns) footer.text += "; (Hz): measured, see --rate";
+    // A full line is worth more than the legend; both do not fit a window of 80 columns.
+    if (!options_.asked_ns && footer.style == Style::kPlain)
+        footer.text += "; (Hz): measured, see --rate";
     page.push_back({});
     page.push_back(std::move(footer));
     return page;
