@@ -53,19 +53,29 @@ Result<WatchChange> EventWatcher::Poll(std::chrono::milliseconds timeout,
                                        std::vector<WatchedEvent>& events) {
     if (!stream_) return TryToReconnect(timeout);
     pollfd ready{stream_->fd(), POLLIN, 0};
-    if (looked_ns_ == 0) looked_ns_ = BootTimeNs();
+    // A process can be stopped between any two lines: each time is the one that hides no
+    // standstill.
+    const int64_t waited_ns = BootTimeNs();
+    if (looked_ns_ == 0) looked_ns_ = waited_ns;
     const bool came = poll(&ready, 1, static_cast<int>(timeout.count())) > 0;
-    const int64_t before_ns = looked_ns_;
-    looked_ns_ = BootTimeNs();
-    if (!came) return WatchChange::kNone;
-    const bool full = stream_->Backlog() >= kFullBacklogBytes;
+    const int64_t reading_ns = BootTimeNs();
+    if (!came) {
+        const bool on_time =
+            reading_ns - waited_ns < std::chrono::nanoseconds(timeout).count() + kStandstillNs;
+        looked_ns_ = on_time ? reading_ns : waited_ns;
+        return WatchChange::kNone;
+    }
+    size_t backlog = stream_->Backlog();
     const uint64_t resyncs = stream_->assembler().resyncs();
     const Result<WatchChange> change = ReadEvents(events);
+    if (stream_)
+        backlog = std::max(backlog, records_.size() * sizeof(SensorEvent) + stream_->Backlog());
     const bool cut = stream_ && stream_->assembler().resyncs() > resyncs;
-    if (cut || (full && looked_ns_ - before_ns >= kStandstillNs)) {
-        missed_ = MissedSpan{before_ns, looked_ns_, cut};
+    const int64_t read_ns = BootTimeNs();
+    if (cut || (backlog >= kFullBacklogBytes && read_ns - looked_ns_ >= kStandstillNs)) {
+        missed_ = MissedSpan{looked_ns_, read_ns, cut};
     }
-    looked_ns_ = BootTimeNs();
+    looked_ns_ = reading_ns;
     return change;
 }
 

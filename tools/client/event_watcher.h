@@ -79,7 +79,7 @@ class EventWatcher {
     const WatchOptions options_;
     std::optional<EventStream> stream_;
     uint64_t discarded_earlier_ = 0;
-    int64_t looked_ns_ = 0;  // when the socket was last seen to be empty or emptied
+    int64_t looked_ns_ = 0;  // when the socket was last found empty, or began to be emptied
     std::optional<MissedSpan> missed_;
     std::vector<shd::SensorEvent> records_;
 };
