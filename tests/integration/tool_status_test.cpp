@@ -55,7 +55,8 @@ TEST(ToolStatus, JsonHasFieldsForPrograms) {
         return RunTool(hub.root(), "status --no-probe --json").json()["core_dumps"]["count"] == 1;
     });
     hub.Simulate("reset");
-    const shdclient::HubClient client = hub.Client();
+    shdclient::HubClient client = hub.Client();
+    Eventually("it is served", [&] { return client.Version(0).ok(); });
     const ToolRun run = RunTool(hub.root(), "status --json");
     const json status = run.json();
     EXPECT_EQ(run.status, 0) << run.out;
