@@ -6,6 +6,7 @@ import argparse
 import asyncio
 import os
 import pathlib
+import signal
 import sys
 import tempfile
 import time
@@ -232,7 +233,8 @@ def main():
         groups = [group for group in GROUPS
                   if any(name.split('/')[0] == group.name for name in options.names)]
     asyncio.set_child_watcher(asyncio.PidfdChildWatcher())
-    with tempfile.TemporaryDirectory() as scratch:
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))  # the hubs take themselves down
+    with tempfile.TemporaryDirectory(prefix='shd-faults.') as scratch:
         Hub.scratch = scratch
         return asyncio.run(matrix(options, groups))
 
