@@ -142,6 +142,7 @@ async def service_case(exchange, direction, byte, kind):
         for client in clients:
             require(not client.reader._buffer, 'a client has got a reply too many')
         require(hub.count(IN_SERVICE) == 1, 'the daemon has started again')
+        require(not hub.count('Handshake timeout'), 'what came before a reset was kept')
         return lost, took
 
 
@@ -269,7 +270,8 @@ async def recovery_case(direction, byte, kind, skip=None):
             await strike(hub, kind)
         if kind == 'kill':
             await hub.start_until_service(UPDATED)
-        await hub.works(4 * LONG + 8 * SHORT + 2 * RECOVERY + SLACK)
+        # Log level and parameters, the sensors' requests, then two replies that bring a recovery.
+        await hub.works(5 * LONG + 11 * SHORT + 2 * LONG + RECOVERY + SLACK)
         took = time.monotonic() - begin
         lost = hub.count('timeout') - hub.count('Wait timeout')
         if kind != 'kill':
