@@ -87,9 +87,9 @@ shdclient::Status LineTap::OpenLine(const std::string& path) {
     far_.Reset(open(name.data(), O_RDWR | O_NOCTTY | O_CLOEXEC));
     // Whoever may open the line may open what stands for it.
     struct stat rights {};
-    if (fstat(real_.get(), &rights) == 0) {
-        (void)fchown(far_.get(), rights.st_uid, rights.st_gid);
-        (void)fchmod(far_.get(), rights.st_mode & (S_IRWXU | S_IRWXG | S_IRWXO));
+    if (fstat(real_.get(), &rights) != 0 || fchown(far_.get(), rights.st_uid, rights.st_gid) != 0 ||
+        fchmod(far_.get(), rights.st_mode & (S_IRWXU | S_IRWXG | S_IRWXO)) != 0) {
+        return SystemError(path + ": its owner and mode cannot be given to a pseudo terminal");
     }
     termios settings{};
     const int on = 1;  // packet mode: each read begins with a byte that reports flushes
