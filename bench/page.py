@@ -209,15 +209,15 @@ def write(results, facts, pauses_ms, directory):
     read = reads(results)
     control = statistics.median(ratios(results[("control", 0)], "median_ns"))
     packages = facts["packages"]
-    busy = "" if facts["load"] <= 1 else (
-        f"\n**The machine was busy: load average {facts['load']:.2f} at the start. These figures are "
-        "not to be relied on; run it again on an idle one.**\n")
+    busy = "" if facts["others"] <= 0.05 else (
+        "\n**The machine was busy. These figures are not to be relied on; run it again on an idle "
+        "one.**\n")
     short = [f"- {row.goal}: {row.show(row.median)}, goal {row.show(row.limit)}"
              + (f"; {row.reason}" if row.reason else "") for row in rows if not row.is_met()]
     text = PAGE.format(
         met=met, goals=len(rows), day=facts["day"], commit=facts["commit"], busy=busy,
         processor=facts["processor"], cores=count(facts["cores"], "core"), kernel=facts["kernel"],
-        load=facts["load"], compiler=packages["g++"], minutes=facts["minutes"],
+        others=100 * facts["others"], compiler=packages["g++"], minutes=facts["minutes"],
         table=table(["", "goal", "median", "least … most", ""], [row.cells() for row in rows]),
         short="\n".join(short) if short else "Nothing does.",
         clients=cost_table(results, "clients", lambda key: key[2] == 10, 1),
@@ -237,8 +237,8 @@ PAGE = textwrap.dedent("""\
 
     This page is written by `scripts/bench`. {met} of {goals} goals are met.
 
-    Measured {day} at {commit}: {processor}, {cores}, {kernel}; load average {load:.2f} at the start,
-    {minutes:.0f} minutes; release build, g++ {compiler}.
+    Measured {day} at {commit}: {processor}, {cores}, {kernel}; release build,
+    g++ {compiler}. In the {minutes:.0f} minutes all other processes took {others:.1f} % of the machine.
     {busy}
     {table}
 
