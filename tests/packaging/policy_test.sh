@@ -31,4 +31,9 @@ refused "a label of /proc that nobody declares" '/proc_mcusleep/d'
 refused "a capability" 's/^# tools.client.*/allow shd self:capability sys_rawio;/'
 refused "changing the firmware" 's/(shd_firmware_file:file \{ open read)/\1 append/'
 refused "a client on the UART" 's/^# tools.client.*/allow shd_client shd_uart_device:chr_file read;/'
+while read -r type attributes; do
+    for attribute in $attributes; do
+        refused "$type without $attribute" "/^type $type,/s/, $attribute([,;])/\1/"
+    done
+done < <(sed -nE 's/^type (.*);/\1/p' "$policy"/*.te | tr -d ,)
 exit "$failed"

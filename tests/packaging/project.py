@@ -46,9 +46,9 @@ def compare(what, have, want):
             [f"{what}: the code knows no {name}" for name in sorted(have - want)])
 
 
-def open_to_others(where, mode):
-    """A complaint where a mode, as octal text, lets in more than owner and group."""
-    return [f"{where}: is open to others"] if int(mode, 8) & 7 else []
+def content(text):
+    """The lines that are neither empty nor a comment."""
+    return [line.strip() for line in text.splitlines() if not re.match(r"\s*(#|$)", line)]
 
 
 REASON = re.compile(r"([\w/]+\.(?:cpp|h|rc)): (\w+(?:, \w+)*)")
@@ -56,24 +56,34 @@ REASON = re.compile(r"([\w/]+\.(?:cpp|h|rc)): (\w+(?:, \w+)*)")
 
 @functools.cache
 def code(path):
-    return (ROOT / path).read_text() if (ROOT / path).is_file() else ""
+    return read(path) if (ROOT / path).is_file() else ""
 
 
-def reasons(where, comment):
-    """Complaints about the code that a comment names as the reason of a permission."""
-    found = REASON.findall(comment)
-    complaints = [] if found else [f"{where}: names no code that needs it"]
-    for path, functions in found:
-        for function in functions.split(", "):
-            if not re.search(rf"\b{function}\b", code(path)):
-                complaints.append(f"{where}: {path} has no {function}")
+def reasons(where, text, grants=""):
+    """Complaints about the lines that match grants: above each, with neither an empty line nor another
+    comment between, stands a comment that names the code that needs it, and that code is there."""
+    complaints, comment, last = [], "", ""
+    for line in map(str.strip, text.splitlines()):
+        if line.startswith("#"):
+            comment = (comment if last.startswith("#") else "") + line + " "
+        elif not line:
+            comment = ""
+        elif re.match(grants, line):
+            found = REASON.findall(comment)
+            if not found:
+                complaints.append(f"{where}: '{line}' names no code that needs it")
+            complaints += [f"{where}: {path} has no {name}" for path, names in found
+                           for name in names.split(", ")
+                           if not re.search(rf"\b{name}\b", code(path))]
+        last = line
     return complaints
 
 
 class PackagingCase(unittest.TestCase):
-    def breaks(self, check, path, rows):
-        """Each row (old text, new text, complaint) is a fault in the file that check must name."""
+    def holds(self, check, path, rows):
+        """The file is right, and each row (old text, new text, complaint) a fault that check names."""
         text = read(path)
+        self.assertEqual(check(text), [])
         for old, new, complaint in rows:
             with self.subTest(fault=complaint):
                 self.assertIn(old, text)
