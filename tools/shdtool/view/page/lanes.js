@@ -1,0 +1,369 @@
+// Lanes: what has a place on the common clock but is no curve. The MCU's state, episodes, log lines,
+// frames, exchanges and clients, each on a canvas of its own that can be pointed at and walked along.
+import {bootTime, colour, duration, element, setText, stateWords} from './format.js';
+
+const NEAR_PX = 7;
+const FONT = '11px system-ui, sans-serif';
+
+class Lane {
+  constructor(scope, name, height, hint = '') {
+    Object.assign(this, {scope, height, nameText: name});
+    this.canvas = element('canvas', {className: 'lane', tabIndex: 0, role: 'img', ariaLabel: name, title: hint});
+    this.facts = element('span', {className: 'facts'});
+    this.label = element('div', {className: 'label'}, element('b', {textContent: name}), this.facts);
+    this.row = element('section', {className: 'lane', ariaLabel: name}, this.label, this.canvas);
+    this.context = this.canvas.getContext('2d');
+    this.canvas.lane = this;
+  }
+
+  attach(parent) {
+    parent.append(this.row);
+    this.watch = new ResizeObserver(() => this.resize());
+    this.watch.observe(this.canvas);
+    this.resize();
+  }
+
+  resize() {
+    const scale = devicePixelRatio;
+    this.canvas.style.height = `${this.height}px`;
+    this.width = this.canvas.clientWidth;
+    this.canvas.width = this.width * scale;
+    this.canvas.height = this.height * scale;
+    this.context.setTransform(scale, 0, 0, scale, 0, 0);
+    this.scope.changed();
+  }
+
+  draw() {
+    const {context: ctx, width, height} = this;
+    if (!width) return;
+    const {clock, store} = this.scope;
+    ctx.clearRect(0, 0, width, height);
+    ctx.font = FONT;
+    ctx.textBaseline = 'middle';
+    this.used = [];
+    for (const span of store.lost.within(clock.from, clock.to)) {
+      ctx.globalAlpha = 0.35;
+      this.box(colour.lost, span.t, span.e ?? this.scope.now(), 0, height);
+      ctx.globalAlpha = 1;
+    }
+    this.paint(ctx, t => clock.x(t, width), clock, store);
+  }
+
+  box(fill, from, to, top, height, least = 1) {
+    const {clock} = this.scope;
+    const x = Math.max(clock.x(from, this.width), -2);
+    const end = Math.min(clock.x(to, this.width), this.width + 2);
+    if (end < -1 || x > this.width + 1) return;
+    this.context.fillStyle = fill;
+    this.context.fillRect(x, top, Math.max(end - x, least), height);
+  }
+
+  // Writes a text at x where nothing stands yet; of several, the first that has room. True: written.
+  write(texts, x, y, fill, until = this.width) {
+    const {context: ctx} = this;
+    const taken = this.used.filter(used => Math.abs(used.y - y) < 10);
+    for (const text of [texts].flat()) {
+      const width = ctx.measureText(text).width;
+      const at = Math.max(2, Math.min(x, this.width - width - 2));
+      if (at + width > until || (until < this.width && x > until)) continue;
+      if (taken.some(used => at < used.to + 6 && at + width > used.from - 6)) continue;
+      ctx.fillStyle = fill;
+      ctx.textAlign = 'left';
+      ctx.fillText(text, at, y);
+      this.used.push({from: at, to: at + width, y});
+      return true;
+    }
+    return false;
+  }
+
+  absent(ctx, text) {
+    ctx.fillStyle = colour.faint;
+    ctx.textAlign = 'left';
+    ctx.fillText(text, 4, this.height / 2, this.width - 8);
+  }
+
+  // Things that can be picked, in order of time.
+  rings() { return []; }
+
+  // The thing nearest to a place, of those near enough.
+  near(x, y) {
+    const {clock} = this.scope;
+    const reach = clock.span * NEAR_PX / this.width;
+    const t = clock.t(x, this.width);
+    let best = null, least = Infinity;
+    for (const ring of this.rings(y)) {
+      for (const item of ring.within(t - reach, t + reach)) {
+        const end = item.e === null ? this.scope.now() : item.e ?? item.t;
+        // Of those below the pointer, the shorter: it could not be met otherwise.
+        const far = t < item.t ? item.t - t : t > end ? t - end : 0;
+        const rank = far * 1e3 + (end - item.t) * 1e-3;
+        if (rank < least) [best, least] = [item, rank];
+      }
+    }
+    return best;
+  }
+
+  // The next thing behind t, or the last before it.
+  walk(t, direction) {
+    let best = null;
+    for (const ring of this.rings(-1)) {
+      const at = ring.find(direction > 0 ? t + 1 : t) - (direction > 0 ? 0 : 1);
+      const item = ring.all[at];
+      if (item && (!best || (item.t - best.t) * direction < 0)) best = item;
+    }
+    return best;
+  }
+
+  tell() {}
+}
+
+export class AxisLane extends Lane {
+  constructor(scope) {
+    super(scope, 'seconds since boot', 20);
+    this.row.classList.add('axis');
+    this.canvas.removeAttribute('tabindex');
+  }
+
+  paint(ctx, x, clock) {
+    const rough = clock.span / Math.max(this.width / 110, 1);
+    const power = 10 ** Math.floor(Math.log10(rough));
+    const step = [1, 2, 5, 10].map(f => f * power).find(s => s >= rough) ?? rough;
+    ctx.textAlign = 'left';
+    for (let n = Math.ceil(clock.from / step); n * step <= clock.to; ++n) {
+      const at = Math.round(x(n * step));
+      ctx.fillStyle = colour.faint;
+      ctx.fillRect(at, this.height - 6, 1, 6);
+      ctx.fillText(bootTime(n * step, step), at + 4, this.height / 2);
+    }
+  }
+}
+
+const BAND_PX = 20;
+
+export class StateLane extends Lane {
+  constructor(scope) { super(scope, 'MCU', BAND_PX + 16); }
+
+  rings() { return [this.scope.store.states]; }
+
+  *segments(from, to) {
+    const {all} = this.scope.store.states;
+    const first = Math.max(this.scope.store.states.find(from) - 1, 0);
+    for (let i = first; i < all.length && all[i].t <= to; ++i) {
+      yield {...all[i], e: all[i + 1]?.t ?? this.scope.now(), running: i + 1 === all.length};
+    }
+  }
+
+  paint(ctx, x, clock, store) {
+    if (!store.states.all.length) this.absent(ctx, store.hello.live ? 'nothing known yet' : 'these files do not tell');
+    for (const segment of this.segments(clock.from, clock.to)) {
+      ctx.globalAlpha = segment.s === 'service' ? 0.45 : 0.9;
+      this.box(colour[segment.s], segment.t, segment.e, 1, BAND_PX - 2);
+      ctx.globalAlpha = 1;
+      const from = Math.max(x(segment.t), 0), to = Math.min(x(segment.e), this.width);
+      const healthy = segment.s === 'service';
+      const words = `${stateWords[segment.s] ?? segment.s} ${duration(segment.e - segment.t)}`;
+      const texts = segment.m && !healthy ? [`${words}: ${segment.m}`, words] : [words];
+      // What does not fit stands below its part of the band.
+      if (!this.write(texts, from + 5, BAND_PX / 2, healthy ? colour.ink : colour.paper, to - 2) && !healthy) this.write(words, from, BAND_PX + 8, colour[segment.s]);
+    }
+  }
+
+  tell(t) {
+    const state = this.scope.store.states.at(t);
+    setText(this.facts, state ? `${stateWords[state.s] ?? state.s}${state.m ? `: ${state.m}` : ''}` : 'unknown');
+  }
+}
+
+export class EpisodeLane extends Lane {
+  constructor(scope) { super(scope, 'what happened', 70); }
+
+  rings() { return [this.scope.store.episodes, this.scope.store.dumps]; }
+
+  paint(ctx, x, clock, store) {
+    const shown = [...store.episodes.within(clock.from, clock.to)];
+    const levels = [];
+    for (const episode of shown) {
+      const end = episode.e ?? this.scope.now();
+      const time = duration(end - episode.t);
+      const says = episode.m || `${episode.kind}${episode.e === null ? ' goes on' : ''}`;
+      const texts = [episode.e === null ? `${says} (for ${time} now)` : says, `${episode.kind} ${time}`];
+      const width = ctx.measureText(texts[0]).width;
+      const from = Math.max(0, Math.min(x(episode.t), this.width - width));
+      let level = levels.findIndex(until => until < from);
+      if (level < 0) level = levels.push(0) - 1;
+      levels[level] = Math.max(x(end), from + width) + 8;
+      const top = 1 + level * 34;
+      if (top > this.height) continue;
+      const fill = episode.ok === false ? colour.bad : episode.kind === 'crash' ? colour.silent : episode.kind === 'update' ? colour.updating : colour.recovering;
+      this.box(fill, episode.t, end, top, 4, 3);
+      (episode.phases ?? []).forEach((phase, i) => {
+        const until = phase.e ?? this.scope.now();
+        ctx.globalAlpha = i % 2 ? 0.25 : 0.4;
+        this.box(fill, phase.t, until, top + 18, 14);
+        ctx.globalAlpha = 1;
+        this.write([`${phase.m} ${duration(until - phase.t)}`, phase.m], Math.max(x(phase.t), 0) + 3, top + 25, colour.ink, Math.min(x(until), this.width));
+      });
+      this.write(texts, x(episode.t), top + 11, episode.ok === false ? colour.bad : colour.ink);
+    }
+    for (const dump of store.dumps.within(clock.from, clock.to)) {
+      this.box(colour.bad, dump.t, dump.t, this.height - 14, 14, 2);
+      this.write([`core dump ${dump.n}: ${dump.m}`, `core dump ${dump.n}`], x(dump.t) + 4, this.height - 7, colour.bad);
+    }
+    if (!shown.length && !store.log.all.length && !store.hello.log) this.absent(ctx, 'no log of the daemon here: give it with --log FILE');
+  }
+
+  tell(t) {
+    const during = [...this.scope.store.episodes.within(t, t)].at(-1);
+    setText(this.facts, during ? `${during.kind} ${duration((during.e ?? this.scope.now()) - during.t)}` : '');
+  }
+}
+
+export class LogLane extends Lane {
+  constructor(scope) { super(scope, 'log', 48); }
+
+  rings() { return [this.scope.store.log]; }
+
+  paint(ctx, x, clock, store) {
+    const {log} = store;
+    if (!log.all.length && !store.hello.log) {
+      return this.absent(ctx, store.hello.live ? 'no log: start with --log FILE, the daemon’s log' : 'no log among these files');
+    }
+    const drawn = {};
+    for (const line of log.within(clock.from, clock.to)) {
+      const mcu = line.who === 'mcu';
+      const strong = 'WEF'.includes(line.level);
+      const at = Math.round(x(line.t));
+      const top = mcu ? 13 : 1;
+      if (drawn[top + line.level] === at) continue;
+      drawn[top + line.level] = at;
+      const fill = 'EF'.includes(line.level) ? colour.bad : line.level === 'W' ? colour.warn : mcu ? colour.axis2 : colour.faint;
+      ctx.fillStyle = fill;
+      ctx.fillRect(at, top, strong ? 2 : 1, strong ? 11 : 7);
+      const texts = line.m.length > 60 ? [line.m, `${line.m.slice(0, 57)}…`] : line.m;
+      if (strong) this.write(texts, at, 30, fill) || this.write(texts, at, 41, fill);
+    }
+  }
+
+  tell(t) {
+    const line = this.scope.store.log.at(t);
+    setText(this.facts, line ? `${line.level} ${line.m}` : '');
+  }
+}
+
+export class FrameLane extends Lane {
+  constructor(scope) { super(scope, 'line', 38); }
+
+  rings(y) {
+    const {frames, pins} = this.scope.store;
+    const direction = y < 0 ? null : y < this.height / 2 ? 'to' : 'from';
+    return [direction ? {within: function* (from, to) {
+      for (const frame of frames.within(from, to)) if (frame.d === direction) yield frame;
+    }} : frames, pins];
+  }
+
+  paint(ctx, x, clock, store) {
+    if (!store.frames.all.length && !store.hello.line) {
+      return this.absent(ctx, store.hello.live
+        ? 'no bytes of the line: start with --line FILE, which mcusim --record FILE or shdtool tap -o FILE writes'
+        : 'no bytes of the line: add a recording of mcusim --record or shdtool tap -o');
+    }
+    const half = this.height / 2, last = {};
+    const {selected} = this.scope;
+    const cursorPx = clock.span / this.width;
+    for (const frame of store.frames.within(clock.from, clock.to)) {
+      const top = frame.d === 'to' ? 1 : half + 1;
+      const bad = frame.bad ? 1 : 0;
+      // What falls on a pixel that is full already would not be seen.
+      const pixel = Math.floor((frame.e - clock.from) / cursorPx);
+      if (last[top] === pixel && !bad && frame !== selected) continue;
+      last[top] = pixel;
+      const fill = frame === selected ? colour.accent : bad ? colour.bad : colour[frame.d];
+      this.box(fill, frame.t, frame.e, top, half - 2, bad ? 2 : 1);
+      const from = Math.max(x(frame.t), 0), to = Math.min(x(frame.e), this.width);
+      if (to - from > 40) this.write([frame.m, frame.m.slice(0, Math.floor((to - from) / 6))], from + 3, top + half / 2 - 1, colour.paper, to);
+    }
+    for (const pin of store.pins.within(clock.from, clock.to)) {
+      this.box(colour.warn, pin.t, pin.t, 0, this.height, 1.5);
+      this.write(pin.m, x(pin.t) + 3, 7, colour.warn);
+    }
+  }
+
+  tell(t) {
+    const {frames} = this.scope.store;
+    const frame = frames.at(t);
+    setText(this.facts, frame && t - frame.e < this.scope.clock.span / 20 ? `${frame.d === 'to' ? '→' : '←'} ${frame.m}` : frames.lost ? 'older frames are not kept' : '→ to the MCU, ← from it');
+  }
+}
+
+export class ExchangeLane extends Lane {
+  constructor(scope) { super(scope, 'requests', 30); }
+
+  rings() { return [this.scope.store.exchanges]; }
+
+  paint(ctx, x, clock, store) {
+    if (!store.exchanges.all.length && !store.hello.line) return this.absent(ctx, 'seen with the bytes of the line');
+    const fills = {'': colour.good, late: colour.warn, shifted: colour.bootloader, unanswered: colour.bad};
+    const shown = [...store.exchanges.within(clock.from, clock.to)];
+    let last = -1;
+    for (const one of shown) {
+      const end = Math.floor(x(one.e ?? one.t));
+      if (!one.mark && end === last) continue;
+      last = end;
+      this.box(fills[one.mark], one.t, one.e ?? one.t, 2, 9, one.mark ? 3 : 1);
+    }
+    // Words of what went wrong first, then of the others, where there is room.
+    for (const marked of [true, false]) {
+      for (const one of shown.slice(-400)) {
+        if (Boolean(one.mark) !== marked) continue;
+        const time = duration((one.e ?? one.t) - one.t);
+        this.write(one.mark ? [`${one.m}: ${one.mark}${one.mark === 'late' ? ` ${time}` : ''}`, one.mark] : [`${one.m} ${time}`, one.m],
+          Math.max(x(one.t), 0), 21, one.mark ? fills[one.mark] : colour.faint);
+      }
+    }
+  }
+
+  tell(t) {
+    const one = this.scope.store.exchanges.at(t);
+    setText(this.facts, one ? `${one.m} ${one.mark || duration((one.e ?? one.t) - one.t)}` : '');
+  }
+}
+
+const CLIENT_PX = 16;
+const CLIENTS_SHOWN = 8;
+
+export class ClientLane extends Lane {
+  constructor(scope) { super(scope, 'clients', CLIENT_PX); }
+
+  shown() { return [...this.scope.store.clients.values()].slice(0, CLIENTS_SHOWN); }
+
+  paint(ctx, x, clock, store) {
+    const clients = this.shown();
+    const height = Math.max(clients.length, 1) * CLIENT_PX;
+    if (height !== this.height) {
+      this.height = height;
+      return this.resize();
+    }
+    if (!clients.length) this.absent(ctx, store.hello.live ? 'none seen' : 'recordings do not tell');
+    clients.forEach((client, n) => {
+      const bottom = (n + 1) * CLIENT_PX - 1;
+      const {time, value, from: first, to: end} = client.fill;
+      for (let i = Math.max(client.fill.find(clock.from) - 1, first); i < end && time[i] <= clock.to; ++i) {
+        const until = i + 1 < end ? time[i + 1] : client.last;
+        const share = Math.min(value[2 * i] / 100, 1);
+        ctx.globalAlpha = 0.6;
+        this.box(value[2 * i + 1] ? colour.bad : colour.to, time[i], until, bottom - 1 - share * (CLIENT_PX - 3), 1 + share * (CLIENT_PX - 3));
+        ctx.globalAlpha = 1;
+      }
+      const gone = client.last < (store.clientsAt ?? 0);
+      this.write(`${client.name}${gone ? ' (gone)' : client.losing ? `: LOSING DATA, ${client.unread} bytes unread` : client.unread ? `: ${client.unread} bytes unread` : ''}`,
+        4, bottom - CLIENT_PX / 2, client.losing && !gone ? colour.bad : gone ? colour.faint : colour.ink);
+    });
+  }
+
+  tell() {
+    const {clients, clientsAt} = this.scope.store;
+    const here = [...clients.values()].filter(client => client.last >= clientsAt);
+    const losing = here.filter(client => client.losing).length;
+    setText(this.facts, `${here.length} connected${losing ? `, ${losing} losing data` : ''}${clients.size > CLIENTS_SHOWN ? `, ${CLIENTS_SHOWN} shown` : ''}`);
+  }
+}

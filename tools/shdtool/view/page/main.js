@@ -1,0 +1,288 @@
+// The page: joins the feed, the store, the clock, strips, lanes and the panel, and draws them. Loaded
+// by index.html; `scope` is what its parts know of one another.
+import {Clock} from './clock.js';
+import {Feed} from './feed.js';
+import {bootTime, colour, duration, readColours, setText, stateWords, timeOfDay} from './format.js';
+import {KEYS, fillHelp, listenToKeys} from './keys.js';
+import {AxisLane, ClientLane, EpisodeLane, ExchangeLane, FrameLane, LogLane, StateLane} from './lanes.js';
+import {listenToPointer} from './pointer.js';
+import {LogList, SensorPanel, buildMisfortunes, sayTo, showPicked} from './side.js';
+import {Store} from './store.js';
+import {LatencyStrip, LoadStrip, SensorStrip} from './strips.js';
+
+const FRAME_MS = 1000 / 30 - 4;  // more frames than that only cost
+const BUDGET_MS = 30;            // for the strips of one frame; what is left over comes with the next
+const SLOW_MS = 250;             // what only people read: words, rows that come and go
+
+const $ = selector => document.querySelector(selector);
+
+class Scope {
+  constructor() {
+    this.store = new Store();
+    this.clock = new Clock();
+    this.feed = new Feed(items => this.take(items), wrong => this.onLink(wrong));
+    this.dirty = true;
+    this.selected = null;
+    this.linkWrong = 'connecting';
+    this.linkSince = performance.now();
+    this.drawn = {seen: '', next: 0, at: 0, slow: 0, forgot: 0, frames: [], items: 0};
+    this.lanes = [new AxisLane(this), new StateLane(this), new EpisodeLane(this), new LogLane(this),
+      new FrameLane(this), new ExchangeLane(this)];
+    this.clients = new ClientLane(this);
+    this.common = [new LoadStrip(this), new LatencyStrip(this)];
+    this.sensors = new Map();
+    this.inView = new Set();
+  }
+
+  start() {
+    readColours();
+    matchMedia('(prefers-color-scheme: dark)').onchange = () => {
+      readColours();
+      for (const strip of this.strips()) strip.recolour();
+      this.changed();
+    };
+    for (const lane of [...this.lanes, this.clients]) lane.attach($('#lanes'));
+    this.watch = new IntersectionObserver(entries => {
+      for (const entry of entries) this.inView[entry.isIntersecting ? 'add' : 'delete'](entry.target);
+      this.changed();
+    });
+    for (const strip of this.common) this.attach(strip, $('#lanes'));
+    this.panel = new SensorPanel(this, $('#sensors'));
+    this.logList = new LogList(this, $('#log'), $('#level'), $('#filter'));
+    buildMisfortunes(this, $('#misfortunes'));
+    fillHelp($('#keys'));
+    listenToKeys(this);
+    listenToPointer(this, $('#rows'), $('#choice'));
+    const press = key => KEYS.find(([keys]) => keys.includes(key))[2];
+    for (const [id, key] of [['follow', ' '], ['out', '-'], ['in', '+'], ['fit', '0'], ['ask', '?']]) $(`#${id}`).onclick = event => press(key)(this, event);
+    this.feed.open();
+    requestAnimationFrame(() => this.frame());
+  }
+
+  attach(strip, parent) {
+    strip.attach(parent);
+    this.watch.observe(strip.row);
+  }
+
+  *strips() {
+    yield* this.common;
+    yield* this.sensors.values();
+  }
+
+  changed() { this.dirty = true; }
+
+  take(items) {
+    const {hello} = this.store;
+    this.store.take(items);
+    if (this.store.hello !== hello) this.onHello();
+    if (this.store.hello.live && !this.linkWrong) this.clock.hear(this.store.now);
+  }
+
+  onHello() {
+    const {hello} = this.store;
+    this.anchor = hello.wall ? hello : null;
+    this.feed.live = hello.live;
+    this.selected = null;
+    setText($('#title'), hello.title || 'shd');
+    document.title = hello.title || 'shd';
+    $('#simulated').hidden = !hello.sim || !hello.live;
+    $('#follow').disabled = !hello.live;
+    for (const strip of this.sensors.values()) strip.remove();
+    this.sensors.clear();
+    this.panel.build();
+    this.clock.hear(this.store.now);
+    this.clock.shown = 0;
+    this.fitted = hello.live;
+    if (hello.live) this.clock.live(); else this.clock.follow = false;
+    this.drawn.slow = 0;
+  }
+
+  onLink(wrong) {
+    this.linkWrong = wrong;
+    this.linkSince = performance.now();
+    this.drawn.slow = 0;
+    this.changed();
+  }
+
+  // The hub's time as far as it is known.
+  now() { return this.store.now; }
+
+  // Why nothing can be said of the hub, null when something can.
+  dead() {
+    if (this.linkWrong) return this.linkWrong;
+    return this.store.hello.live && this.store.up === false
+      ? 'No connection to shd: the daemon does not run, or does not serve its data socket' : null;
+  }
+
+  frame() {
+    requestAnimationFrame(() => this.frame());
+    const at = performance.now();
+    if (at - this.drawn.at < FRAME_MS) return;
+    const {clock, store, drawn} = this;
+    clock.step(store);
+    if (clock.pointer !== undefined && !clock.held) clock.cursor = clock.t(clock.pointer, this.clients.width);
+    if (at - drawn.slow > SLOW_MS) this.slow(at);
+    const seen = `${clock.version} ${clock.follow || store.now < clock.to + 1e6 || store.whole ? store.version : ''}`;
+    if (!this.dirty && seen === drawn.seen) return;
+    const whole = this.dirty || seen !== drawn.seen;
+    Object.assign(drawn, {seen, at});
+    this.dirty = false;
+    for (const lane of this.lanes) lane.draw();
+    this.clients.draw();
+    this.place($('#cursor'), clock.cursor);
+    this.place($('#mark'), clock.mark);
+    if (whole) drawn.left = this.inView.size;
+    this.drawStrips(at);
+    drawn.frames.push(at);
+  }
+
+  // As many of the strips in view as the time allows, in turns.
+  drawStrips(at) {
+    const strips = [...this.strips()].filter(strip => this.inView.has(strip.row));
+    for (let n = 0; n < strips.length; ++n) {
+      strips[this.drawn.next++ % strips.length].draw();
+      if (performance.now() - at > BUDGET_MS) {
+        if (n + 1 < strips.length) this.dirty = true;
+        return;
+      }
+    }
+  }
+
+  // What changes with the eye's speed and not with the screen's.
+  slow(at) {
+    const {store, clock, drawn} = this;
+    const reading = clock.cursor ?? (clock.follow ? this.now() : clock.to);
+    this.showSensors();
+    if (!this.fitted && Number.isFinite(store.first)) clock.fit(store);
+    for (const lane of [...this.lanes, this.clients]) lane.tell(reading);
+    for (const strip of this.strips()) strip.tell(reading);
+    this.panel.update();
+    this.logList.update();
+    this.tellHeader(reading);
+    if (at - drawn.forgot > 1000) {
+      store.forget(clock.follow ? Infinity : clock.from);
+      const frames = drawn.frames.filter(one => at - one < 1000).length;
+      setText($('#figures'), `${frames} frames/s · ${Math.round((store.items - drawn.items) * 1000 / (at - drawn.forgot))} items/s · ${Number.isFinite(store.first) ? duration(store.now - store.first) : 'nothing'} kept · window ${duration(clock.span)}`);
+      drawn.frames = drawn.frames.filter(one => at - one < 1000);
+      Object.assign(drawn, {forgot: at, items: store.items});
+      $('#rows').style.setProperty('--full', `${$('#strips').offsetTop + $('#strips').offsetHeight}px`);
+    }
+    drawn.slow = at;
+    if (this.dead()) this.changed();
+  }
+
+  showSensors() {
+    for (const sensor of this.store.sensors.values()) {
+      const wanted = sensor.on || sensor.samples.length > 0;
+      const strip = this.sensors.get(sensor.h);
+      if (wanted && !strip) {
+        const made = new SensorStrip(this, sensor);
+        this.sensors.set(sensor.h, made);
+        this.attach(made, $('#strips'));
+        const order = [...this.sensors.values()].sort((a, b) => a.sensor.h - b.sensor.h);
+        const next = order[order.indexOf(made) + 1];
+        if (next) $('#strips').insertBefore(made.row, next.row);
+      } else if (!wanted && strip) {
+        this.watch.unobserve(strip.row);
+        this.inView.delete(strip.row);
+        strip.remove();
+        this.sensors.delete(sensor.h);
+      }
+    }
+    $('#none').hidden = this.sensors.size > 0 || Boolean(this.dead());
+    setText($('#none'), this.store.hello.live ? 'No sensor is on. Switch one on in the panel (key s), or: shdtool enable accelerometer --rate 25'
+      : 'No samples in these files: add a recording of events (shdtool record).');
+  }
+
+  tellHeader(reading) {
+    const {store, clock} = this;
+    const {hello} = store;
+    const dead = this.dead();
+    const state = clock.cursor === null ? store.state : store.states.at(reading);
+    const chip = $('#mcu');
+    const since = state && state === store.state ? ` ${duration(this.now() - state.t)}` : '';
+    setText(chip, dead && clock.cursor === null ? 'MCU: not known' : state ? `MCU ${stateWords[state.s] ?? state.s}${since}` : 'MCU: not known');
+    chip.classList.toggle('wrong', !dead && state?.s === 'silent');
+    chip.style.setProperty('--tone', dead ? colour.faint : colour[state?.s] ?? colour.faint);
+    const link = $('#link');
+    const ages = (performance.now() - this.linkSince) * 1000;
+    setText(link, dead ? 'no connection' : !hello.live ? 'recording' : clock.follow ? 'live' : 'paused');
+    link.classList.toggle('wrong', Boolean(dead));
+    link.style.setProperty('--tone', clock.follow ? colour.good : colour.warn);
+    const banner = $('#banner');
+    const down = this.linkWrong ? ages : this.now() - (store.lost.all.findLast(span => span.e === null)?.t ?? this.now());
+    banner.hidden = !dead;
+    if (dead) setText(banner, `${dead} (${duration(down)}). What stands below is old.`);
+    document.body.classList.toggle('dead', Boolean(dead));
+    const times = [`${bootTime(reading, Math.max(clock.span / 1000, 1))} s since boot`, timeOfDay(reading, this.anchor)];
+    if (clock.mark !== null) times.push(`${duration(reading - clock.mark)} from the mark`);
+    const lost = store.lostWithin(reading, reading);
+    if (lost) times.push('nothing was received here');
+    setText($('#reading'), times.filter(Boolean).join('   '));
+    setText($('#follow'), clock.follow ? 'pause' : 'go on');
+    $('#follow').setAttribute('aria-pressed', String(clock.follow));
+  }
+
+  place(line, t) {
+    const x = t === null ? -1 : this.clock.x(t, this.clients.width);
+    line.hidden = x < 0 || x > this.clients.width;
+    if (!line.hidden) line.style.transform = `translateX(${this.clients.canvas.offsetLeft + x}px)`;
+  }
+
+  say(text, wrong = false) { sayTo($('#said'), text, wrong); }
+
+  async act(what) {
+    const answer = await this.feed.ask(what);
+    this.say(answer.ok ? answer.text || 'done' : answer.error, !answer.ok);
+    if (!answer.ok) for (const row of this.panel.rows.values()) row.shown = '';
+    return answer;
+  }
+
+  pick(item) {
+    this.selected = item;
+    this.clock.show(item.t, item.e ?? item.t);
+    showPicked(this, $('#picked'), item);
+    $('#picked').scrollTop = 0;
+    this.changed();
+  }
+
+  lane() { return document.activeElement?.lane; }
+
+  walk(direction) {
+    const lane = this.lane() ?? this.lanes[2];
+    const item = lane.walk(this.clock.cursor ?? this.now(), direction);
+    if (item) this.pick(item); else this.say(direction > 0 ? 'nothing behind it' : 'nothing before it');
+  }
+
+  pickAtCursor() {
+    const lane = this.lane();
+    const x = this.clock.x(this.clock.cursor ?? this.now(), this.clients.width);
+    const item = lane && (lane.near(x, -1) ?? lane.walk(this.clock.cursor ?? this.now(), -1));
+    if (item) this.pick(item);
+  }
+
+  moveCursor(steps) {
+    const {clock} = this;
+    if (clock.cursor === null) clock.cursor = (clock.from + clock.to) / 2;
+    clock.point(Math.min(Math.max(clock.cursor + steps * clock.span / 200, clock.from), clock.to), true);
+    this.drawn.slow = 0;
+  }
+
+  setMark() {
+    this.clock.mark = this.clock.cursor ?? this.now();
+    ++this.clock.version;
+  }
+
+  focus(selector) { $(selector)?.focus(); }
+  help() { $('#help').showModal(); }
+
+  escape() {
+    this.clock.mark = null;
+    this.clock.point(null);
+    this.clock.pointer = undefined;
+    this.selected = null;
+  }
+}
+
+export const scope = new Scope();
+scope.start();

@@ -1,0 +1,261 @@
+// What the page knows: takes the feed's items and keeps them, bounded, for lanes, strips and lists.
+// A live hub's are forgotten after a while; of a recording the whole is kept, thinned where it must.
+import {Columns, Items} from './rings.js';
+
+const KEPT_US = 120e6;       // of a live hub
+const KEPT_PAUSED_US = 600e6;
+const LONG_SPACING = 1.8;    // periods: what is longer is a gap, unless it is made up for
+const PATIENCE = 64;         // samples within which a late one is made up for
+const LATENCY_STEP_US = 100e3;
+const LATENCY_REST_STEPS = 20;  // with nothing: the curve breaks off
+const QUIET_LEAST_US = 1e6;  // shorter than this, nobody is called silent
+const QUIET_DELIVERIES = 3;
+
+const median = values => [...values].sort((a, b) => a - b)[values.length >> 1];
+
+// One sensor: its samples, its gaps, and what its latest ones tell.
+class Sensor {
+  constructor(about, whole) {
+    Object.assign(this, about);
+    this.width = Math.max(about.axes.length, 1);
+    this.samples = new Columns(this.width, 1 << 18, whole);
+    this.gaps = new Items(4000);
+    this.flushes = new Items(1000);
+    this.asked = null;  // {period_us, batch}, null: nobody told
+    this.since = 0;     // a sequence of samples is awaited since then
+    this.arrival = -Infinity;
+    this.latency = 0;   // of the oldest sample of the latest delivery, us
+    this.deliveries = [];
+    this.spacings = [];
+    this.period = 0;    // as measured
+    this.open = null;   // a gap that may still be made up for
+    this.broken = true;
+  }
+
+  // Sensors whose samples follow what happens have no period.
+  get on() { return this.asked ? this.asked.period_us > 0 : this.samples.length > 0; }
+  get expected() {
+    const asked = this.asked?.period_us ?? 0;
+    return asked > 0 && (!this.period || Math.abs(this.period / asked - 1) > 0.1) ? asked : this.period;
+  }
+
+  restart(t) {
+    Object.assign(this, {broken: true, open: null, since: t, spacings: [], period: 0, deliveries: []});
+  }
+
+  add(t, arrival, values) {
+    const spacing = t - this.samples.last;
+    if (this.periodic && !this.broken && spacing > 0) this.measure(this.samples.last, spacing);
+    const wait = arrival - this.arrival;
+    if (wait > Math.max(spacing / 2, 0)) {
+      if (!this.broken && this.deliveries.push(wait) > 15) this.deliveries.shift();
+      this.latency = arrival - t;
+    }
+    this.samples.push(t, values);
+    this.arrival = arrival;
+    this.broken = false;
+  }
+
+  measure(from, spacing) {
+    const period = this.expected;
+    if (period > 0) {
+      const periods = spacing / period, gap = this.open;
+      if (periods > LONG_SPACING) {
+        if (gap && gap.e === from) {
+          gap.e = from + spacing;
+          this.gaps.grow(gap);
+        } else {
+          if (gap) gap.missing = Math.round(gap.lag);
+          this.open = {t: from, e: from + spacing, lag: 0, worst: 0, left: PATIENCE, late: false};
+          this.gaps.push(this.open);
+        }
+      }
+      if (this.open) this.follow(this.open, periods);
+    }
+    this.spacings.push(spacing);
+    if (this.spacings.length === 32) {
+      this.period = median(this.spacings);
+      this.spacings = [];
+    } else if (!this.period && this.spacings.length === 8) {
+      this.period = median(this.spacings);
+    }
+  }
+
+  // Samples that come too early behind a gap make up for it: nothing is missing, it was late.
+  follow(gap, periods) {
+    gap.lag += periods - 1;
+    gap.worst = Math.max(gap.worst, gap.lag);
+    gap.late = gap.lag < Math.max(0.5, gap.worst / 20);
+    gap.missing = Math.max(1, Math.round(gap.lag));
+    if (gap.late || --gap.left === 0) this.open = null;
+  }
+
+  // How long nothing has come, when that is too long for it.
+  quiet(now) {
+    if (!this.on || !this.periodic) return 0;
+    const usual = Math.max((this.asked?.period_us ?? 0) * Math.max(this.asked?.batch ?? 1, 1),
+      this.deliveries.length ? median(this.deliveries) : 0);
+    const silence = now - Math.max(this.arrival, this.since);
+    return usual > 0 && silence > Math.max(QUIET_LEAST_US, usual * QUIET_DELIVERIES) ? silence : 0;
+  }
+
+  // Mean rate in Hz and standard deviation of the spacings in ms, gaps left out, of 5 s up to t.
+  rate(t) {
+    const {samples} = this;
+    const to = samples.find(t + 1), from = Math.max(samples.find(t - 5e6), to - 2000);
+    let count = 0, sum = 0, squares = 0;
+    for (let i = from + 1; i < to; ++i) {
+      const spacing = samples.time[i] - samples.time[i - 1];
+      if (this.expected && spacing > LONG_SPACING * this.expected) continue;
+      ++count;
+      sum += spacing;
+      squares += spacing * spacing;
+    }
+    if (count < 2) return null;
+    const mean = sum / count;
+    return {hz: 1e6 / mean, jitter: Math.sqrt(Math.max(0, squares / count - mean * mean)) / 1000};
+  }
+}
+
+export class Store {
+  constructor() { this.start({sensors: [], live: false, now: 0}); }
+
+  // A new picture: the server begins with the whole that it keeps.
+  start(hello) {
+    const whole = !hello.live;
+    const many = whole ? 400e3 : 100e3;
+    Object.assign(this, {
+      hello, whole, version: (this.version ?? 0) + 1, items: 0,
+      first: Infinity, now: hello.now ?? 0, up: null,
+      sensors: new Map(hello.sensors.map(s => [s.h, new Sensor({periodic: true, ...s}, whole)])),
+      states: new Items(4000), episodes: new Items(2000), log: new Items(whole ? 50e3 : 5000),
+      frames: new Items(many), pins: new Items(10e3), exchanges: new Items(many), dumps: new Items(200),
+      lost: new Items(2000),  // spans that this page cannot know of, with their cause
+      load: new Columns(2, 1 << 16, whole), latency: new Columns(2, 1 << 16, whole),
+      measured: false, clients: new Map(), pending: null,
+    });
+  }
+
+  take(items) {
+    for (const item of items) {
+      if (item.k !== 'hello' && item.t !== undefined) this.see(item.a ?? item.t);
+      takers[item.k]?.(this, item);
+    }
+    this.items += items.length;
+    ++this.version;
+  }
+
+  see(t) {
+    if (t < this.first) this.first = t;
+    if (t > this.now) this.now = t;
+  }
+
+  // Nobody told this page of what was in that time.
+  lose(cause, t, e) {
+    this.lost.push({t, e, cause});
+    if (e === null) return;
+    for (const sensor of this.sensors.values()) sensor.open = null;
+  }
+
+  // The gap, or the silence, was not the MCU's when this page was told nothing then.
+  lostWithin(t, e) {
+    for (const span of this.lost.within(t, e)) return span;
+    return null;
+  }
+
+  get state() { return this.states.last; }
+
+  forget(keepFrom) {
+    if (this.whole) return;
+    const before = Math.max(Math.min(this.now - KEPT_US, keepFrom), this.now - KEPT_PAUSED_US);
+    this.first = Math.max(this.first, before);
+    for (const sensor of this.sensors.values()) {
+      for (const ring of [sensor.samples, sensor.gaps, sensor.flushes]) ring.forget(before);
+    }
+    for (const ring of [this.load, this.latency, this.log, this.frames, this.pins, this.exchanges,
+      this.episodes, this.dumps, this.lost]) ring.forget(before);
+    this.states.forget(before, true);
+    for (const [name, client] of this.clients) {
+      client.fill.forget(before);
+      if (client.last < before) this.clients.delete(name);
+    }
+  }
+
+  addLatency(arrival, latency) {
+    const step = Math.floor(arrival / LATENCY_STEP_US);
+    const ms = latency / 1000, now = this.pending;
+    if (now && now.step >= step) {
+      now.least = Math.min(now.least, ms);
+      now.most = Math.max(now.most, ms);
+      return;
+    }
+    if (now) this.latency.push((now.step + 1) * LATENCY_STEP_US, [now.least, now.most]);
+    if (now && step - now.step > LATENCY_REST_STEPS) this.latency.push((now.step + 2) * LATENCY_STEP_US, []);
+    this.pending = {step, least: ms, most: ms};
+  }
+}
+
+// What each kind of item does to the store.
+const takers = {
+  hello: (store, item) => store.start(item),
+  now() {},
+  sample(store, item) {
+    const sensor = store.sensors.get(item.h);
+    if (!sensor) return;
+    sensor.add(item.t, item.a, item.v);
+    if (sensor.periodic) store.addLatency(item.a, item.a - item.t);
+  },
+  flush: (store, item) => store.sensors.get(item.h)?.flushes.push(item),
+  frame: (store, item) => store.frames.push(item),
+  pin: (store, item) => store.pins.push(item),
+  // An unanswered one may be told again when its reply has come after all.
+  exchange(store, item) {
+    const {all} = store.exchanges;
+    const known = all.slice(-32).findLast(one => one.t === item.t);
+    if (known) store.exchanges.grow(Object.assign(known, item)); else store.exchanges.push(item);
+  },
+  state(store, item) {
+    const before = store.states.at(item.t);
+    if (before?.s === item.s && before.m === item.m) return;
+    store.states.push(item);
+  },
+  episode(store, item) {
+    const known = store.episodes.all.findLast(e => e.t === item.t && e.kind === item.kind);
+    if (known) store.episodes.grow(Object.assign(known, item)); else store.episodes.push(item);
+  },
+  log: (store, item) => store.log.push(item),
+  connection(store, item) {
+    const down = store.lost.all.findLast(span => span.cause === 'hub' && span.e === null);
+    store.up = item.up;
+    if (!item.up && !down) store.lose('hub', item.t, null);
+    if (item.up && down) {
+      down.e = item.t;
+      store.lost.grow(down);
+    }
+    for (const sensor of store.sensors.values()) sensor.restart(item.t);
+  },
+  missed: (store, item) => store.lose('tool', item.t, item.e),
+  dropped: (store, item) => store.lose('page', item.t, item.e),
+  clients(store, item) {
+    for (const client of item.list) {
+      const name = `${client.name} ${client.pid} ${client.socket}`;
+      if (!store.clients.has(name)) store.clients.set(name, {name, fill: new Columns(2, 1 << 13, store.whole)});
+      const known = store.clients.get(name);
+      Object.assign(known, {unread: client.unread, losing: client.losing, last: item.t});
+      known.fill.push(item.t, [client.fill, client.losing ? 1 : 0]);
+    }
+    store.clientsAt = item.t;
+  },
+  asked(store, item) {
+    const sensor = store.sensors.get(item.h);
+    if (!sensor) return;
+    const {asked} = sensor;
+    sensor.asked = {period_us: item.period_us, batch: item.batch};
+    if (asked?.period_us !== item.period_us || asked?.batch !== item.batch) sensor.restart(item.t);
+  },
+  load(store, item) {
+    store.measured = item.measured;
+    store.load.push(item.t, [item.from, item.to ?? NaN]);
+  },
+  dump: (store, item) => store.dumps.push(item),
+};
