@@ -8,4 +8,6 @@ set(CMAKE_CXX_COMPILER ${SHD_TARGET}-g++)
 set(CMAKE_LIBRARY_ARCHITECTURE ${SHD_TARGET})
 # Of vectors passed by value: the layout is the same since GCC 7.1.
 set(CMAKE_CXX_FLAGS_INIT -Wno-psabi)
+# A path for libraries that counts for what they need in turn, too.
+set(CMAKE_EXE_LINKER_FLAGS_INIT -Wl,--disable-new-dtags)
 set(CMAKE_CROSSCOMPILING_EMULATOR ${SHD_EMULATOR} -L /usr/${SHD_TARGET})

@@ -22,10 +22,11 @@ constexpr const char* kDetails =
 const CommandRows& AllCommands() {
     static const CommandRows rows = [] {
         CommandRows all;
-        for (auto* family : {StatusCommands, ClientsCommands, ListCommands, WatchCommands,
-                             RecordCommands, ReplayCommands, AuditCommands, SensorCommands,
-                             FlushCommands, McuCommands, RawCommands, LogCommands, TapCommands,
-                             DumpCommands, RawLogCommands, ImageCommands, CompletionCommands}) {
+        for (auto* family :
+             {StatusCommands, ClientsCommands, ListCommands, WatchCommands, RecordCommands,
+              ReplayCommands, AuditCommands, ViewCommands, SensorCommands, FlushCommands,
+              McuCommands, RawCommands, LogCommands, TapCommands, DumpCommands, RawLogCommands,
+              ImageCommands, CompletionCommands}) {
             for (Command& row : family()) all.push_back(std::move(row));
         }
         return all;

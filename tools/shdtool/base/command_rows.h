@@ -19,6 +19,7 @@ using CommandRows = std::vector<Command>;
 [[nodiscard]] CommandRows RecordCommands();
 [[nodiscard]] CommandRows ReplayCommands();  // beside watch
 [[nodiscard]] CommandRows AuditCommands();
+[[nodiscard]] CommandRows ViewCommands();
 [[nodiscard]] CommandRows SensorCommands();
 [[nodiscard]] CommandRows FlushCommands();
 [[nodiscard]] CommandRows McuCommands();

@@ -31,6 +31,27 @@ Json Json::List() {
     return list;
 }
 
+std::optional<Json> Json::Parse(std::string_view text) {
+    Json parsed;
+    parsed.value_->json = nlohmann::ordered_json::parse(text, nullptr, false);
+    if (parsed.value_->json.is_discarded()) return std::nullopt;
+    return parsed;
+}
+
+std::optional<int64_t> Json::Integer(const char* name) const {
+    const auto& object = value_->json;
+    if (!object.is_object() || !object.contains(name)) return std::nullopt;
+    if (!object[name].is_number_integer()) return std::nullopt;
+    return object[name].get<int64_t>();
+}
+
+std::optional<std::string> Json::String(const char* name) const {
+    const auto& object = value_->json;
+    if (!object.is_object() || !object.contains(name)) return std::nullopt;
+    if (!object[name].is_string()) return std::nullopt;
+    return object[name].get<std::string>();
+}
+
 Json& Json::Set(std::string_view name, Json value) {
     value_->json[std::string(name)] = std::move(value.value_->json);
     return *this;

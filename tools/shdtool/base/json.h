@@ -1,11 +1,12 @@
-// A JSON value that can be put together and printed. The library behind it stays in json.cpp: its
-// headers cost seconds of compiling in every file that sees them.
+// A JSON value that can be put together, printed and read. The library behind it stays in json.cpp:
+// its headers cost seconds of compiling in every file that sees them.
 #pragma once
 
 #include <concepts>
 #include <cstdint>
 #include <initializer_list>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <variant>
@@ -40,6 +41,13 @@ class Json {
         for (const auto& value : values) list.Add(Json(value));
         return list;
     }
+
+    // Empty when the text is no JSON.
+    [[nodiscard]] static std::optional<Json> Parse(std::string_view text);
+
+    // A field of an object; empty when there is none, or one of another type.
+    [[nodiscard]] std::optional<int64_t> Integer(const char* name) const;
+    [[nodiscard]] std::optional<std::string> String(const char* name) const;
 
     // Of an object (null becomes one); an existing field is replaced in its place.
     Json& Set(std::string_view name, Json value);
