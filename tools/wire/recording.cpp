@@ -1,4 +1,4 @@
-// Recorded sessions as text. Called by mcusim's recorder and player, and by shdtool's tap.
+// Recorded sessions as text. Called by mcusim's recorder and player, and by shdtool.
 #include "tools/wire/recording.h"
 
 #include <fmt/format.h>
@@ -8,7 +8,6 @@
 #include <charconv>
 #include <ctime>
 #include <iterator>
-#include <optional>
 #include <sstream>
 #include <stdexcept>
 
@@ -20,6 +19,7 @@ using Time = RecordedStep::Time;
 // Longer than any host runs, and far from the end of the nanoseconds' range.
 constexpr double kMaxTimeSec = 100.0 * 365 * 24 * 3600;
 constexpr uint32_t kMaxBaud = 4'000'000;
+constexpr std::string_view kClocksWords = "---- clocks ";
 
 // By Pin.
 constexpr std::string_view kPinNames[] = {"boot0", "reset"};
@@ -130,6 +130,24 @@ Time ReadClock(clockid_t clock) {
 
 }  // namespace
 
+std::string FormatClocks(const Clocks& clocks) {
+    return fmt::format("{}{:.6f} {:.6f}", kClocksWords, Seconds(clocks.wall), Seconds(clocks.boot));
+}
+
+std::optional<Clocks> ParseClocks(std::string_view line) {
+    const size_t words = line.find(kClocksWords);
+    if (words == std::string_view::npos ||
+        line.substr(0, words).find_first_not_of(" .0123456789") != std::string_view::npos) {
+        return std::nullopt;
+    }
+    line.remove_prefix(words + kClocksWords.size());
+    const size_t blank = line.find(' ');
+    if (blank == std::string_view::npos) return std::nullopt;
+    const auto wall = ParseTime(line.substr(0, blank)), boot = ParseTime(line.substr(blank + 1));
+    if (!wall || !boot) return std::nullopt;
+    return Clocks{*wall, *boot};
+}
+
 std::string_view NameOf(Pin pin) {
     return kPinNames[static_cast<size_t>(pin)];
 }
@@ -157,22 +175,25 @@ std::string FormatStep(Time at, const Clocks& clocks) {
                        Seconds(clocks.boot));
 }
 
+std::optional<RecordedStep> StepParser::Parse(const std::string& text) {
+    ++line_;
+    if (text.find_first_not_of(" \t\r") == std::string::npos || text[0] == '#') return std::nullopt;
+    RecordedStep step = ParseStep(text);
+    step.line = line_;
+    // A burst is due when its last bit is in, so it may be older than what the host did meanwhile.
+    at_ = step.at = std::max(step.at, at_);
+    return step;
+}
+
 std::vector<RecordedStep> ParseRecording(std::span<const std::string> lines,
                                          const std::string& path) {
     std::vector<RecordedStep> steps;
-    int line = 0;
+    StepParser parser;
     for (const std::string& text : lines) {
-        ++line;
-        if (text.find_first_not_of(" \t\r") == std::string::npos || text[0] == '#') continue;
         try {
-            RecordedStep step = ParseStep(text);
-            step.line = line;
-            // A burst is due when its last bit is in, so it may be older than what the host did
-            // meanwhile.
-            if (!steps.empty()) step.at = std::max(step.at, steps.back().at);
-            steps.push_back(std::move(step));
+            if (auto step = parser.Parse(text)) steps.push_back(std::move(*step));
         } catch (const std::runtime_error& error) {
-            throw std::runtime_error(fmt::format("{}:{}: {}", path, line, error.what()));
+            throw std::runtime_error(fmt::format("{}:{}: {}", path, parser.line(), error.what()));
         }
     }
     if (steps.empty()) throw std::runtime_error(path + ": no steps");

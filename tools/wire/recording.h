@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -43,6 +44,12 @@ struct Clocks {
 
 [[nodiscard]] Clocks ReadClocks();
 
+// "---- clocks 1763892030.123456 12345.678901", without a line's end: as texts of other kinds say
+// both clocks. A trace has its own time in front.
+[[nodiscard]] std::string FormatClocks(const Clocks& clocks);
+// Nothing when the line says something else.
+[[nodiscard]] std::optional<Clocks> ParseClocks(std::string_view line);
+
 // Tells a recorder when to say both clocks: first of all, and again every minute.
 class ClockTimer {
   public:
@@ -76,9 +83,24 @@ struct RecordedStep {
 [[nodiscard]] std::string FormatStep(RecordedStep::Time at, const LineSettings& settings);
 [[nodiscard]] std::string FormatStep(RecordedStep::Time at, const Clocks& clocks);
 
-// A step that is older than the one before it counts as being of the same time; blank lines and
-// lines that begin with # are skipped. Throws std::runtime_error naming the file and the line, or
-// when there is no step.
+// Reads a recording line by line, also one that is still being written. A step that is older than
+// the one before it counts as being of the same time; blank lines and lines that begin with # are
+// skipped.
+class StepParser {
+  public:
+    // The step of the next line, without its end; nothing when it is skipped. Throws
+    // std::runtime_error that names no line when it is no step; the next one may be.
+    [[nodiscard]] std::optional<RecordedStep> Parse(const std::string& text);
+
+    [[nodiscard]] int line() const { return line_; }  // of the last one, from 1
+
+  private:
+    int line_ = 0;
+    RecordedStep::Time at_{0};
+};
+
+// A whole recording. Throws std::runtime_error naming the file and the line, or when there is no
+// step.
 [[nodiscard]] std::vector<RecordedStep> ParseRecording(std::span<const std::string> lines,
                                                        const std::string& path);
 

@@ -44,9 +44,8 @@ void TextOutput::Write(const std::string& line) {
 
 void Trace::Write(TimePoint at, const std::string& line) {
     if (clocks_.Due(at)) {
-        const wire::Clocks now = wire::ReadClocks();
-        output_.Write(fmt::format("{:12.6f} ---- clocks {:.6f} {:.6f}\n", Seconds(at),
-                                  Seconds(now.wall), Seconds(now.boot)));
+        output_.Write(
+            fmt::format("{:12.6f} {}\n", Seconds(at), wire::FormatClocks(wire::ReadClocks())));
     }
     output_.Write(fmt::format("{:12.6f} {}\n", Seconds(at), line));
 }

@@ -6,8 +6,8 @@
 #include <string>
 #include <string_view>
 
-#include "platform/unique_fd.h"
 #include "tools/client/result.h"
+#include "tools/shdtool/files/growing_text.h"
 
 namespace shdtool {
 
@@ -25,15 +25,12 @@ class LogInput {
               const std::function<void()>& pause);
 
   private:
-    LogInput(UniqueFd fd, std::string path, bool follow)
-        : fd_(std::move(fd)), path_(std::move(path)), follow_(follow) {}
+    LogInput(UniqueFd fd, const std::string& path, bool follow)
+        : text_(std::move(fd), path), standard_input_(path == "-"), follow_(follow) {}
 
-    void FollowChange();
-
-    UniqueFd fd_;
-    std::string path_;
+    GrowingText text_;
+    bool standard_input_;
     bool follow_;
-    std::string partial_;  // a line that has not ended
 };
 
 }  // namespace shdtool

@@ -15,7 +15,7 @@
 namespace shdtool {
 namespace {
 
-constexpr std::array<std::string_view, 3> kNoise{"--------- ", "Start server",
+constexpr std::array<std::string_view, 4> kNoise{"--------- ", "---- clocks ", "Start server",
                                                  "select event comming"};
 constexpr int64_t kDayMs = 86'400'000;
 
@@ -147,6 +147,10 @@ SensorMention FindMention(std::string_view text) {
         if (text.starts_with(words)) return {0, {handle}};
     }
     return FindCommandMention(text);
+}
+
+std::vector<int32_t> HandlesOfMcuSensor(int32_t id) {
+    return HandlesOf(id, true);
 }
 
 std::vector<std::string> SensorNames(const std::vector<int32_t>& handles) {

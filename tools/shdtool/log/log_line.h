@@ -32,8 +32,8 @@ struct LogLine {
 // Whether the daemon writes under this tag; on a device all processes share one log.
 [[nodiscard]] bool IsDaemonTag(std::string_view tag);
 
-// True for what stands between the lines of a log without being one: logcat's headings and the
-// trace of the daemon's socket servers.
+// True for what stands between the lines of a log without being one: logcat's headings, the clocks
+// of a recorded log and the trace of the daemon's socket servers.
 [[nodiscard]] bool IsLogNoise(std::string_view line);
 
 // From one line to another that is less than half a day away, over midnight and the end of a month
@@ -50,6 +50,9 @@ struct SensorMention {
 
 // The sensor of the text, which the daemon names by its handle or by its MCU sensor id.
 [[nodiscard]] SensorMention FindMention(std::string_view text);
+
+// The sensors behind an MCU sensor id; none where there is no such id.
+[[nodiscard]] std::vector<int32_t> HandlesOfMcuSensor(int32_t id);
 
 [[nodiscard]] std::vector<std::string> SensorNames(const std::vector<int32_t>& handles);
 
