@@ -7,6 +7,7 @@
 #include <iterator>
 
 #include "tools/shdtool/engine/line_budget.h"
+#include "tools/shdtool/engine/spacing.h"
 
 namespace shdtool {
 namespace {
@@ -26,7 +27,8 @@ Json SensorJson(const shdclient::SensorInfo& sensor) {
             {"axes", axes},
             {"period_min_us", kMinPeriodUs},
             {"period_max_us", kMaxPeriodUs},
-            {"batch_max", sensor.can_batch ? kMaxBatch : 0}};
+            {"batch_max", sensor.can_batch ? kMaxBatch : 0},
+            {"periodic", IsPeriodic(sensor)}};
 }
 
 // The busiest item, so without a Json: 2,000 a second on a full line.

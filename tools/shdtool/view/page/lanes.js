@@ -58,14 +58,15 @@ class Lane {
     this.context.fillRect(x, top, Math.max(end - x, least), height);
   }
 
-  // Writes a text at x where nothing stands yet; of several, the first that has room. True: written.
-  write(texts, x, y, fill, until = this.width) {
+  // Writes a text at x where nothing stands yet; of several, the first that has room: between x and
+  // until, or where none is given, anywhere near x. True: written.
+  write(texts, x, y, fill, until = null) {
     const {context: ctx} = this;
     const taken = this.used.filter(used => Math.abs(used.y - y) < 10);
     for (const text of [texts].flat()) {
       const width = ctx.measureText(text).width;
-      const at = Math.max(2, Math.min(x, this.width - width - 2));
-      if (at + width > until || (until < this.width && x > until)) continue;
+      const at = Math.max(2, until === null ? Math.min(x, this.width - width - 2) : x);
+      if (until !== null && at + width > until) continue;
       if (taken.some(used => at < used.to + 6 && at + width > used.from - 6)) continue;
       ctx.fillStyle = fill;
       ctx.textAlign = 'left';
@@ -209,7 +210,9 @@ export class EpisodeLane extends Lane {
       this.box(colour.bad, dump.t, dump.t, this.height - 14, 14, 2);
       this.write([`core dump ${dump.n}: ${dump.m}`, `core dump ${dump.n}`], x(dump.t) + 4, this.height - 7, colour.bad);
     }
-    if (!shown.length && !store.log.all.length && !store.hello.log) this.absent(ctx, 'no log of the daemon here: give it with --log FILE');
+    if (shown.length || [...store.dumps.within(clock.from, clock.to)].length) return;
+    if (store.hello.log || store.episodes.all.length) this.absent(ctx, 'nothing out of the ordinary');
+    else this.absent(ctx, 'recoveries, crashes and updates show with the daemon’s log: give it with --log FILE');
   }
 
   tell(t) {
@@ -330,11 +333,16 @@ export class ExchangeLane extends Lane {
 
 const CLIENT_PX = 16;
 const CLIENTS_SHOWN = 8;
+const GONE_AFTER_US = 5e6;
 
 export class ClientLane extends Lane {
   constructor(scope) { super(scope, 'clients', CLIENT_PX); }
 
-  shown() { return [...this.scope.store.clients.values()].slice(0, CLIENTS_SHOWN); }
+  // Those that are here, and those that went away after they had lost something.
+  shown() {
+    const {clients, clientsAt} = this.scope.store;
+    return [...clients.values()].filter(client => client.lost || client.last >= clientsAt - GONE_AFTER_US).slice(0, CLIENTS_SHOWN);
+  }
 
   paint(ctx, x, clock, store) {
     const clients = this.shown();

@@ -25,7 +25,7 @@ class Scope {
     this.selected = null;
     this.linkWrong = 'connecting';
     this.linkSince = performance.now();
-    this.drawn = {seen: '', next: 0, at: 0, slow: 0, forgot: 0, frames: [], items: 0};
+    this.drawn = {seen: '', next: 0, at: 0, slow: 0, forgot: 0, count: 0, frames: 0, items: 0};
     this.lanes = [new AxisLane(this), new StateLane(this), new EpisodeLane(this), new LogLane(this),
       new FrameLane(this), new ExchangeLane(this)];
     this.clients = new ClientLane(this);
@@ -124,16 +124,14 @@ class Scope {
     if (at - drawn.slow > SLOW_MS) this.slow(at);
     const seen = `${clock.version} ${clock.follow || store.now < clock.to + 1e6 || store.whole ? store.version : ''}`;
     if (!this.dirty && seen === drawn.seen) return;
-    const whole = this.dirty || seen !== drawn.seen;
     Object.assign(drawn, {seen, at});
     this.dirty = false;
     for (const lane of this.lanes) lane.draw();
     this.clients.draw();
     this.place($('#cursor'), clock.cursor);
     this.place($('#mark'), clock.mark);
-    if (whole) drawn.left = this.inView.size;
     this.drawStrips(at);
-    drawn.frames.push(at);
+    ++drawn.count;
   }
 
   // As many of the strips in view as the time allows, in turns.
@@ -161,10 +159,9 @@ class Scope {
     this.tellHeader(reading);
     if (at - drawn.forgot > 1000) {
       store.forget(clock.follow ? Infinity : clock.from);
-      const frames = drawn.frames.filter(one => at - one < 1000).length;
-      setText($('#figures'), `${frames} frames/s · ${Math.round((store.items - drawn.items) * 1000 / (at - drawn.forgot))} items/s · ${Number.isFinite(store.first) ? duration(store.now - store.first) : 'nothing'} kept · window ${duration(clock.span)}`);
-      drawn.frames = drawn.frames.filter(one => at - one < 1000);
-      Object.assign(drawn, {forgot: at, items: store.items});
+      const rate = now => Math.max(0, Math.round(now * 1000 / (at - drawn.forgot)));
+      setText($('#figures'), `${rate(drawn.count - drawn.frames)} frames/s · ${rate(store.items - drawn.items)} items/s · ${Number.isFinite(store.first) ? duration(store.now - store.first) : 'nothing'} kept · window ${duration(clock.span)}`);
+      Object.assign(drawn, {forgot: at, items: store.items, frames: drawn.count});
       $('#rows').style.setProperty('--full', `${$('#strips').offsetTop + $('#strips').offsetHeight}px`);
     }
     drawn.slow = at;

@@ -45,16 +45,17 @@ export class SensorPanel {
     }
   }
 
-  // Shows what was asked, by whomever, but does not take a field from under a hand.
+  // Shows what was asked, by whomever, else what is measured, but does not take a field from under a hand.
   update() {
     for (const [handle, row] of this.rows) {
       const sensor = this.scope.store.sensors.get(handle);
       const asked = sensor.asked;
-      const now = `${sensor.on} ${asked?.period_us} ${asked?.batch}`;
+      const period = asked ? asked.period_us : Math.round(sensor.period / 1000) * 1000;
+      const now = `${sensor.on} ${period} ${asked?.batch}`;
       if (now === row.shown) continue;
       row.shown = now;
       row.on.checked = sensor.on;
-      if (asked?.period_us > 0 && document.activeElement !== row.rate) row.rate.value = +(1e6 / asked.period_us).toFixed(2);
+      if (period > 0 && document.activeElement !== row.rate) row.rate.value = +(1e6 / period).toFixed(2);
       if (asked?.period_us > 0 && document.activeElement !== row.batch) row.batch.value = Math.max(asked.batch, 1);
     }
   }

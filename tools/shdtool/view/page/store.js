@@ -241,7 +241,7 @@ const takers = {
       const name = `${client.name} ${client.pid} ${client.socket}`;
       if (!store.clients.has(name)) store.clients.set(name, {name, fill: new Columns(2, 1 << 13, store.whole)});
       const known = store.clients.get(name);
-      Object.assign(known, {unread: client.unread, losing: client.losing, last: item.t});
+      Object.assign(known, {unread: client.unread, losing: client.losing, lost: known.lost || client.losing, last: item.t});
       known.fill.push(item.t, [client.fill, client.losing ? 1 : 0]);
     }
     store.clientsAt = item.t;

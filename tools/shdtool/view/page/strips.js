@@ -160,12 +160,12 @@ class Strip {
     for (const span of this.scope.store.lost.within(clock.from, clock.to)) this.block(ctx, area, x(span.t), x(span.e ?? this.scope.now()), 'lost', LOST_WORDS[span.cause]);
     ctx.fillStyle = colour.faint;
     ctx.textAlign = 'left';
-    let above = Infinity;
+    let below = Infinity;
     for (const tick of ticks(...this.range)) {
-      const at = y(tick);
-      if (above - at < 14) continue;
-      above = at;
-      ctx.fillText(this.options.tick?.(tick) ?? String(+tick.toPrecision(6)), area.x + 3, at > area.y + 12 ? at - 6 : at + 7);
+      const at = y(tick) > area.y + 12 ? y(tick) - 6 : y(tick) + 7;
+      if (below - at < 11) continue;
+      below = at;
+      ctx.fillText(this.options.tick?.(tick) ?? String(+tick.toPrecision(6)), area.x + 3, at);
     }
   }
 
