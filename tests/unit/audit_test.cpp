@@ -208,7 +208,7 @@ TEST(Table, SaysWhatDoesNotFit) {
 
 // Two samples, a flush-complete event, an outage, 5 ns of missed events; written down by hand.
 constexpr char kRecording[] =
-    "SHDREC\x1a\n\x01\0\0\0\0\0\0\0\x00\x10\0\0\0\0\0\0\x01\0\0\0\0\0\0\0"
+    "SHDREC\x1a\n\x02\0\0\0\0\0\0\0\x00\x10\0\0\0\0\0\0\x01\0\0\0\0\0\0\0"
     "\x00\xd0\x0f\xc8\x01\1\2\3\4\5\6\7\x08\x09\x0a\x0b\x0c"  // 1000 ns later, 100 ns old
     "\x06\x00\x05\x0d\x0e\x0f\x10"                            // at once, 3 ns in the future
     "\x45\x02\x80\x04\x81\x06\x82\x00\x0a\xff\x08\x06";
@@ -226,12 +226,14 @@ class RecordFile : public testing::Test {
         if (!reader) return entries;
         while (const auto entry = reader->Next()) entries.push_back(*entry);
         if (reader->damage()) damage_ = reader->damage()->message;
+        clocks_ = reader->clocks();
         return entries;
     }
     void TearDown() override { unlink(path_.c_str()); }
 
     const std::string path_ = testing::TempDir() + "record" + std::to_string(getpid());
     std::string damage_;
+    std::vector<wire::Clocks> clocks_;
 };
 
 TEST_F(RecordFile, IsReadAsDescribedAndWrittenTheSame) {
@@ -256,6 +258,41 @@ TEST_F(RecordFile, IsReadAsDescribedAndWrittenTheSame) {
     EXPECT_EQ(written.substr(0, 24), kGolden.substr(0, 24));  // the wall clock follows
     EXPECT_EQ(written.substr(32), kGolden.substr(32));
     EXPECT_FALSE(RecordWriter::Create(path_, false).ok());
+}
+
+TEST_F(RecordFile, SaysBothClocksEveryMinute) {
+    // 3 ns after the last entry the wall clock is 5 ns ahead of where it should be.
+    std::string said = kGolden;
+    said.insert(kEntryEnds[5], "\x83\x06\x0a");
+    EXPECT_EQ(Read(said).size(), 6u);
+    EXPECT_EQ(damage_, "");
+    ASSERT_EQ(clocks_.size(), 2u);
+    EXPECT_EQ(clocks_[0].wall.count(), 1);
+    EXPECT_EQ(clocks_[1].boot.count(), 0x1000 + 1009);
+    EXPECT_EQ(clocks_[1].wall.count(), 1 + 1009 + 5);
+    EXPECT_EQ(Read(std::string(kGolden).replace(8, 1, "\x01")).size(), 6u) << "of version 1";
+
+    auto writer = RecordWriter::Create(path_, true);
+    ASSERT_TRUE(writer.ok());
+    writer->BeginAt(0x1000);
+    Delivery change{DeliveryKind::kLost};
+    for (const int64_t sec : {0, 59, 61, 119, 122}) {
+        change.event.arrival_ns = 0x1000 + sec * kSec;
+        writer->Add(change);
+    }
+    ASSERT_TRUE(writer->Close(change.event.arrival_ns).ok());
+    auto reader = RecordReader::Open(path_);
+    ASSERT_TRUE(reader.ok());
+    while (reader->Next()) {
+    }
+    EXPECT_FALSE(reader->damage());
+    ASSERT_EQ(reader->clocks().size(), 3u);
+    for (const wire::Clocks& clocks : reader->clocks()) {
+        const auto now = wire::ReadClocks();
+        EXPECT_NEAR(static_cast<double>((clocks.wall - clocks.boot - now.wall + now.boot).count()),
+                    0, 1e8);
+    }
+    EXPECT_EQ(reader->clocks()[2].boot.count(), 0x1000 + 122 * kSec);
 }
 
 TEST_F(RecordFile, IsReplacedOnlyByARecordingWithEntries) {
@@ -285,7 +322,11 @@ TEST_F(RecordFile, GivesWhatIsWholeOfADamagedFile) {
     EXPECT_EQ(Read(std::string(kGolden).replace(49, 1, "\x03")).size(), 1u);
     EXPECT_THAT(damage_, testing::HasSubstr("unknown kind 3"));
     EXPECT_EQ(Read(std::string(kGolden).replace(23, 1, "\x7f")).size(), 0u);
+    EXPECT_THAT(damage_, testing::HasSubstr("begins at an impossible time"));
+    EXPECT_EQ(Read(kGolden.substr(0, 33) + std::string(8, '\xff') + "\x7f").size(), 0u);
     EXPECT_THAT(damage_, testing::HasSubstr("impossible arrival time"));
+    EXPECT_EQ(Read(kGolden.substr(0, 32) + "\x83\x02" + std::string(9, '\xff') + "\1").size(), 0u);
+    EXPECT_THAT(damage_, testing::HasSubstr("impossible wall clock"));
     EXPECT_EQ(Read(kGolden.substr(0, 35) + std::string(8, '\xff') + "\x7f").size(), 0u);
     EXPECT_THAT(damage_, testing::HasSubstr("impossible time stamp"));
 }

@@ -8,8 +8,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <string_view>
 #include <utility>
 
@@ -25,7 +25,7 @@ using shdclient::ErrorCode;
 
 struct Header {
     char magic[8] = {'S', 'H', 'D', 'R', 'E', 'C', '\x1a', '\n'};
-    uint32_t version = 1;
+    uint32_t version = 2;
     uint32_t reserved = 0;
     int64_t begin_ns = 0;
     int64_t epoch_ns = 0;
@@ -36,12 +36,17 @@ static_assert(sizeof(Header) == 32 && offsetof(Header, begin_ns) == 16);
 constexpr uint8_t kHandleMask = 0x3F;
 constexpr uint8_t kFlushComplete = 0x40;
 constexpr uint8_t kChangeBase = 0x7F;
+constexpr uint8_t kClocks = 0x83;
 constexpr uint8_t kEnd = 0xFF;
 static_assert(kChangeBase + static_cast<int>(DeliveryKind::kLost) == 0x80);
 static_assert(kChangeBase + static_cast<int>(DeliveryKind::kMissed) == 0x82);
 
+constexpr uint32_t kOldestVersion = 1;
+constexpr int64_t kClocksEveryNs = 60'000'000'000;
+
 // Far beyond any uptime, and small enough for sums of differences.
 constexpr int64_t kMaxTimeNs = int64_t{1} << 57;
+constexpr int64_t kMaxWallNs = int64_t{1} << 62;  // some time in the year 2116
 
 constexpr int kNumberBits = 7;
 constexpr uint8_t kMoreFollows = 0x80;
@@ -65,11 +70,10 @@ void AppendSigned(std::vector<uint8_t>& out, int64_t number) {
     AppendNumber(out, static_cast<uint64_t>(number) << 1 ^ (number < 0 ? ~uint64_t{0} : 0));
 }
 
-int64_t EpochTimeNs() {
-    constexpr int64_t kNsPerSec = 1'000'000'000;
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    return int64_t{now.tv_sec} * kNsPerSec + now.tv_nsec;
+// How far the wall clock, counted since the epoch, is ahead of the boot clock.
+int64_t WallAheadNs() {
+    const wire::Clocks now = wire::ReadClocks();
+    return (now.wall - now.boot).count();
 }
 
 Error Unusable(const std::string& message) {
@@ -103,9 +107,11 @@ shdclient::Result<RecordWriter> RecordWriter::Create(const std::string& path, bo
 void RecordWriter::BeginAt(int64_t begin_ns) {
     if (entries_ > 0) return;
     arrival_ns_ = begin_ns;
+    ahead_ns_ = WallAheadNs();
+    clocks_due_ns_ = begin_ns + kClocksEveryNs;
     Header header;
     header.begin_ns = begin_ns;
-    header.epoch_ns = EpochTimeNs() - (shdclient::BootTimeNs() - begin_ns);
+    header.epoch_ns = begin_ns + ahead_ns_;
     std::memcpy(pending_.data(), &header, sizeof(header));
 }
 
@@ -115,8 +121,15 @@ void RecordWriter::Begin(uint8_t code, int64_t arrival_ns) {
     arrival_ns_ = arrival_ns;
 }
 
+void RecordWriter::AddClocks(int64_t at_ns) {
+    Begin(kClocks, at_ns);
+    AppendSigned(pending_, WallAheadNs() - ahead_ns_);
+    clocks_due_ns_ = at_ns + kClocksEveryNs;
+}
+
 void RecordWriter::Add(const Delivery& delivery) {
     const shdclient::WatchedEvent& event = delivery.event;
+    if (event.arrival_ns >= clocks_due_ns_) AddClocks(event.arrival_ns);
     ++entries_;
     Begin(CodeOf(delivery), event.arrival_ns);
     if (delivery.kind == DeliveryKind::kMissed) {
@@ -170,12 +183,17 @@ shdclient::Result<RecordReader> RecordReader::Open(const std::string& path) {
         return Unusable(path + " is no recording of 'shdtool record': it begins differently");
     }
     if (!file) return Unusable(path + " ends within its first 32 bytes");
-    if (header.version != expected.version) {
+    if (header.version < kOldestVersion || header.version > expected.version) {
         return Unusable(
-            fmt::format("{} is a recording of version {}; this shdtool reads version {}", path,
-                        header.version, expected.version));
+            fmt::format("{} is a recording of version {}; this shdtool reads versions {} to {}",
+                        path, header.version, kOldestVersion, expected.version));
     }
-    return RecordReader(std::move(file), path, header.begin_ns, sizeof(header));
+    if (std::abs(header.begin_ns) > kMaxTimeNs || std::abs(header.epoch_ns) > kMaxWallNs) {
+        return Unusable(path + " begins at an impossible time");
+    }
+    const wire::Clocks begin{std::chrono::nanoseconds(header.epoch_ns),
+                             std::chrono::nanoseconds(header.begin_ns)};
+    return RecordReader(std::move(file), path, begin, sizeof(header));
 }
 
 void RecordReader::Damaged(const std::string& what) {
@@ -227,7 +245,11 @@ int64_t RecordReader::ArrivalTime(const char* damage) {
 std::optional<Delivery> RecordReader::Next() {
     if (ended_) return std::nullopt;
     cut_ = "was not closed, its recording broke off: it ends";
-    const uint8_t code = Byte();
+    uint8_t code = Byte();
+    while (code == kClocks && !damage_) {
+        ReadClocks();
+        code = Byte();
+    }
     std::optional<Delivery> entry;
     if (code == kEnd) {
         ReadEnd();
@@ -273,6 +295,19 @@ Delivery RecordReader::ReadEntry(uint8_t code) {
     }
     event.decoded = shdclient::DecodeEvent(record).value();
     return entry;
+}
+
+void RecordReader::ReadClocks() {
+    cut_ = "is cut off within its clocks,";
+    arrival_ns_ = ArrivalTime("holds an impossible time");
+    const wire::Clocks& begin = clocks_.front();
+    const std::chrono::nanoseconds boot(arrival_ns_);
+    const int64_t expected_ns = (begin.wall + boot - begin.boot).count();
+    int64_t wall_ns = 0;
+    const bool overflow = __builtin_add_overflow(expected_ns, Signed(), &wall_ns);
+    if (overflow || std::abs(wall_ns) > kMaxWallNs) Damaged("holds an impossible wall clock");
+    if (!damage_) clocks_.push_back({std::chrono::nanoseconds(wall_ns), boot});
+    cut_ = "was not closed, its recording broke off: it ends";
 }
 
 void RecordReader::ReadEnd() {

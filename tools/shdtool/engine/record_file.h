@@ -2,7 +2,7 @@
 //
 // All numbers are little-endian. The file begins with 32 bytes:
 //   @0   8  "SHDREC\x1a\n"
-//   @8   4  version, 1
+//   @8   4  version, 2; one of version 1 says the clocks only here
 //   @12  4  0
 //   @16  8  int64, ns of CLOCK_BOOTTIME when the recording began
 //   @24  8  int64, ns since the epoch at that moment
@@ -14,6 +14,9 @@
 //   0x80           the connection to the daemon was lost
 //   0x81           it was made again
 //   0x82           the recorder missed events: since when, as the difference to the arrival time
+//   0x83           both clocks, at least every minute of entries: ns since the epoch less those
+//   that
+//                  the beginning's clocks make of the time; it is not counted as an entry
 //   0xFF           the end of the recording's time, with the number of entries before it
 // Times are in ns, and they and the number are written seven bits to a byte, lowest first, the
 // highest bit set in all bytes but the last; signed ones alternate (0, -1, 1, -2, ...). An
@@ -30,6 +33,7 @@
 #include "platform/unique_fd.h"
 #include "tools/client/result.h"
 #include "tools/shdtool/engine/delivery.h"
+#include "tools/wire/recording.h"
 
 namespace shdtool {
 
@@ -62,6 +66,7 @@ class RecordWriter {
     RecordWriter(UniqueFd fd, std::string path, bool made)
         : fd_(std::move(fd)), path_(std::move(path)), made_(made) {}
     [[nodiscard]] shdclient::Status Write();
+    void AddClocks(int64_t at_ns);
     void Begin(uint8_t code, int64_t arrival_ns);
 
     UniqueFd fd_;
@@ -69,6 +74,8 @@ class RecordWriter {
     bool made_;  // there was no such file before
     std::vector<uint8_t> pending_;
     int64_t arrival_ns_ = 0;  // of the last entry
+    int64_t ahead_ns_ = 0;    // of the wall clock at the beginning
+    int64_t clocks_due_ns_ = 0;
     uint64_t entries_ = 0;
     uint64_t written_ = 0;  // bytes
 };
@@ -86,18 +93,23 @@ class RecordReader {
     [[nodiscard]] int64_t begin_ns() const { return begin_ns_; }
     [[nodiscard]] int64_t end_ns() const { return arrival_ns_; }
 
+    // Both clocks as they were at the beginning and later, as far as Next has come.
+    [[nodiscard]] const std::vector<wire::Clocks>& clocks() const { return clocks_; }
+
     // After the end: empty when the file is whole, otherwise what is wrong behind the last entry.
     [[nodiscard]] const std::optional<shdclient::Error>& damage() const { return damage_; }
 
   private:
-    RecordReader(std::ifstream file, std::string path, int64_t begin_ns, uint64_t position)
+    RecordReader(std::ifstream file, std::string path, const wire::Clocks& begin, uint64_t position)
         : file_(std::move(file)),
           path_(std::move(path)),
-          begin_ns_(begin_ns),
-          arrival_ns_(begin_ns),
+          begin_ns_(begin.boot.count()),
+          clocks_{begin},
+          arrival_ns_(begin_ns_),
           position_(position) {}
 
     [[nodiscard]] Delivery ReadEntry(uint8_t code);
+    void ReadClocks();
     void ReadEnd();
     // These read on; behind damage they yield 0.
     [[nodiscard]] uint8_t Byte();
@@ -111,6 +123,7 @@ class RecordReader {
     std::ifstream file_;
     std::string path_;
     int64_t begin_ns_;
+    std::vector<wire::Clocks> clocks_;
     int64_t arrival_ns_;    // of the last entry, at first the beginning
     uint64_t position_;     // of the next byte
     uint64_t entries_ = 0;  // that Next returned
