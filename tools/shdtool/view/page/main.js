@@ -12,6 +12,7 @@ import {LatencyStrip, LoadStrip, SensorStrip} from './strips.js';
 
 const FRAME_MS = 1000 / 30 - 4;  // more frames than that only cost
 const BUDGET_MS = 30;            // for the strips of one frame; what is left over comes with the next
+const FORGET_US = 1e6;
 const SLOW_MS = 250;             // what only people read: words, rows that come and go
 
 const $ = selector => document.querySelector(selector);
@@ -25,7 +26,7 @@ class Scope {
     this.selected = null;
     this.linkWrong = 'connecting';
     this.linkSince = performance.now();
-    this.drawn = {seen: '', next: 0, at: 0, slow: 0, forgot: 0, count: 0, frames: 0, items: 0};
+    this.drawn = {seen: '', next: 0, at: 0, slow: 0, counted: 0, count: 0, frames: 0, items: 0};
     this.lanes = [new AxisLane(this), new StateLane(this), new EpisodeLane(this), new LogLane(this),
       new FrameLane(this), new ExchangeLane(this)];
     this.clients = new ClientLane(this);
@@ -76,6 +77,7 @@ class Scope {
     this.store.take(items);
     if (this.store.hello !== hello) this.onHello();
     if (this.store.hello.live && !this.linkWrong) this.clock.hear(this.store.now);
+    if (this.store.now > this.store.forgotAt + FORGET_US) this.store.forget(this.clock.follow ? Infinity : this.clock.from);
   }
 
   onHello() {
@@ -92,7 +94,7 @@ class Scope {
     this.panel.build();
     this.clock.hear(this.store.now);
     this.clock.shown = 0;
-    this.fitted = hello.live;
+    this.fitted = {items: -1, from: this.clock.from, to: this.clock.to};
     if (hello.live) this.clock.live(); else this.clock.follow = false;
     this.drawn.slow = 0;
   }
@@ -151,21 +153,28 @@ class Scope {
     const {store, clock, drawn} = this;
     const reading = clock.cursor ?? (clock.follow ? this.now() : clock.to);
     this.showSensors();
-    if (!this.fitted && Number.isFinite(store.first)) clock.fit(store);
+    this.fitRecording();
     for (const lane of [...this.lanes, this.clients]) lane.tell(reading);
     for (const strip of this.strips()) strip.tell(reading);
     this.panel.update();
     this.logList.update();
     this.tellHeader(reading);
-    if (at - drawn.forgot > 1000) {
-      store.forget(clock.follow ? Infinity : clock.from);
-      const rate = now => Math.max(0, Math.round(now * 1000 / (at - drawn.forgot)));
+    if (at - drawn.counted > 1000) {
+      const rate = now => Math.max(0, Math.round(now * 1000 / (at - drawn.counted)));
       setText($('#figures'), `${rate(drawn.count - drawn.frames)} frames/s · ${rate(store.items - drawn.items)} items/s · ${Number.isFinite(store.first) ? duration(store.now - store.first) : 'nothing'} kept · window ${duration(clock.span)}`);
-      Object.assign(drawn, {forgot: at, items: store.items, frames: drawn.count});
+      Object.assign(drawn, {counted: at, items: store.items, frames: drawn.count});
       $('#rows').style.setProperty('--full', `${$('#strips').offsetTop + $('#strips').offsetHeight}px`);
     }
     drawn.slow = at;
     if (this.dead()) this.changed();
+  }
+
+  // A recording is shown as a whole while it comes, until the user looks at a part of it.
+  fitRecording() {
+    const {store, clock, fitted} = this;
+    if (!store.whole || store.items === fitted?.items || clock.from !== fitted?.from || clock.to !== fitted.to) return;
+    clock.fit(store);
+    this.fitted = {items: store.items, from: clock.from, to: clock.to};
   }
 
   showSensors() {
@@ -209,8 +218,10 @@ class Scope {
     const banner = $('#banner');
     const down = this.linkWrong ? ages : this.now() - (store.lost.all.findLast(span => span.e === null)?.t ?? this.now());
     banner.hidden = !dead;
-    if (dead) setText(banner, `${dead} (${duration(down)}). What stands below is old.`);
+    if (dead) setText($('#wrong'), `${dead}. What stands below is old.`);
+    setText($('#wrongFor'), duration(down));
     document.body.classList.toggle('dead', Boolean(dead));
+    setText($('#spoken'), dead ?? `MCU ${stateWords[store.state?.s] ?? 'not known'}`);
     const times = [`${bootTime(reading, Math.max(clock.span / 1000, 1))} s since boot`, timeOfDay(reading, this.anchor)];
     if (clock.mark !== null) times.push(`${duration(reading - clock.mark)} from the mark`);
     const lost = store.lostWithin(reading, reading);

@@ -126,7 +126,7 @@ export class Store {
     const many = whole ? 400e3 : 100e3;
     Object.assign(this, {
       hello, whole, version: (this.version ?? 0) + 1, items: 0,
-      first: Infinity, now: hello.now ?? 0, up: null,
+      first: Infinity, now: hello.now ?? 0, forgotAt: 0, up: null,
       sensors: new Map(hello.sensors.map(s => [s.h, new Sensor({periodic: true, ...s}, whole)])),
       states: new Items(4000), episodes: new Items(2000), log: new Items(whole ? 50e3 : 5000),
       frames: new Items(many), pins: new Items(10e3), exchanges: new Items(many), dumps: new Items(200),
@@ -166,6 +166,7 @@ export class Store {
   get state() { return this.states.last; }
 
   forget(keepFrom) {
+    this.forgotAt = this.now;
     if (this.whole) return;
     const before = Math.max(Math.min(this.now - KEPT_US, keepFrom), this.now - KEPT_PAUSED_US);
     this.first = Math.max(this.first, before);
@@ -234,7 +235,7 @@ const takers = {
     }
     for (const sensor of store.sensors.values()) sensor.restart(item.t);
   },
-  missed: (store, item) => store.lose('tool', item.t, item.e),
+  missed: (store, item) => store.lose(item.certain ? 'tool' : 'perhaps', item.t, item.e),
   dropped: (store, item) => store.lose('page', item.t, item.e),
   clients(store, item) {
     for (const client of item.list) {

@@ -5,7 +5,7 @@ import {bytesPerSecond, colour, duration, element, number, setText} from './form
 
 const MOST_ROWS_A_PIXEL = 0.5;
 const CAPACITY = 11520;
-const LOST_WORDS = {hub: 'no connection to shd', tool: 'lost on the way to this tool', page: 'not kept by this page', link: 'no connection to shdtool view'};
+const LOST_WORDS = {hub: 'no connection to shd', tool: 'lost on the way to this tool', perhaps: 'perhaps lost on the way to this tool', page: 'this browser did not keep up'};
 
 Dygraph.PLUGINS.length = 0;  // axes and legend are drawn here, on the canvas
 
