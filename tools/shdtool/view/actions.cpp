@@ -81,14 +81,15 @@ Result<std::string> Actions::AskHub(const std::string& what, const Json& order) 
         return fmt::format("{} is off", sensor->name);
     }
     const auto period_us = order.Integer("period_us");
-    const int64_t batch = sensor->can_batch ? order.Integer("batch").value_or(0) : 0;
+    const int64_t wanted = sensor->can_batch ? order.Integer("batch").value_or(0) : 0;
+    if (wanted < 0 || wanted > kMaxBatch) return Wrong("no such batch");
+    const auto batch = static_cast<int32_t>(wanted);
     std::vector<ClientRequest> requests;
     if (period_us) {
         if (*period_us <= 0 || *period_us > kMaxPeriodUs) return Wrong("no such period");
-        if (batch < 0 || batch > kMaxBatch) return Wrong("no such batch");
         ClientRequest sampling = request(SHB_SENSOR_BATCH);
         const int32_t words[] = {static_cast<int32_t>(std::max<int64_t>(*period_us / 1000, 1)),
-                                 static_cast<int32_t>(batch)};
+                                 batch};
         std::memcpy(sampling.args, words, sizeof(words));
         requests.push_back(sampling);
     }

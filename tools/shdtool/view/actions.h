@@ -20,7 +20,7 @@ namespace shdtool {
 struct AskedSampling {
     int32_t handle;
     int64_t period_us;  // 0: switched off
-    int64_t batch;      // samples
+    int32_t batch;      // samples
 };
 
 class Actions {

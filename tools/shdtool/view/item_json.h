@@ -3,13 +3,11 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
-#include "tools/client/event_watcher.h"
-#include "tools/shdtool/base/json.h"
-#include "tools/shdtool/engine/delivery.h"
-#include "tools/shdtool/sockets/socket_table.h"
+#include "tools/shdtool/timeline/item.h"
 
 namespace shdtool {
 
@@ -27,13 +25,16 @@ struct Greeting {
 };
 [[nodiscard]] std::string GreetingJson(const Greeting& greeting);
 
-// A sample, a flush-complete event, a change of the connection, or missed events.
-[[nodiscard]] std::string DeliveryJson(const Delivery& delivery);
+// Empty for what the page does not show.
+[[nodiscard]] std::string ItemJson(const timeline::Item& item);
 
+// A state that no item has: what is known from less than the line or the log.
 [[nodiscard]] std::string StateJson(int64_t at_us, std::string_view state, std::string_view reason);
 
-// uses: of the control and of the data socket.
-[[nodiscard]] std::string ClientsJson(int64_t at_us, const SocketUse& control,
-                                      const SocketUse& data);
+// Until when the item was; empty for what holds on or is told again.
+[[nodiscard]] std::optional<timeline::Time> PassedAt(const timeline::Item& item);
+
+// The key of what holds until something of the same key takes its place; empty for all else.
+[[nodiscard]] std::string StandingKey(const timeline::Item& item);
 
 }  // namespace shdtool

@@ -7,8 +7,10 @@
 #include <algorithm>
 #include <chrono>
 #include <utility>
+#include <variant>
 
 #include "tools/client/local_socket.h"
+#include "tools/shdtool/base/json.h"
 #include "tools/shdtool/engine/stop_signals.h"
 #include "tools/shdtool/files/dump_analysis.h"
 #include "tools/shdtool/files/file_io.h"
@@ -24,6 +26,9 @@ using std::chrono::milliseconds;
 
 // What happens within one tick goes to the browsers together.
 constexpr milliseconds kTick{50};
+
+// A frame of the last moments may still be on its way into the file.
+constexpr int64_t kLineLatencyNs = 500'000'000;
 
 constexpr int kTicksPerState = 2;
 constexpr int kTicksPerLoad = 10;
@@ -47,8 +52,19 @@ std::string DumpWords(const DumpSlot& slot) {
 
 }  // namespace
 
-LiveFeed::LiveFeed(const std::string& root, LiveHistory& history)
-    : root_(root), history_(history), source_(root, {}), dumps_(ReadDumpSlots(root)) {}
+LiveFeed::LiveFeed(const std::string& root, const Files& files, LiveHistory& history)
+    : root_(root),
+      history_(history),
+      source_(root, {}),
+      events_([this](const timeline::Item& item) { Take(item); }),
+      meter_([this](timeline::Time at, const std::string& json) {
+          if (at >= oldest_ns_) batch_.Add(json);
+      }),
+      dumps_(ReadDumpSlots(root)) {
+    const timeline::Sink take = [this](const timeline::Item& item) { Take(item); };
+    if (!files.line.empty()) line_.emplace(files.line, take);
+    if (!files.log.empty()) log_.emplace(files.log, take);
+}
 
 void LiveFeed::TakeAsked(const AskedSampling& asked) {
     const MutexLock lock(mutex_);
@@ -56,26 +72,28 @@ void LiveFeed::TakeAsked(const AskedSampling& asked) {
 }
 
 Status LiveFeed::Run() {
-    int64_t told_us = shdclient::BootTimeNs() / kNsPerUs;
+    int64_t now_ns = shdclient::BootTimeNs();
     for (int tick = 0; !StopRequested(); ++tick) {
         const auto due = std::chrono::steady_clock::now() + kTick;
-        FeedBatch batch{.from_us = told_us};
-        if (!started_ && tick % kTicksPerLook == 0) Connect(shdclient::BootTimeNs());
+        batch_ = {.from_us = now_ns / kNsPerUs};
+        oldest_ns_ = now_ns - history_.limits().span_us * kNsPerUs;
+        if (!started_ && tick % kTicksPerLook == 0) Connect(now_ns);
         if (started_) {
-            const Status taken = TakeEvents(batch);
+            const Status taken = TakeEvents();
             if (!taken) return taken;
         }
-        const int64_t now_ns = shdclient::BootTimeNs();
-        const int64_t now_us = told_us = now_ns / kNsPerUs;
-        TellAsked(batch, now_us);
-        if (tick % kTicksPerState == 0) TellState(batch, now_ns);
-        if (tick % kTicksPerLoad == 0) TellLoad(batch, now_ns);
+        if (line_) line_->Poll();
+        if (log_) log_->Poll();
+        now_ns = shdclient::BootTimeNs();
+        TellAsked(now_ns);
+        if (tick % kTicksPerState == 0) TellPresumedState(now_ns);
+        if (tick % kTicksPerLoad == 0) TellLoad(now_ns);
         if (tick % kTicksPerLook == 0) {
-            TellClients(batch, now_us);
-            TellDumps(batch, now_us);
+            TellClients(now_ns);
+            TellDumps(now_ns / kNsPerUs);
         }
-        batch.to_us = now_us;
-        history_.Push(std::move(batch));
+        batch_.to_us = now_ns / kNsPerUs;
+        history_.Push(std::move(batch_));
         const auto left = std::chrono::ceil<milliseconds>(due - std::chrono::steady_clock::now());
         if (left.count() > 0) (void)poll(nullptr, 0, static_cast<int>(left.count()));
     }
@@ -84,65 +102,89 @@ Status LiveFeed::Run() {
 
 void LiveFeed::Connect(int64_t now_ns) {
     started_ = source_.Start().ok();
-    if (!started_ && !told_state_.empty()) return;
-    state_.SetConnected(started_, now_ns);
+    if (!started_ && !told_presumed_.empty()) return;  // that was told
     Delivery change{started_ ? DeliveryKind::kReconnected : DeliveryKind::kLost};
     change.event.arrival_ns = now_ns;
-    FeedBatch batch{.from_us = now_ns / kNsPerUs, .to_us = now_ns / kNsPerUs};
-    batch.Add(DeliveryJson(change), "connection");
-    history_.Push(std::move(batch));
+    presumed_.Take(change);
+    events_.Push(change);
 }
 
-Status LiveFeed::TakeEvents(FeedBatch& batch) {
+Status LiveFeed::TakeEvents() {
     const auto taken = source_.Take(milliseconds(0), deliveries_);
     if (!taken) return taken.error();
     for (const Delivery& delivery : deliveries_) {
-        state_.Take(delivery);
-        const bool change =
-            delivery.kind == DeliveryKind::kLost || delivery.kind == DeliveryKind::kReconnected;
-        if (change) {
-            batch.Add(DeliveryJson(delivery), "connection");
-        } else {
-            batch.Add(DeliveryJson(delivery));
-        }
+        presumed_.Take(delivery);
+        events_.Push(delivery);
     }
     return shdclient::Success();
 }
 
-void LiveFeed::TellAsked(FeedBatch& batch, int64_t now_us) {
+void LiveFeed::Take(const timeline::Item& item) {
+    if (const auto* state = std::get_if<timeline::McuState>(&item)) return TakeState(*state);
+    if (const auto* frame = std::get_if<timeline::Frame>(&item)) meter_.Add(*frame);
+    if (PassedAt(item).value_or(oldest_ns_) < oldest_ns_) return;
+    const std::string json = ItemJson(item);
+    const std::string key = StandingKey(item);
+    if (key.empty()) {
+        batch_.Add(json);
+        return;
+    }
+    const auto* episode = std::get_if<timeline::EpisodeSpan>(&item);
+    batch_.Add(json, key, episode != nullptr && episode->end);
+}
+
+void LiveFeed::TakeState(const timeline::McuState& told) {
+    const bool first = !state_known_ && told.source != timeline::Source::kEvents;
+    state_known_ = state_known_ || first;
+    auto state = state_.Push(told);
+    if (first && !state) state = told;
+    if (state_known_ && state) batch_.Add(ItemJson(*state), "state");
+}
+
+void LiveFeed::TellAsked(int64_t now_ns) {
     std::vector<AskedSampling> asked;
     {
         const MutexLock lock(mutex_);
         asked.swap(asked_);
     }
     for (const AskedSampling& one : asked) {
-        if (one.period_us == 0) state_.Forget(one.handle);
-        batch.Add(fmt::format(R"({{"k":"asked","t":{},"h":{},"period_us":{},"batch":{}}})", now_us,
-                              one.handle, one.period_us, one.batch),
-                  fmt::format("asked {}", one.handle));
+        if (one.period_us == 0) presumed_.Forget(one.handle);
+        Take(timeline::Asked{now_ns, one.handle, one.period_us, one.batch});
     }
 }
 
-void LiveFeed::TellState(FeedBatch& batch, int64_t now_ns) {
-    const PresumedState state = state_.At(now_ns);
-    if (state.name == told_state_) return;
-    told_state_ = state.name;
-    batch.Add(StateJson(state.since_ns / kNsPerUs, state.name, state.reason), "state");
+void LiveFeed::TellPresumedState(int64_t now_ns) {
+    const PresumedState state = presumed_.At(now_ns);
+    if (state_known_ || state.name == told_presumed_) return;
+    told_presumed_ = state.name;
+    batch_.Add(StateJson(state.since_ns / kNsPerUs, state.name, state.reason), "state");
 }
 
-void LiveFeed::TellLoad(FeedBatch& batch, int64_t now_ns) {
-    batch.Add(fmt::format(R"({{"k":"load","t":{},"to":null,"from":{:.1f},"measured":false}})",
-                          now_ns / kNsPerUs, state_.LineBytesPerSec(now_ns)));
+void LiveFeed::TellLoad(int64_t now_ns) {
+    if (line_ && line_->there()) {
+        meter_.Tick(now_ns - kLineLatencyNs);
+        return;
+    }
+    batch_.Add(fmt::format(R"({{"k":"load","t":{},"to":null,"from":{:.1f},"measured":false}})",
+                           now_ns / kNsPerUs, presumed_.LineBytesPerSec(now_ns)));
 }
 
-void LiveFeed::TellClients(FeedBatch& batch, int64_t now_us) {
+void LiveFeed::TellClients(int64_t now_ns) {
     const auto uses = ReadSocketUse({shdclient::SocketPath(root_, shdclient::kControlSocket),
                                      shdclient::SocketPath(root_, shdclient::kDataSocket)});
-    // A kernel without socket diagnostics tells of no client.
-    if (uses) batch.Add(ClientsJson(now_us, (*uses)[0], (*uses)[1]), "clients");
+    if (!uses) return;  // a kernel without socket diagnostics tells of no client
+    timeline::Clients clients{now_ns, {}};
+    for (const SocketUse& use : *uses) {
+        const bool control = &use == uses->data();
+        for (const SocketClient& client : use.clients) {
+            clients.list.push_back({client.pid, client.name, control, client.unread,
+                                    static_cast<int32_t>(client.fill_percent()), client.losing()});
+        }
+    }
+    Take(clients);
 }
 
-void LiveFeed::TellDumps(FeedBatch& batch, int64_t now_us) {
+void LiveFeed::TellDumps(int64_t now_us) {
     const auto dumps = ReadDumpSlots(root_);
     const int64_t wall_us = wire::ReadClocks().wall.count() / kNsPerUs;
     for (size_t i = 0; i < dumps.size(); ++i) {
@@ -152,11 +194,11 @@ void LiveFeed::TellDumps(FeedBatch& batch, int64_t now_us) {
             continue;
         }
         const int64_t written_us = now_us - wall_us + raw->modified * 1'000'000;
-        batch.Add(Json{{"k", "dump"},
-                       {"t", std::clamp<int64_t>(written_us, 0, now_us)},
-                       {"n", i},
-                       {"m", DumpWords(dumps[i])}}
-                      .Text());
+        batch_.Add(Json{{"k", "dump"},
+                        {"t", std::clamp<int64_t>(written_us, 0, now_us)},
+                        {"n", i},
+                        {"m", DumpWords(dumps[i])}}
+                       .Text());
     }
     dumps_ = dumps;
 }

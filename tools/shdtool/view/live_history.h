@@ -47,6 +47,8 @@ class LiveHistory final : public Feed {
     LiveHistory(Limits limits, std::function<std::string()> greeting)
         : limits_(limits), greeting_(std::move(greeting)) {}
 
+    [[nodiscard]] const Limits& limits() const { return limits_; }
+
     // Never waits for a browser. An empty batch only wakes the sessions, which tell the time.
     void Push(FeedBatch batch);
 

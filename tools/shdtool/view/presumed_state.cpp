@@ -21,14 +21,10 @@ void StateFromEvents::Take(const Delivery& delivery) {
         sensors_.try_emplace(sensor.handle, sensor, StatsOptions{}, at_ns)
             .first->second.Add(delivery.event);
     } else if (delivery.kind != DeliveryKind::kMissed) {
-        SetConnected(delivery.kind == DeliveryKind::kReconnected, at_ns);
+        connected_ = delivery.kind == DeliveryKind::kReconnected;
+        changed_ns_ = at_ns;
+        sensors_.clear();  // what a new daemon has switched on shows
     }
-}
-
-void StateFromEvents::SetConnected(bool connected, int64_t at_ns) {
-    connected_ = connected;
-    changed_ns_ = at_ns;
-    sensors_.clear();  // what a daemon that is new switches on shows
 }
 
 PresumedState StateFromEvents::At(int64_t now_ns) const {

@@ -22,9 +22,8 @@ struct PresumedState {
 // Not thread-safe. Times are of the boot clock.
 class StateFromEvents {
   public:
+    // The connection at the beginning, too.
     void Take(const Delivery& delivery);
-    // The connection at the beginning, and when it has been made at last.
-    void SetConnected(bool connected, int64_t at_ns);
     // A sensor that this program has switched off is not awaited any more.
     void Forget(int32_t handle) { sensors_.erase(handle); }
 

@@ -1,6 +1,7 @@
 // shdtool view: a page for a browser on this machine, of a running hub. A row of the table of
 // commands.
 #include <fmt/core.h>
+#include <unistd.h>
 
 #include <cstdio>
 
@@ -18,13 +19,19 @@
 namespace shdtool {
 namespace {
 
-std::string Greet(const std::string& root) {
+bool IsThere(const std::string& path) {
+    return !path.empty() && access(path.c_str(), R_OK) == 0;
+}
+
+std::string Greet(const std::string& root, const LiveFeed::Files& files) {
     const wire::Clocks clocks = wire::ReadClocks();
     return GreetingJson({.now_us = clocks.boot.count() / kNsPerUs,
                          .wall_us = clocks.wall.count() / kNsPerUs,
                          .live = true,
                          .simulator = HasSimulator(root),
-                         .title = root.empty() ? "the hub of this device" : "the hub in " + root});
+                         .title = root.empty() ? "the hub of this device" : "the hub in " + root,
+                         .line = IsThere(files.line),
+                         .log = IsThere(files.log)});
 }
 
 void TellAddress(const Context& context, const std::string& address) {
@@ -38,8 +45,12 @@ void TellAddress(const Context& context, const std::string& address) {
 
 Outcome View(Context& context) {
     CatchStopSignals();
-    LiveHistory history({}, [&context] { return Greet(context.root); });
-    LiveFeed feed(context.root, history);
+    const LiveFeed::Files files{context.arguments.Text("--line"), context.arguments.Text("--log")};
+    for (const std::string& path : {files.line, files.log}) {
+        if (!path.empty() && !IsThere(path)) context.Warn(path + " is not there yet");
+    }
+    LiveHistory history({}, [&] { return Greet(context.root, files); });
+    LiveFeed feed(context.root, files, history);
     Actions actions(context.root, context.timeout(),
                     [&feed](const AskedSampling& asked) { feed.TakeAsked(asked); });
     const auto server =
@@ -59,7 +70,16 @@ const cli::Options kViewPageOptions{{.name = "--port",
                                      .help = "Listen on this port; 0: on any that is free",
                                      .min = 0,
                                      .max = 65535,
-                                     .standard = "0"}};
+                                     .standard = "0"},
+                                    {.name = "--line",
+                                     .kind = cli::Kind::kFile,
+                                     .value = "FILE",
+                                     .help = "Follow a recording of the line that is being written "
+                                             "(mcusim --record, shdtool tap -o)"},
+                                    {.name = "--log",
+                                     .kind = cli::Kind::kFile,
+                                     .value = "FILE",
+                                     .help = "Follow the daemon's log, which a file receives"}};
 
 constexpr const char* kViewDetails =
     "Prints the address of a page for a browser on this machine: the sensors, the MCU's state, the "
