@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # scripts/run with the programs of a build directory: its events line by line, its table and its
-# update in a terminal, its wrong usage; it leaves nothing behind. Run by ctest.
+# update in a terminal, its page, its wrong usage; it leaves nothing behind. Run by ctest.
 # usage: run_test.sh DIRECTORY-OF-THE-PROGRAMS
 set -euo pipefail
 bin=$1
@@ -42,6 +42,19 @@ expect "a terminal" 1 $'\rUpdating the MCU \[#{40}\] (1?[0-9][0-9]) of \\1 block
 expect "a terminal" 1 "SENSOR +RATE Hz"
 expect "a terminal" 1 "accelerometer +[0-9]+\.[0-9]{2}"
 expect "a terminal" 1 "from the MCU [0-9.]+ kB/s"
+
+"$run" --bin "$bin" --view --blank --seconds 3 >"$scratch/out" 2>&1 &
+until grep -q "^Open in a browser" "$scratch/out"; do sleep 0.1; done
+page=$(sed -n 's/^Open in a browser on this machine: //p' "$scratch/out")
+port=$(cut -d/ -f3 <<<"$page" | cut -d: -f2)
+(exec 3<>"/dev/tcp/127.0.0.1/$port")
+wait $!
+if (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; then
+    echo "a page: it outlives the hub" >&2
+    exit 1
+fi
+expect "a page" 1 "^Open in a browser .* http://127.0.0.1:[0-9]+/[0-9a-f]{32}/$"
+expect "a page" 1 "blocks$"
 
 status=0
 "$run" --bin "$scratch" >"$scratch/out" 2>&1 || status=$?
