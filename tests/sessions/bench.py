@@ -60,6 +60,8 @@ class Event:
     def __init__(self, record, seen_ns):
         fields = EVENT.unpack(record)
         self.stamp, self.seen_ns, self.sensor = fields[4], seen_ns, fields[1:3]
+        self.data = fields[5]
+        self.flushed = struct.unpack_from("<4xi", self.data)[0] if fields[0] == 2 else None
         reserved = struct.pack("<iI12s", fields[3], fields[6], fields[7])
         rest = f" reserved {reserved.hex()}" if any(reserved) else ""
         self.text = f"{fields[0]} {fields[1]} {fields[2]} {trimmed(fields[5])}{rest}"
@@ -86,6 +88,27 @@ class Stamps:
         if step % MS == 0:
             return f"{step // MS:+}ms"
         return "even" if change == 0 else "any"
+
+
+class Notes:
+    """What the daemon gives, in a session's words."""
+
+    def __init__(self):
+        self.threads, self.stamps = {}, Stamps()
+
+    def text(self, kind, item):
+        if kind == "event":
+            fresh = item.stamp and item.seen_ns - item.stamp < FRESH_NS
+            item = f"{self.stamps.relation(item)}{' now' if fresh else ''} {item.text}"
+        elif kind == "log":
+            item = f"{self.threads.setdefault(item[0], len(self.threads) + 1)} {item[1]}"
+        return f"#: {kind} {item}"
+
+
+def head_of(fields):
+    """The first lines of a session file."""
+    return [f"#= {name} {text.encode('unicode_escape').decode()}"
+            for name, text in fields.items() if text]
 
 
 class Bench:

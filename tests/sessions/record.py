@@ -12,6 +12,7 @@ import sys
 import time
 
 import bench
+import field
 import play
 
 QUIET_SEC = 0.06  # without anything new: the daemon has done what it was told
@@ -31,7 +32,7 @@ The daemon is started before them, unless one of them is 'hub start' and there i
 class Recorder(bench.Bench):
     def __init__(self, programs):
         super().__init__(programs)
-        self.lines, self.threads, self.stamps = [], {}, bench.Stamps()
+        self.lines, self.notes = [], bench.Notes()
         self.line_rest, self.last_time, self.shown = b"", "0.000000", False
         self.log_seen, self.seats, self.clients_made = 0, {}, 0
 
@@ -53,17 +54,11 @@ class Recorder(bench.Bench):
             self.last_time = step.split()[0].decode()
         for kind, item in new:
             self.shown = True
-            if kind == "event":
-                fresh = item.stamp and item.seen_ns - item.stamp < bench.FRESH_NS
-                item = f"{self.stamps.relation(item)}{' now' if fresh else ''} {item.text}"
-            elif kind == "log":
-                thread = self.threads.setdefault(item[0], len(self.threads) + 1)
-                item = f"{thread} {item[1]}"
-            elif kind == "reply" and int(item.split()[0]) in self.seats:
+            if kind == "reply" and int(item.split()[0]) in self.seats:
                 number, text = item.split()
                 reply = bytes.fromhex(text).ljust(bench.REPLY_BYTES, b"\0")
                 self.seats[int(number)].sendall(reply)
-            self.lines.append(f"#: {kind} {item}")
+            self.lines.append(self.notes.text(kind, item))
         if not new and not steps:
             time.sleep(timeout)
         return new or steps
@@ -212,7 +207,14 @@ def main():
     parser.add_argument("--gap", default="0.1", help="longest pause kept at play, in s")
     parser.add_argument("--again", action="store_true", help="as its file was recorded before")
     parser.add_argument("commands", nargs="*", help="default: a shell")
+    brought = parser.add_argument_group("of a hub elsewhere, whose daemon was started meanwhile")
+    brought.add_argument("--line", metavar="FILE", help="its line: shdtool tap -o FILE")
+    brought.add_argument("--log", metavar="FILE", help="its log, as logcat -v threadtime has it")
+    brought.add_argument("--events", metavar="FILE", help="its events: shdtool record FILE")
+    brought.add_argument("--tree", metavar="DIR", help="files that were there before it")
     arguments = parser.parse_intermixed_args()
+    if (arguments.line is None) != (arguments.log is None):
+        parser.error("--line and --log go together")
     here = pathlib.Path(__file__).parent
     path = pathlib.Path(arguments.name)
     if path.suffix != ".session":
@@ -227,13 +229,16 @@ def main():
         if not fields["commands"]:
             parser.error(f"{path} does not say how it was recorded")
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
-    with Recorder(os.environ["PROGRAMS"]) as recorder:
-        recorder.run(fields["before"], shlex.split(fields["mcusim"]), fields["commands"])
-        head = [f"#= {name} {text.encode('unicode_escape').decode()}"
-                for name, text in fields.items() if text]
-        path.write_text("\n".join(head + recorder.lines) + "\n")
+    if arguments.line:
+        said = field.make(os.environ["PROGRAMS"], path, fields, arguments.line, arguments.log,
+                          arguments.events, arguments.tree)
+        print("\n       ".join([f"{path}: against what was brought", *said]))
+    else:
+        with Recorder(os.environ["PROGRAMS"]) as recorder:
+            recorder.run(fields["before"], shlex.split(fields["mcusim"]), fields["commands"])
+            path.write_text("\n".join(bench.head_of(fields) + recorder.lines) + "\n")
     different = play.play(os.environ["PROGRAMS"], path)
-    print(f"{path}: {len(recorder.lines)} steps; see that they are right before you keep them")
+    print(f"{path}: {len(path.read_text().splitlines())} lines; see that they are right before you keep them")
     if different:
         sys.exit("\n".join(["scripts/session: it does not give the same again:", *different]))
 
