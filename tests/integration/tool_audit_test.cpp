@@ -88,6 +88,14 @@ const PlantedFault kPlanted[] = {
      {},
      {"50 samples were lost on the way to this program, which did not read for 1.00 s; the "
       "sensors are not to blame for them"}},
+    {"samples that wait for a busy line",
+     20,
+     [](auto ms, auto& s) {
+         constexpr int kWaited[] = {0, 8, 34, 22, 13, 0, 22, 14, 8, 0, 16, 4};  // ms
+         return Shifted(s, kWaited[ms / 20 % 12] - 34);
+     },
+     {},
+     {}},
     {"full line",
      1,
      [](auto ms, auto& s) { return ms % 50 == 20 ? kNone : std::vector{s}; },

@@ -45,12 +45,17 @@ std::vector<int64_t> MeansOfStretches(const std::vector<int64_t>& values) {
 }
 
 // The period as good as it can be told at once: the median, which missing samples do not move.
-// Where a quarter of the spacings is below half of it, the samples come in bursts, and the median
-// says nothing: then that of the means of longer stretches.
+// Where less than half of the spacings are near it, or a quarter is below half of it, the samples
+// come in bursts or wait for a busy line, and the median says nothing: then that of the means of
+// longer stretches.
 int64_t RoughPeriod(const std::vector<int64_t>& values) {
     std::vector<int64_t> ordered = values;
     const int64_t median = Quantile(ordered, 1, 2);
-    if (Quantile(ordered, 1, 4) >= median / 2) return median;
+    const auto near = std::count_if(ordered.begin(), ordered.end(), [median](int64_t spacing) {
+        return std::abs(spacing - median) <= median / 4;
+    });
+    const bool even = static_cast<size_t>(near) * 2 >= values.size();
+    if (even && Quantile(ordered, 1, 4) >= median / 2) return median;
     return Median(MeansOfStretches(values));
 }
 
