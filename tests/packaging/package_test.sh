@@ -9,7 +9,7 @@ source tests/packaging/hub.sh
 root=$work/root
 bin=$root/usr/bin
 
-[ "$(id -u)" -eq 0 ] || fail "installing packages takes root"
+[ "$EUID" -eq 0 ] || fail "installing packages takes root"
 mkdir -p "$root/etc/systemd/system" "$root"/var/lib/dpkg/{info,updates} "$root"/proc/{mcu,mcusleep}
 touch "$root/var/lib/dpkg/status" "$root/etc/passwd" "$root/etc/group" "$root/etc/shadow" \
     "$root/etc/gshadow"
@@ -38,21 +38,37 @@ done
 bash -n "$root/usr/share/bash-completion/completions/shdtool"
 tests/packaging/client_example_test.sh "$(dirname "$packages")" "$root/usr"
 
-# As shd.service starts it, from the units' own words. The launcher waits for a first client.
+# As shd.service starts it, from the units' own words: its user without a capability, the owners from
+# tmpfiles.d, the tty's from udev.rules. The launcher waits for a first client.
 unit=$root/usr/lib/systemd/system
 field() { sed -n "s/^$2=//p" "$unit/$1"; }
 read -r launcher daemon < <(field shd.service ExecStart)
 tree=$work/tree
+mkdir -p "$tree/system/bin"
+"$bin/shdtool" image build --simulated-firmware --version SIM.900.0002 -o "$tree/system/bin/mcu.bin" >/dev/null
 start_board "$tree"
+(cd "$root" && cp -a --parents etc/passwd etc/group usr/lib/tmpfiles.d "$tree")
+systemd-tmpfiles --root="$tree" --create shd.conf
+number() { sed -n "s/^$2:x:\([0-9]*\):.*/\1/p" "$root/etc/$1"; }
+read -r group mode < <(sed -nE 's/.*GROUP="(\w+)", MODE="(\w+)"$/\1 \2/p' "$root"/usr/lib/udev/rules.d/*)
+chgrp "$(number group "$group")" -- "$tree/dev/ttyHSL1"
+chmod "$mode" "$tree/dev/ttyHSL1"
+chmod 711 "$work"
 listen=() names=
 for socket in $(field shd.service Sockets); do
     listen+=(--listen="$tree$(field "$socket" ListenStream)")
     names+=${names:+:}$(field "$socket" FileDescriptorName)
 done
 start_daemon "$tree" systemd-socket-activate -E SHD_ROOT="$tree" "${listen[@]}" --fdname="$names" \
-    "$root$launcher" "$root$daemon"
+    setpriv --reuid="$(number passwd "$(field shd.service User)")" --clear-groups --bounding-set=-all \
+    --regid="$(number group "$(field shd.service Group)")" "$root$launcher" "$root$daemon"
 ! grep -q "from environment" "$tree.log" || fail "the sockets were not taken"
 events_flow "$tree"
+[ "$(cat "$tree/data/property/persist.mcu.version")" = SIM.900.0002 ] || fail "no update"
+"$bin/mcusim" --root "$tree" --send crash
+eventually "it recovers" grep -q SensorWakeLockAcquiredLocked.*:0 "$tree.log"
+[ -s "$tree/data/mcudumplog/mcudump_0" ] || fail "no dump"
+! grep "Permission denied" "$tree.log" || fail "it lacks a right"
 
 on_root --purge shd libshdclient-dev
 find "$root" -not -path "$root/var*" | sort >"$work/after"
