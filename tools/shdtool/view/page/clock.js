@@ -59,10 +59,11 @@ export class Clock {
     this.set(store.first - rim, store.now + rim, store.hello.live);
   }
 
+  // Follows the hub; a cursor that was held is left behind.
   live() {
     this.shown = 0;
     this.follow = true;
-    ++this.version;
+    this.point(null);
   }
 
   pause() {

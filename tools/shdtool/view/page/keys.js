@@ -43,7 +43,7 @@ export function listenToKeys(scope) {
     if (!row) return;
     event.preventDefault();
     row[2](scope, event);
-    scope.changed();
+    scope.hurry();
   });
 }
 

@@ -146,11 +146,14 @@ export class StateLane extends Lane {
 
   rings() { return [this.scope.store.states]; }
 
+  // One for each state, whatever reasons it has meanwhile; the first is told.
   *segments(from, to) {
     const {all} = this.scope.store.states;
-    const first = Math.max(this.scope.store.states.find(from) - 1, 0);
-    for (let i = first; i < all.length && all[i].t <= to; ++i) {
-      yield {...all[i], e: all[i + 1]?.t ?? this.scope.now(), running: i + 1 === all.length};
+    let i = Math.max(this.scope.store.states.find(from) - 1, 0);
+    while (i > 0 && all[i - 1].s === all[i].s) --i;
+    for (let next; i < all.length && all[i].t <= to; i = next) {
+      for (next = i + 1; next < all.length && all[next].s === all[i].s;) ++next;
+      yield {...all[i], e: all[next]?.t ?? this.scope.now()};
     }
   }
 

@@ -55,7 +55,12 @@ class Scope {
     listenToKeys(this);
     listenToPointer(this, $('#rows'), $('#choice'));
     const press = key => KEYS.find(([keys]) => keys.includes(key))[2];
-    for (const [id, key] of [['follow', ' '], ['out', '-'], ['in', '+'], ['fit', '0'], ['ask', '?']]) $(`#${id}`).onclick = event => press(key)(this, event);
+    for (const [id, key] of [['follow', ' '], ['out', '-'], ['in', '+'], ['fit', '0'], ['ask', '?']]) {
+      $(`#${id}`).onclick = event => {
+        press(key)(this, event);
+        this.hurry();
+      };
+    }
     this.feed.open();
     requestAnimationFrame(() => this.frame());
   }
@@ -71,6 +76,12 @@ class Scope {
   }
 
   changed() { this.dirty = true; }
+
+  // Of what the user did, words must not come later than the picture.
+  hurry() {
+    this.drawn.slow = 0;
+    this.changed();
+  }
 
   take(items) {
     const {hello} = this.store;
@@ -102,8 +113,7 @@ class Scope {
   onLink(wrong) {
     this.linkWrong = wrong;
     this.linkSince = performance.now();
-    this.drawn.slow = 0;
-    this.changed();
+    this.hurry();
   }
 
   // The hub's time as far as it is known.
@@ -206,7 +216,7 @@ class Scope {
     const dead = this.dead();
     const state = clock.cursor === null ? store.state : store.states.at(reading);
     const chip = $('#mcu');
-    const since = state && state === store.state ? ` ${duration(this.now() - state.t)}` : '';
+    const since = clock.cursor === null ? this.stateSince() : '';
     setText(chip, dead && clock.cursor === null ? 'MCU: not known' : state ? `MCU ${stateWords[state.s] ?? state.s}${since}` : 'MCU: not known');
     chip.classList.toggle('wrong', !dead && state?.s === 'silent');
     chip.style.setProperty('--tone', dead ? colour.faint : colour[state?.s] ?? colour.faint);
@@ -231,6 +241,11 @@ class Scope {
     $('#follow').setAttribute('aria-pressed', String(clock.follow));
   }
 
+  stateSince() {
+    const last = [...this.lanes[1].segments(this.now(), Infinity)].at(-1);
+    return last ? ` ${duration(last.e - last.t)}` : '';
+  }
+
   place(line, t) {
     const x = t === null ? -1 : this.clock.x(t, this.clients.width);
     line.hidden = x < 0 || x > this.clients.width;
@@ -251,7 +266,7 @@ class Scope {
     this.clock.show(item.t, item.e ?? item.t);
     showPicked(this, $('#picked'), item);
     $('#picked').scrollTop = 0;
-    this.changed();
+    this.hurry();
   }
 
   lane() { return document.activeElement?.lane; }
@@ -273,7 +288,6 @@ class Scope {
     const {clock} = this;
     if (clock.cursor === null) clock.cursor = (clock.from + clock.to) / 2;
     clock.point(Math.min(Math.max(clock.cursor + steps * clock.span / 200, clock.from), clock.to), true);
-    this.drawn.slow = 0;
   }
 
   setMark() {

@@ -39,19 +39,23 @@ class Sensor {
     return asked > 0 && (!this.period || Math.abs(this.period / asked - 1) > 0.1) ? asked : this.period;
   }
 
+  // What comes next is a new sequence: the connection or the sensor was off, or has another period.
   restart(t) {
+    const last = this.samples.last;
+    if (this.quiet(t)) this.gaps.push({t: last, e: t, late: false, missing: null});
     Object.assign(this, {broken: true, open: null, since: t, spacings: [], period: 0, deliveries: []});
   }
 
   add(t, arrival, values) {
     const spacing = t - this.samples.last;
     if (this.periodic && !this.broken && spacing > 0) this.measure(this.samples.last, spacing);
+    if (this.broken && this.samples.length) this.gaps.push({t: this.samples.last, e: t, off: true});
     const wait = arrival - this.arrival;
     if (wait > Math.max(spacing / 2, 0)) {
       if (!this.broken && this.deliveries.push(wait) > 15) this.deliveries.shift();
       this.latency = arrival - t;
     }
-    this.samples.push(t, values);
+    this.samples.push(t, this.axes.length ? values : [0]);
     this.arrival = arrival;
     this.broken = false;
   }
@@ -250,9 +254,8 @@ const takers = {
   asked(store, item) {
     const sensor = store.sensors.get(item.h);
     if (!sensor) return;
-    const {asked} = sensor;
+    if (sensor.asked?.period_us !== item.period_us || sensor.asked.batch !== item.batch) sensor.restart(item.t);
     sensor.asked = {period_us: item.period_us, batch: item.batch};
-    if (asked?.period_us !== item.period_us || asked?.batch !== item.batch) sensor.restart(item.t);
   },
   load(store, item) {
     store.measured = item.measured;

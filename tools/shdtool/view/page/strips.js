@@ -203,12 +203,16 @@ class Strip {
   }
 }
 
-// A value without a unit beside one that has a unit is a code or a date: it is told and not drawn.
+// A value without a unit beside one that has a unit is a code or a date: it is told and not drawn. Of
+// a sensor without values only is drawn that there was a sample.
 export class SensorStrip extends Strip {
   constructor(scope, sensor) {
     const measured = sensor.axes.some(axis => axis.unit);
-    super(scope, sensor.name, sensor.axes.length ? sensor.axes.map(axis => axis.name) : ['event'], {
-      kind: 'sensor', plotted: sensor.axes.length ? sensor.axes.map(axis => !measured || Boolean(axis.unit)) : [true],
+    const bare = sensor.axes.length === 0;
+    super(scope, sensor.name, bare ? ['event'] : sensor.axes.map(axis => axis.name), {
+      kind: 'sensor', plotted: bare ? [true] : sensor.axes.map(axis => !measured || Boolean(axis.unit)),
+      ...bare && {range: () => [-1, 1], tick: () => ''},
+      graph: sensor.periodic ? {} : {drawPoints: true, pointSize: 2, strokeWidth: bare ? 0 : 1},
     });
     this.sensor = sensor;
     const units = [...new Set(sensor.axes.map(axis => axis.unit).filter(Boolean))];
@@ -222,10 +226,13 @@ export class SensorStrip extends Strip {
   shade(ctx, area, x) {
     const {clock, store} = this.scope;
     for (const gap of this.gaps()) {
-      if (gap.late || store.lostWithin(gap.t, gap.e)) continue;
-      this.block(ctx, area, x(gap.t), x(gap.e), 'bad', [
-        `${gap.missing} samples missing in ${duration(gap.e - gap.t)}`, `no samples for ${duration(gap.e - gap.t)}`, `−${gap.missing}`]);
+      if (gap.late || gap.off || store.lostWithin(gap.t, gap.e)) continue;
+      const time = duration(gap.e - gap.t);
+      this.block(ctx, area, x(gap.t), x(gap.e), 'bad', gap.missing === null ? [`SILENT for ${time}`, time]
+        : [`${gap.missing} samples missing in ${time}`, `−${gap.missing}`]);
     }
+    ctx.fillStyle = colour.accent;
+    for (const flush of this.sensor.flushes.within(clock.from, clock.to)) ctx.fillRect(x(flush.t), area.y + area.h - 7, 2, 7);
     const quiet = this.sensor.quiet(this.scope.now());
     if (!quiet || this.scope.dead()) return;
     const from = Math.max(this.sensor.samples.last, this.sensor.since);
