@@ -193,14 +193,17 @@ void LiveFeed::TellDumps(int64_t now_us) {
         if (!raw || (before && raw->modified == before->modified && raw->size == before->size)) {
             continue;
         }
+        // Files tell whole seconds: of one that was there before, that has to do.
         const int64_t written_us = now_us - wall_us + raw->modified * 1'000'000;
-        batch_.Add(Json{{"k", "dump"},
-                        {"t", std::clamp<int64_t>(written_us, 0, now_us)},
-                        {"n", i},
-                        {"m", DumpWords(dumps[i])}}
-                       .Text());
+        batch_.Add(
+            Json{{"k", "dump"},
+                 {"t", looked_for_dumps_ ? now_us : std::clamp<int64_t>(written_us, 0, now_us)},
+                 {"n", i},
+                 {"m", DumpWords(dumps[i])}}
+                .Text());
     }
     dumps_ = dumps;
+    looked_for_dumps_ = true;
 }
 
 }  // namespace shdtool

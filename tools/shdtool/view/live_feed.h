@@ -65,6 +65,7 @@ class LiveFeed {
     StateFromEvents presumed_;
     std::string told_presumed_;
     std::array<DumpSlot, kDumpSlots> dumps_;
+    bool looked_for_dumps_ = false;
 
     Mutex mutex_;
     std::vector<AskedSampling> asked_ GUARDED_BY(mutex_);

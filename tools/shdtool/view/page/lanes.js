@@ -130,11 +130,12 @@ export class AxisLane extends Lane {
     const power = 10 ** Math.floor(Math.log10(rough));
     const step = [1, 2, 5, 10].map(f => f * power).find(s => s >= rough) ?? rough;
     ctx.textAlign = 'left';
-    for (let n = Math.ceil(clock.from / step); n * step <= clock.to; ++n) {
-      const at = Math.round(x(n * step));
-      ctx.fillStyle = colour.faint;
-      ctx.fillRect(at, this.height - 6, 1, 6);
-      ctx.fillText(bootTime(n * step, step), at + 4, this.height / 2);
+    ctx.fillStyle = colour.faint;
+    for (let n = Math.ceil(clock.from / step * 5); n * step / 5 <= clock.to; ++n) {
+      const at = Math.round(x(n * step / 5));
+      ctx.fillRect(at, this.height - (n % 5 ? 3 : 7), 1, 7);
+      if (n % 5) continue;
+      ctx.fillText(bootTime(n * step / 5, step), at + 4, this.height / 2);
     }
   }
 }
@@ -146,14 +147,15 @@ export class StateLane extends Lane {
 
   rings() { return [this.scope.store.states]; }
 
-  // One for each state, whatever reasons it has meanwhile; the first is told.
+  // One for each state, whatever reasons it has meanwhile; told is one that it keeps.
   *segments(from, to) {
     const {all} = this.scope.store.states;
     let i = Math.max(this.scope.store.states.find(from) - 1, 0);
     while (i > 0 && all[i - 1].s === all[i].s) --i;
     for (let next; i < all.length && all[i].t <= to; i = next) {
-      for (next = i + 1; next < all.length && all[next].s === all[i].s;) ++next;
-      yield {...all[i], e: all[next]?.t ?? this.scope.now()};
+      let {m} = all[i];
+      for (next = i + 1; next < all.length && all[next].s === all[i].s; ++next) if (all[next].m !== m) m = '';
+      yield {...all[i], m, e: all[next]?.t ?? this.scope.now()};
     }
   }
 
@@ -179,7 +181,7 @@ export class StateLane extends Lane {
 }
 
 export class EpisodeLane extends Lane {
-  constructor(scope) { super(scope, 'what happened', 70); }
+  constructor(scope) { super(scope, 'what happened', 84); }
 
   rings() { return [this.scope.store.episodes, this.scope.store.dumps]; }
 
@@ -211,16 +213,39 @@ export class EpisodeLane extends Lane {
     }
     for (const dump of store.dumps.within(clock.from, clock.to)) {
       this.box(colour.bad, dump.t, dump.t, this.height - 14, 14, 2);
-      this.write([`core dump ${dump.n}: ${dump.m}`, `core dump ${dump.n}`], x(dump.t) + 4, this.height - 7, colour.bad);
+      const texts = [dump.m, dump.m.split(/[,;]/)[0]].map(words => `core dump ${dump.n}: ${words}`);
+      this.write([...texts, `core dump ${dump.n}`], x(dump.t) + 4, this.height - 7, colour.bad, this.width);
     }
     if (shown.length || [...store.dumps.within(clock.from, clock.to)].length) return;
-    if (store.hello.log || store.episodes.all.length) this.absent(ctx, 'nothing out of the ordinary');
+    if (store.hello.log || store.hello.line || store.episodes.all.length) this.absent(ctx, this.calm ?? '');
     else this.absent(ctx, 'recoveries, crashes and updates show with the daemon’s log: give it with --log FILE');
+  }
+
+  // What there is to say of a window without an episode.
+  sumUp() {
+    const {clock, store} = this.scope;
+    let missing = 0, requests = 0, unanswered = 0, damaged = 0;
+    for (const sensor of store.sensors.values()) {
+      for (const gap of sensor.gaps.within(clock.from, clock.to)) {
+        if (!gap.late && gap.missing && !store.lostWithin(gap.t, gap.e)) missing += gap.missing;
+      }
+    }
+    for (const one of store.exchanges.within(clock.from, clock.to)) {
+      ++requests;
+      if (one.mark === 'unanswered') ++unanswered;
+    }
+    for (const frame of store.frames.within(clock.from, clock.to)) if (frame.bad) ++damaged;
+    const faults = [missing && `${missing} samples missing`, damaged && `${damaged} frames damaged`,
+      unanswered && `${unanswered} of ${requests} requests unanswered`].filter(Boolean);
+    return `no recovery, crash or update${faults.length ? `; ${faults.join(', ')}` : '; nothing missing, nothing damaged'}`;
   }
 
   tell(t) {
     const during = [...this.scope.store.episodes.within(t, t)].at(-1);
     setText(this.facts, during ? `${during.kind} ${duration((during.e ?? this.scope.now()) - during.t)}` : '');
+    const calm = this.sumUp();
+    if (calm !== this.calm) this.scope.changed();
+    this.calm = calm;
   }
 }
 

@@ -8,6 +8,7 @@ const LONG_SPACING = 1.8;    // periods: what is longer is a gap, unless it is m
 const PATIENCE = 64;         // samples within which a late one is made up for
 const LATENCY_STEP_US = 100e3;
 const LATENCY_REST_STEPS = 20;  // with nothing: the curve breaks off
+const DUMP_GROWS_US = 10e6;
 const QUIET_LEAST_US = 1e6;  // shorter than this, nobody is called silent
 const QUIET_DELIVERIES = 3;
 
@@ -261,5 +262,9 @@ const takers = {
     store.measured = item.measured;
     store.load.push(item.t, [item.from, item.to ?? NaN]);
   },
-  dump: (store, item) => store.dumps.push(item),
+  // One that grows is told again.
+  dump(store, item) {
+    const known = store.dumps.all.findLast(dump => dump.n === item.n && item.t - dump.t < DUMP_GROWS_US);
+    if (known) Object.assign(known, {...item, t: known.t}); else store.dumps.push(item);
+  },
 };

@@ -178,8 +178,8 @@ class Strip {
     ctx.fillStyle = colour[kind];
     ctx.fillRect(from, area.y, Math.max(to - from, 1), area.h);
     ctx.globalAlpha = 1;
-    if (to - from < 40) return;
-    ctx.fillStyle = kind === 'lost' ? colour.ink : colour[kind];
+    if (to - from < 14) return;
+    ctx.fillStyle = kind === 'lost' ? colour.ink : kind === 'grid' ? colour.faint : colour[kind];
     ctx.textAlign = 'center';
     const texts = [words].flat();
     const text = texts.find(one => ctx.measureText(one).width < to - from - 6);
@@ -226,8 +226,13 @@ export class SensorStrip extends Strip {
   shade(ctx, area, x) {
     const {clock, store} = this.scope;
     for (const gap of this.gaps()) {
-      if (gap.late || gap.off || store.lostWithin(gap.t, gap.e)) continue;
+      if (gap.late || store.lostWithin(gap.t, gap.e)) continue;
       const time = duration(gap.e - gap.t);
+      if (gap.off) {
+        if (!this.sensor.periodic) continue;
+        this.block(ctx, area, x(gap.t), x(gap.e), 'grid', [`off for ${time}`, 'off']);
+        continue;
+      }
       this.block(ctx, area, x(gap.t), x(gap.e), 'bad', gap.missing === null ? [`SILENT for ${time}`, time]
         : [`${gap.missing} samples missing in ${time}`, `−${gap.missing}`]);
     }
