@@ -25,7 +25,7 @@ std::string WithoutLineEnd(std::string text) {
 
 // The wall clock at this local date and time of the year that brings it next to another time.
 int64_t WallOfDate(std::tm date, int64_t near_ns) {
-    const std::time_t near_sec = near_ns / kNsPerSec;
+    const auto near_sec = static_cast<std::time_t>(near_ns / kNsPerSec);
     std::tm there{};
     if (localtime_r(&near_sec, &there) == nullptr) return near_ns;
     int64_t best_ns = 0;

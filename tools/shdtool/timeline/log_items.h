@@ -59,7 +59,6 @@ class LogItems {
     std::optional<std::pair<State, std::string>> state_;
     int32_t pid_ = 0;
     std::optional<Time> start_up_;  // since when the daemon starts
-    bool started_ = false;
 };
 
 }  // namespace shdtool::timeline

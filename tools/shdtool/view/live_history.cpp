@@ -42,13 +42,13 @@ class LiveHistory::Session final : public FeedSession {
     std::optional<std::string> Next() override {
         if (!begun_) return Begin({});
         {
-            LiveHistory& of = history_;
-            const MutexLock lock(of.mutex_);
-            while (!of.closed_ && next_ == of.end() && of.now_us_ - told_us_ < kTellTimeUs) {
-                of.pushed_.Wait(of.mutex_);
+            const MutexLock lock(history_.mutex_);
+            while (!history_.closed_ && next_ == history_.end() &&
+                   history_.now_us_ - told_us_ < kTellTimeUs) {
+                history_.pushed_.Wait(history_.mutex_);
             }
-            if (of.closed_) return std::nullopt;
-            if (next_ >= of.first_) return Continue();
+            if (history_.closed_) return std::nullopt;
+            if (next_ >= history_.first_) return Continue();
         }
         return Begin(seen_us_);
     }
@@ -57,29 +57,27 @@ class LiveHistory::Session final : public FeedSession {
     // From the oldest that is left; lost_from_us: since when this browser has missed something.
     std::string Begin(std::optional<int64_t> lost_from_us) {
         std::string items = history_.greeting_();
-        LiveHistory& of = history_;
-        const MutexLock lock(of.mutex_);
+        const MutexLock lock(history_.mutex_);
         begun_ = true;
-        next_ = of.first_;
-        joined_ = of.end();
-        seen_us_ = of.batches_.empty() ? of.now_us_ : of.batches_.front().from_us;
+        next_ = history_.first_;
+        joined_ = history_.end();
+        seen_us_ = history_.batches_.empty() ? history_.now_us_ : history_.batches_.front().from_us;
         if (lost_from_us) Append(items, Dropped(*lost_from_us, seen_us_));
-        for (const auto& [key, json] : of.standing_) Append(items, json);
+        for (const auto& [key, json] : history_.standing_) Append(items, json);
         return items;
     }
 
     std::string Continue() REQUIRES(history_.mutex_) {
-        LiveHistory& of = history_;
         std::string items;
-        if (Lag() > of.limits_.lag_bytes) items = SkipToPresent();
-        while (next_ < of.end() && items.size() < kMessageBytes) {
-            const FeedBatch& batch = of.batches_[next_ - of.first_];
+        if (Lag() > history_.limits_.lag_bytes) items = SkipToPresent();
+        while (next_ < history_.end() && items.size() < kMessageBytes) {
+            const FeedBatch& batch = history_.Batch(next_);
             Append(items, batch.items);
             seen_us_ = batch.to_us;
             ++next_;
         }
-        if (of.now_us_ - told_us_ >= kTellTimeUs) {
-            told_us_ = of.now_us_;
+        if (history_.now_us_ - told_us_ >= kTellTimeUs) {
+            told_us_ = history_.now_us_;
             Append(items, fmt::format(R"({{"k":"now","t":{}}})", told_us_));
         }
         return items;
@@ -89,22 +87,21 @@ class LiveHistory::Session final : public FeedSession {
     [[nodiscard]] size_t Lag() const REQUIRES(history_.mutex_) {
         size_t lag = 0;
         for (uint64_t i = std::max(next_, joined_); i < history_.end(); ++i) {
-            lag += Weight(history_.batches_[i - history_.first_]);
+            lag += Weight(history_.Batch(i));
         }
         return lag;
     }
 
     // Returns the word about what is skipped, and what holds or has ended behind it.
     std::string SkipToPresent() REQUIRES(history_.mutex_) {
-        LiveHistory& of = history_;
         std::map<std::string, std::string> standing;
-        for (; next_ < of.end(); ++next_) {
-            for (const StandingItem& item : of.batches_[next_ - of.first_].standing) {
+        for (; next_ < history_.end(); ++next_) {
+            for (const StandingItem& item : history_.Batch(next_).standing) {
                 standing[item.key] = item.json;
             }
         }
-        std::string items = Dropped(seen_us_, of.batches_.back().to_us);
-        seen_us_ = of.batches_.back().to_us;
+        std::string items = Dropped(seen_us_, history_.batches_.back().to_us);
+        seen_us_ = history_.batches_.back().to_us;
         for (const auto& [key, json] : standing) Append(items, json);
         return items;
     }

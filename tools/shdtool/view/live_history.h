@@ -59,6 +59,10 @@ class LiveHistory final : public Feed {
     class Session;
 
     void Evict(int64_t now_us) REQUIRES(mutex_);
+    // The batch of this number, which is kept.
+    [[nodiscard]] const FeedBatch& Batch(uint64_t number) const REQUIRES(mutex_) {
+        return batches_[static_cast<size_t>(number - first_)];
+    }
     [[nodiscard]] uint64_t end() const REQUIRES(mutex_) { return first_ + batches_.size(); }
 
     const Limits limits_;
