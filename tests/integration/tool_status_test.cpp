@@ -112,7 +112,8 @@ TEST(ToolClients, NamesWhoLosesDataAndNobodyElse) {
         return run.json()["losing"] == 1;
     });
     EXPECT_EQ(run.status, 1);
-    for (const json& client : run.json()["clients"]) {
+    const json losses = run.json();
+    for (const json& client : losses["clients"]) {
         const bool losing = client["unread_bytes"].get<int64_t>() > 10'000;
         EXPECT_EQ(client["losing"], losing) << client;
         EXPECT_EQ(client["buffer_used"] >= client["buffer_size"], losing) << client;
