@@ -109,6 +109,18 @@ TEST_F(ToolCommands, RefusesWrongInputInOneLine) {
     }
 }
 
+TEST_F(ToolCommands, AFullDiskIsSaidWhateverIsPrinted) {
+    const std::string log = "log " + hub_->root() + "/../shd.log";
+    for (const std::string& command :
+         {std::string("list"), std::string("--manual"), std::string("list --json"), log}) {
+        const ToolRun run = Run(command + " >/dev/full");
+        EXPECT_EQ(run.status, 1) << command;
+        EXPECT_THAT(run.err, HasSubstr("shdtool: cannot write to standard output: ")) << command;
+    }
+    EXPECT_THAT(Run("frobnicate --json >/dev/full").err, HasSubstr("there is no command"));
+    EXPECT_NE(std::system(MCUSIM_BINARY " --help >/dev/full"), 0);
+}
+
 TEST_F(ToolCommands, WarnsOfASensorThatFillsTheLine) {
     const ToolRun text = Run("enable rotation-vector --period 1");
     EXPECT_THAT(text.err, HasSubstr("warning: rotation-vector alone needs 23.2 kB/s"));

@@ -197,6 +197,7 @@ TEST(ToolImage, BuildLeavesAFileAloneWithoutForce) {
 TEST(ToolFiles, WrongInputIsRefusedWithItsReason) {
     const Hub hub;
     hub.WriteFile("/empty", "");
+    hub.WriteFile("/zeros", std::string(2'000'000, '\0'));
     hub.WriteFile("/text", "no log\n11-23 04:31:07.124    12    12 D other   : not ours\n");
     const struct {
         const char* command;  // @ stands for the directory of the files
@@ -207,6 +208,7 @@ TEST(ToolFiles, WrongInputIsRefusedWithItsReason) {
         {"log @/empty", "cannot read @/empty: it is empty"},
         {"log /dev/zero", "cannot read /dev/zero: it is no regular file"},
         {"log @/text", "@/text holds no line of shd's log"},
+        {"log @/zeros", "a line of it is longer than 1 MiB"},
         {"log </dev/null", "standard input holds no line of shd's log"},
         {"log --level X @/text", "--level"},
         {"log --sensor nose @/text", "no sensor 'nose'"},

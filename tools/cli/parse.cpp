@@ -5,6 +5,9 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <map>
 #include <sstream>
 
@@ -172,6 +175,15 @@ class Parser {
 
 Parsed Parse(const Program& program, int argc, const char* const* argv) {
     return Parser(program).Run(argc, argv);
+}
+
+// What a full disk did not take is still in the stream's buffer, or is missing already.
+bool EndOutput(const Program& program) {
+    errno = 0;
+    if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return true;
+    fmt::print(stderr, "{}: cannot write to standard output: {}\n", program.name,
+               errno != 0 ? std::strerror(errno) : "an earlier part of it is missing");
+    return false;
 }
 
 }  // namespace cli

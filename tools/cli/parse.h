@@ -34,6 +34,10 @@ struct Parsed {
 [[nodiscard]] std::string KeyOf(const Option& option);
 [[nodiscard]] bool IsArgument(const Option& option);
 
+// Writes out what the program has printed. False when standard output did not take all of it, which
+// has been said on standard error.
+[[nodiscard]] bool EndOutput(const Program& program);
+
 // Breaks a text at its blanks into lines of at most width columns (UTF-8), the indentation
 // included. Line ends stay, and lines that begin with a blank stay whole.
 [[nodiscard]] std::string Wrapped(std::string_view text, size_t width, size_t indent);

@@ -27,7 +27,9 @@ int PollTimeout(steady_clock::time_point deadline) {
 }
 
 std::string Seconds(milliseconds time) {
-    return std::to_string((time.count() + 999) / 1000) + " s";
+    const bool whole = time.count() % 1000 == 0;
+    return whole ? std::to_string(time.count() / 1000) + " s"
+                 : std::to_string(time.count()) + " ms";
 }
 
 template <typename T>

@@ -1,11 +1,7 @@
 // shdtool, the command line of the sensor hub: parses the arguments and runs one command. Called
 // by people, scripts and tests.
-#include <fmt/core.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <exception>
 #include <string_view>
 
@@ -21,7 +17,7 @@ using namespace shdtool;
 int Main(int argc, char** argv) {
     cli::Parsed parsed = cli::Parse(ThisProgram(), argc, argv);
     if (!parsed.text.empty()) {
-        fmt::print("{}", parsed.text);
+        (void)std::fputs(parsed.text.c_str(), stdout);
         return kExitSuccess;
     }
     const Command* command =
@@ -42,22 +38,14 @@ int Main(int argc, char** argv) {
     return RunCommand(*command, context);
 }
 
-// What a full disk did not take is still in the stream's buffer, or is missing already.
-int EndOutput() {
-    errno = 0;
-    if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return kExitSuccess;
-    fmt::print(stderr, "shdtool: cannot write to standard output: {}\n",
-               errno != 0 ? std::strerror(errno) : "an earlier part of it is missing");
-    return kExitRefused;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
     FillStandardDescriptors();
     try {
         const int status = Main(argc, argv);
-        return status == kExitSuccess ? EndOutput() : status;
+        if (status != kExitSuccess) return status;
+        return cli::EndOutput(ThisProgram()) ? kExitSuccess : kExitRefused;
     } catch (const std::exception& error) {
         (void)std::fprintf(stderr, "shdtool: internal error: %s\n", error.what());
         return kExitRefused;

@@ -31,7 +31,7 @@ int SendCommands(const std::string& root, const std::vector<std::string>& comman
     for (const std::string& command : commands) {
         const std::string answer =
             mcusim::SendCommand(root + "/" + mcusim::kCommandSocket, command);
-        fmt::print("{}\n", answer);
+        (void)std::fputs((answer + "\n").c_str(), stdout);
         if (!answer.starts_with("ok")) status = kExitRefused;
     }
     return status;
@@ -53,7 +53,7 @@ int ParseAndRun(int argc, char** argv) {
         text = cli::CompletionScript(mcusim::CommandLine(), arguments.Text("--completion"));
     }
     if (!text.empty()) {
-        fmt::print("{}", text);
+        (void)std::fputs(text.c_str(), stdout);
         return 0;
     }
     mcusim::SimulatorOptions options = mcusim::OptionsOf(arguments);
@@ -76,7 +76,8 @@ int main(int argc, char** argv) {
     FillStandardDescriptors();
     for (const int number : {SIGPIPE, SIGTTIN, SIGTTOU}) (void)std::signal(number, SIG_IGN);
     try {
-        return ParseAndRun(argc, argv);
+        const int status = ParseAndRun(argc, argv);
+        return cli::EndOutput(mcusim::CommandLine()) ? status : kExitRefused;
     } catch (const mcusim::UsageError& error) {
         return Complain(error, kExitUsage);
     } catch (const std::exception& error) {

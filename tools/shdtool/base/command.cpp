@@ -35,7 +35,7 @@ void PrintJson(const Context& context, const Report& report) {
     if (!report.complaint.empty()) object.Set("error", report.complaint);
     if (!context.warnings.empty()) object.Set("warnings", Json::List(context.warnings));
     if (report.exit_status != kExitSuccess) object.Set("exit_status", report.exit_status);
-    fmt::print("{}\n", object.Text());
+    PrintLine(stdout, object.Text());
 }
 
 }  // namespace
@@ -77,7 +77,8 @@ int Complain(bool json, std::string_view command, const std::string& message, in
     }
     Json object{{"ok", false}, {"command", command}, {"error", message}};
     if (mcu_status != 0) object.Set("status", mcu_status);
-    fmt::print("{}\n", object.Set("exit_status", exit_status).Text());
+    PrintLine(stdout, object.Set("exit_status", exit_status).Text());
+    if (std::fflush(stdout) != 0) Say(stderr, "shdtool: " + message);
     return exit_status;
 }
 

@@ -25,7 +25,7 @@ const CommandRows& AllCommands() {
         for (auto* family :
              {StatusCommands, ClientsCommands, ListCommands, WatchCommands, RecordCommands,
               ReplayCommands, AuditCommands, ViewCommands, SensorCommands, FlushCommands,
-              McuCommands, RawCommands, LogCommands, TapCommands, DumpCommands, RawLogCommands,
+              McuCommands, RawCommands, TapCommands, LogCommands, DumpCommands, RawLogCommands,
               ImageCommands, CompletionCommands}) {
             for (Command& row : family()) all.push_back(std::move(row));
         }

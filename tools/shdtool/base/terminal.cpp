@@ -3,7 +3,6 @@
 #include "tools/shdtool/base/terminal.h"
 
 #include <curses.h>
-#include <fmt/core.h>
 #include <langinfo.h>
 #include <sys/ioctl.h>
 #include <term.h>
@@ -96,10 +95,14 @@ std::string Fit(std::string_view text, size_t indent, int fd) {
     return wrapped.substr(std::min(wrapped.find_first_not_of(' '), wrapped.size()));
 }
 
+void PrintLine(std::FILE* stream, const std::string& text) {
+    (void)std::fputs((text + "\n").c_str(), stream);  // fmt throws when a disk is full
+}
+
 void Say(std::FILE* stream, const std::string& text) {
     constexpr size_t kIndent = 2;  // of what does not fit into the first row
     const bool rows = text.find('\n') != std::string::npos;
-    fmt::print(stream, "{}\n", rows ? text : Fit(text, kIndent, fileno(stream)));
+    PrintLine(stream, rows ? text : Fit(text, kIndent, fileno(stream)));
 }
 
 }  // namespace shdtool

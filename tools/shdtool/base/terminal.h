@@ -34,6 +34,8 @@ struct TerminalTraits {
 struct WindowSize {
     size_t columns;
     size_t rows;
+
+    [[nodiscard]] bool operator==(const WindowSize&) const = default;
 };
 [[nodiscard]] WindowSize WindowOf(int fd = STDOUT_FILENO);
 
@@ -46,6 +48,9 @@ struct WindowSize {
 // A sentence broken at blanks where the descriptor is a terminal, the lines behind the first
 // indented; else the text.
 [[nodiscard]] std::string Fit(std::string_view text, size_t indent, int fd = STDOUT_FILENO);
+
+// Prints a line as it is. A stream that does not take it says so when it is closed.
+void PrintLine(std::FILE* stream, const std::string& text);
 
 // Prints one line, on a terminal broken at blanks; of more, the caller has made rows that fit.
 void Say(std::FILE* stream, const std::string& text);

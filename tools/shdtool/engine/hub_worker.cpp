@@ -1,6 +1,8 @@
 // The thread that exchanges requests with the hub. Called by the watching commands.
 #include "tools/shdtool/engine/hub_worker.h"
 
+#include <fmt/format.h>
+
 #include <utility>
 
 #include "tools/client/reply.h"
@@ -98,10 +100,10 @@ shdclient::Status HubWorker::Execute(const ClientRequest& request, const std::st
         if (waiting && steady_clock::now() < deadline && !stop.stop_requested()) continue;
         hub_.reset();
         if (!waiting) return reply.error();
-        const auto seconds = std::chrono::ceil<std::chrono::seconds>(timeout_).count();
         return shdclient::Error{ErrorCode::kTimeout,
-                                "no reply to " + shdclient::CommandName(request.command) +
-                                    " from the daemon within " + std::to_string(seconds) + " s"};
+                                fmt::format("no reply to {} from the daemon within {:g} s",
+                                            shdclient::CommandName(request.command),
+                                            std::chrono::duration<double>(timeout_).count())};
     }
 }
 

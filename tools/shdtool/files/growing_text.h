@@ -30,9 +30,14 @@ class GrowingText {
     // Hands over the beginning of a line whose end has not come.
     void Finish(const Line& line);
 
+    // The line that has begun is longer than any line of text.
+    [[nodiscard]] bool endless() const { return partial_.size() > kLongestLine; }
+
     [[nodiscard]] bool there() const { return fd_.valid(); }
 
   private:
+    static constexpr size_t kLongestLine = size_t{1} << 20;
+
     UniqueFd fd_;
     std::string path_;
     std::string partial_;

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "tools/shdtool/base/command_rows.h"
+#include "tools/shdtool/base/terminal.h"
 #include "tools/shdtool/log/log_input.h"
 #include "tools/shdtool/log/log_view.h"
 
@@ -63,7 +64,7 @@ class LogPrinter {
     }
     void Print(const LogItem& item) const {
         if (!filter_.Wants(item)) return;
-        fmt::print("{}\n", json_ ? JsonOf(item).Text() : TextOf(item));
+        PrintLine(stdout, json_ ? JsonOf(item).Text() : TextOf(item));
     }
 
     const bool json_;
@@ -83,9 +84,10 @@ Outcome ShowLog(Context& context) {
     Result<LogInput> input = LogInput::Open(path, context.arguments.Has("--follow"));
     if (!input) return input.error();
     LogPrinter printer(context);
-    input->Read([&printer](std::string_view line) { printer.Add(line); },
-                [] { (void)std::fflush(stdout); });
+    const auto read = input->Read([&printer](std::string_view line) { printer.Add(line); },
+                                  [] { return std::fflush(stdout) == 0; });
     printer.End();
+    if (!read) return read.error();
     if (!printer.of_daemon()) {
         return Error{ErrorCode::kInvalidArgument,
                      fmt::format("{} holds no line of shd's log, as logcat -v threadtime and shd's "

@@ -38,19 +38,23 @@ Result<LogInput> LogInput::Open(const std::string& path, bool follow) {
     return LogInput(std::move(*fd), path, follow);
 }
 
-void LogInput::Read(const std::function<void(std::string_view)>& line,
-                    const std::function<void()>& pause) {
+shdclient::Status LogInput::Read(const std::function<void(std::string_view)>& line,
+                                 const std::function<bool()>& pause) {
     while (true) {
         if (text_.Read(line)) {
-            if (standard_input_) pause();
+            if (text_.endless()) {
+                return shdclient::Error{shdclient::ErrorCode::kInvalidArgument,
+                                        "this is no log: a line of it is longer than 1 MiB"};
+            }
+            if (standard_input_ && !pause()) break;
             continue;
         }
-        if (!follow_) break;
-        pause();
+        if (!follow_ || !pause()) break;
         std::this_thread::sleep_for(kLookAgain);
         (void)text_.FollowChange();
     }
     text_.Finish(line);
+    return shdclient::Success();
 }
 
 }  // namespace shdtool
