@@ -47,6 +47,15 @@ TEST_F(ToolViews, TableFitsItsWindowAndObeysItsKeys) {
         EXPECT_THAT(window.bytes(), HasSubstr("\x1b[?1049l"));
     }
     {
+        // Too small for the title; Ctrl-Z gives the terminal back, and the keys work afterwards.
+        ToolWindow window(hub_->root(), "shdtool watch", 60, 5);
+        EXPECT_THAT(window.WaitForPage("+9 sensors"), HasSubstr("\naccelerometer"));
+        window.Press("\x1a");
+        window.WaitForBytes("\x1b[?1049l\x1b[23;0;0t\x1b[?1049h");
+        window.Press("q");
+        EXPECT_EQ(window.Status(), 0);
+    }
+    {
         ToolWindow window(hub_->root(), "shdtool watch", 200, 50);
         const std::string page = window.WaitForPage("heart-rate");
         EXPECT_LE(LongestLine(page), 200u);
@@ -65,11 +74,12 @@ TEST_F(ToolViews, TableFitsItsWindowAndObeysItsKeys) {
 TEST_F(ToolViews, SaysWhoIsSilent) {
     ASSERT_EQ(Run("enable accelerometer --rate 50").status, 0);
     ASSERT_EQ(Run("enable gyroscope --rate 50").status, 0);
-    ToolWindow window(hub_->root(), "shdtool watch accelerometer gyroscope", 80, 24);
+    ToolWindow window(hub_->root(), "shdtool watch accelerometer gyroscope pressure", 80, 24);
     (void)window.WaitForPage("gyroscope");
     std::this_thread::sleep_for(1s);
     ASSERT_EQ(Run("disable gyroscope").status, 0);
     EXPECT_THAT(window.WaitForPage("SILENT"), HasSubstr("gyroscope               0.00"));
+    EXPECT_THAT(window.WaitForPage("none yet"), HasSubstr("pressure "));
     ASSERT_EQ(Run("disable accelerometer").status, 0);
     (void)window.WaitForPage("NOBODY SENDS: no sample for");
     ASSERT_EQ(Run("enable accelerometer").status, 0);
@@ -142,19 +152,22 @@ TEST_F(ToolViews, APausedTableStandsStillAndGoesOn) {
                [&] { return Samples(window.WaitForPage("samples")) < before; });
 }
 
-// Ten seconds of a resting accelerometer, silent from the fourth to the sixth.
+// Ten seconds of a resting accelerometer, from the fourth on silent for a while or slower.
 TEST_F(ToolViews, APlotShowsAGapAsAGap) {
     const std::string path = OwnPath("gap");
     const struct {
         int64_t silent_ms;
+        int64_t period_ms;
         size_t least, most;  // empty columns of 80
-    } rows[] = {{0, 0, 1}, {2000, 14, 18}};
+        size_t gaps;         // of a curve, or less
+    } rows[] = {{0, 20, 0, 1, 0}, {2000, 20, 14, 18, 1}, {0, 500, 2, 4, 1}, {6000, 20, 0, 1, 0}};
     for (const auto& row : rows) {
         auto writer = Must(shdtool::RecordWriter::Create(path, true));
         writer.BeginAt(kBegin);
         for (int64_t ms = 0; ms < 10'000; ms += 20) {
             const int64_t at_ns = kBegin + ms * kMs;
-            if (ms < 4000 || ms >= 4000 + row.silent_ms) writer.Add(SampleOf(0, at_ns, at_ns));
+            const bool later = ms >= 4000 + row.silent_ms && ms % row.period_ms == 0;
+            if (ms < 4000 || later) writer.Add(SampleOf(0, at_ns, at_ns));
         }
         ASSERT_TRUE(writer.Close(kBegin + 10 * kSec).ok());
         ToolWindow window(hub_->root(), "shdtool replay --fast --plot " + path, 80, 24,
@@ -163,16 +176,23 @@ TEST_F(ToolViews, APlotShowsAGapAsAGap) {
         // What stays on the terminal; its curves are made of . : and '.
         const std::string page = window.bytes().substr(window.bytes().rfind("\x1b[?1049l"));
         constexpr std::string_view kCurve = ".:'";
+        size_t gaps = 0;
         size_t empty = 0;  // the longest stretch within a row of a curve
         for (size_t at = page.find(".."); at < page.size();) {
             const size_t blank = page.find_first_not_of(kCurve, at);
             const size_t next = page.find_first_not_of(' ', blank);
             if (next >= page.size()) break;
-            if (kCurve.find(page[next]) != std::string::npos) empty = std::max(empty, next - blank);
+            if (kCurve.find(page[next]) != std::string::npos) {
+                empty = std::max(empty, next - blank);
+                if (next - blank > 1) ++gaps;
+            }
             at = page.find_first_of(kCurve, next);
         }
         EXPECT_GE(empty, row.least) << page;
         EXPECT_LE(empty, row.most) << page;
+        EXPECT_LE(gaps, 3 * row.gaps) << page;  // three axes
+        const bool silent = page.find("SILENT 6.0 s, last 0 m/s^2") != std::string::npos;
+        EXPECT_EQ(silent, row.silent_ms == 6000) << page;
     }
     unlink(path.c_str());
 }
@@ -183,7 +203,7 @@ TEST_F(ToolViews, ARecoveryLeavesTheTableWithWhoDidNotComeBack) {
         ASSERT_EQ(Run(std::string("enable ") + sensor).status, 0);
     }
     ToolWindow window(hub_->root(), "shdtool watch accelerometer step-counter", 80, 24);
-    (void)window.WaitForPage("step-counter");
+    (void)window.WaitForPage("count ");
     hub_->Simulate("crash");
     (void)window.WaitForPage("SILENT");
     EXPECT_THAT(window.WaitForPage("did not come back"),

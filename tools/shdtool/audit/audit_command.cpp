@@ -64,10 +64,8 @@ class Auditor final : public EventSink {
         } else if (change.kind == DeliveryKind::kReconnected) {
             away_ns_ += at_ns - lost_ns_.value_or(at_ns);
             lost_ns_.reset();
-            for (auto& [handle, stats] : sensors_) stats.Restart(at_ns);
-        } else {
-            for (auto& [handle, stats] : sensors_) stats.Miss(change.from_ns, at_ns);
         }
+        for (auto& [handle, stats] : sensors_) stats.OnChange(change);
     }
 
     // What came before had another period.

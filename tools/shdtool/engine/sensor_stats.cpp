@@ -70,8 +70,11 @@ void SensorStats::Restart(int64_t at_ns) {
     }
 }
 
-void SensorStats::Miss(int64_t from_ns, int64_t to_ns) {
-    missed_.push_back({from_ns, to_ns, false});
+void SensorStats::OnChange(const Delivery& change) {
+    const int64_t at_ns = change.event.arrival_ns;
+    if (change.kind == DeliveryKind::kReconnected) Restart(at_ns);
+    if (change.kind != DeliveryKind::kMissed) return;
+    missed_.push_back({change.from_ns, at_ns, false});
     if (missed_.size() > kMissedKept) missed_.pop_front();
     batch_fill_ = 0;
 }
@@ -142,6 +145,7 @@ std::optional<Spacings> SensorStats::Measured() const {
 
 size_t SensorStats::batch() const {
     if (batches_.empty()) return 0;
+    if (!sensor_.can_batch) return 1;  // however many come at once
     return static_cast<size_t>(Median({batches_.begin(), batches_.end()}));
 }
 

@@ -8,7 +8,7 @@
 #include <optional>
 #include <vector>
 
-#include "tools/client/event_watcher.h"
+#include "tools/shdtool/engine/delivery.h"
 #include "tools/shdtool/engine/spacing.h"
 
 namespace shdtool {
@@ -52,8 +52,9 @@ class SensorStats {
     // the sensor has another period now.
     void Restart(int64_t at_ns);
 
-    // Events of that time were lost on the way: a gap there is not the MCU's.
-    void Miss(int64_t from_ns, int64_t to_ns);
+    // What the source says beside events: after a reconnection there is a new sequence; a gap where
+    // events were lost on the way is not the MCU's.
+    void OnChange(const Delivery& change);
 
     [[nodiscard]] const shdclient::SensorInfo& sensor() const { return sensor_; }
     [[nodiscard]] std::optional<int64_t> asked_ns() const { return options_.asked_ns; }
@@ -61,7 +62,7 @@ class SensorStats {
     [[nodiscard]] const std::optional<shdclient::WatchedEvent>& last() const { return last_; }
     [[nodiscard]] uint64_t samples() const { return samples_; }
     [[nodiscard]] uint64_t flushes() const { return flushes_; }      // flush-complete events
-    [[nodiscard]] uint64_t lost_here() const { return lost_here_; }  // on the way, see Miss
+    [[nodiscard]] uint64_t lost_here() const { return lost_here_; }  // on the way, see OnChange
     [[nodiscard]] const GapCounter& gaps() const { return gaps_; }
     [[nodiscard]] const OrderCounts& order() const { return order_; }
     [[nodiscard]] int64_t stamped_ns() const;  // from the first to the last time stamp

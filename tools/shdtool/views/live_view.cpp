@@ -26,7 +26,7 @@ const std::vector<Line>& HelpLines() {
 }  // namespace
 
 // True when it wants to be seen at once.
-bool LiveView::Obey(Key key) {
+bool LiveView::Obey(Key key, int64_t now_ns) {
     switch (key) {
         case Key::kNone:
         case Key::kQuit:
@@ -36,7 +36,7 @@ bool LiveView::Obey(Key key) {
             source_->Pause(paused_);
             break;
         case Key::kReset:
-            Reset();
+            Reset(now_ns);
             first_ = 0;
             break;
         case Key::kHelp:
@@ -55,6 +55,7 @@ bool LiveView::Obey(Key key) {
 void LiveView::OnStart(EventSource& source) {
     source_ = &source;
     if (!source.live()) title_.clear();
+    Reset(source.now_ns());
 }
 
 void LiveView::OnSilence() {
@@ -63,10 +64,12 @@ void LiveView::OnSilence() {
 
 shdclient::Result<bool> LiveView::OnTick(const WatchState& state) {
     if (!Terminal().drawable) return true;
-    bool asked = false;
+    const WindowSize window = WindowOf();
+    bool asked = screen_.StopWhenAsked() || window != window_;
+    window_ = window;
     for (Key key = screen_.PressedKey(); key != Key::kNone; key = screen_.PressedKey()) {
         if (key == Key::kQuit) return false;
-        asked = Obey(key) || asked;
+        asked = Obey(key, state.now_ns) || asked;
     }
     const auto now = std::chrono::steady_clock::now();
     const bool due = !paused_ && now - drawn_ >= kRedrawInterval;
@@ -77,9 +80,10 @@ shdclient::Result<bool> LiveView::OnTick(const WatchState& state) {
 }
 
 std::vector<Line> LiveView::TitledPage(const WatchState& state) {
+    constexpr size_t kLeastRows = 12;  // below that the title would take the sensors' place
     WindowSize size = WindowOf();
-    std::vector<Line> page = WrappedLines({{title_}}, size.columns);
-    if (title_.empty()) page.clear();
+    std::vector<Line> page;
+    if (!title_.empty() && size.rows >= kLeastRows) page = WrappedLines({{title_}}, size.columns);
     size.rows -= std::min(page.size(), size.rows);
     for (Line& line : Page(state, size)) page.push_back(std::move(line));
     return page;

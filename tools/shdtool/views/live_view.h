@@ -24,7 +24,8 @@ class LiveView : public EventSink {
   protected:
     // The lines for a window of that size.
     [[nodiscard]] virtual std::vector<Line> Page(const WatchState& state, WindowSize size) = 0;
-    virtual void Reset() = 0;
+    // Begins anew; the first call comes before all events.
+    virtual void Reset(int64_t now_ns) = 0;
     // How many rows or strips there are to move through.
     [[nodiscard]] virtual size_t Count() const = 0;
 
@@ -34,11 +35,12 @@ class LiveView : public EventSink {
     void DrawSoon() { drawn_ = {}; }
 
   private:
-    [[nodiscard]] bool Obey(Key key);
+    [[nodiscard]] bool Obey(Key key, int64_t now_ns);
     [[nodiscard]] std::vector<Line> TitledPage(const WatchState& state);
 
     EventSource* source_ = nullptr;
     Screen screen_;
+    WindowSize window_{};  // as of the last tick
     std::string title_;
     size_t first_ = 0;
     bool paused_ = false;

@@ -134,12 +134,12 @@ shdclient::Result<std::unique_ptr<EventSink>> MakeView(const Context& context,
     }
     if (csv) return View(std::make_unique<CsvPrinter>());
     if (lines || (!plot && !table && !drawable)) return View(std::make_unique<LinePrinter>());
+    const StatsOptions measured{.asked_ns = request.asked_ns(), .asked_batch = request.batch};
     std::unique_ptr<LiveView> view;
     if (plot) {
-        view = std::make_unique<PlotView>(arguments.Number("--window"));
+        view = std::make_unique<PlotView>(arguments.Number("--window"), measured);
     } else {
-        view = std::make_unique<TableView>(
-            StatsOptions{.asked_ns = request.asked_ns(), .asked_batch = request.batch});
+        view = std::make_unique<TableView>(measured, request.handles);
     }
     view->SetTitle(HowToReach(context.root));
     return View(std::move(view));

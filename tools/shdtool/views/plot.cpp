@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <utility>
 
 #include "tools/shdtool/engine/spacing.h"
 #include "tools/shdtool/views/event_format.h"
@@ -38,18 +39,20 @@ std::pair<double, double> PlotStrip::Scale() const {
     return {low, high};
 }
 
-std::string PlotStrip::Caption(double low, double high) const {
+std::string PlotStrip::Caption(double low, double high, std::optional<int64_t> silent_ns) const {
     const shdclient::Axis& axis = sensor_.axes[axis_];
     std::string caption = fmt::format("{} {}", sensor_.name, axis.name);
+    if (silent_ns) caption += fmt::format("  SILENT {}, last", FormatDuration(*silent_ns));
     const auto last = std::find_if(points_.rbegin(), points_.rend(),
                                    [](const Point& point) { return !std::isnan(point.value); });
-    if (last != points_.rend()) caption += fmt::format("  {:.6g}", PlainNumber(last->value));
+    if (last != points_.rend())
+        caption += fmt::format("{} {:.6g}", silent_ns ? "" : " ", PlainNumber(last->value));
     if (!axis.unit.empty()) caption += fmt::format(" {}", axis.unit);
     return caption + fmt::format("   scale {:.4g} to {:.4g}", low, high);
 }
 
-std::vector<std::string> PlotStrip::Draw(int64_t start_ns, int64_t end_ns, size_t columns,
-                                         size_t rows) const {
+std::vector<Line> PlotStrip::Draw(int64_t start_ns, int64_t end_ns, size_t columns, size_t rows,
+                                  std::optional<int64_t> silent_ns) const {
     const auto [low, high] = Scale();
     PlotCanvas canvas(columns, rows - 1);
     const double dots_per_ns =
@@ -66,56 +69,68 @@ std::vector<std::string> PlotStrip::Draw(int64_t start_ns, int64_t end_ns, size_
         canvas.Line(from && from->x < to.x ? *from : to, to);  // time may go backwards
         from = to;
     }
-    std::vector<std::string> lines = canvas.Lines(Terminal().utf8);
-    lines.insert(lines.begin(), Caption(low, high));
+    std::vector<Line> lines{
+        {Caption(low, high, silent_ns), silent_ns ? Style::kFault : Style::kPlain}};
+    for (std::string& row : canvas.Lines(Terminal().utf8)) lines.push_back({std::move(row)});
     return lines;
 }
 
-PlotView::PlotView(double window_sec) : window_ns_(static_cast<int64_t>(window_sec * kNsPerSec)) {}
+PlotView::PlotView(double window_sec, const StatsOptions& options)
+    : window_ns_(static_cast<int64_t>(window_sec * kNsPerSec)), options_(options) {}
 
-void PlotView::OnEvent(const shdclient::WatchedEvent& event) {
-    // Between samples further apart than this share of what is usual there is a gap.
+// Between samples further apart than three of the usual spacings there is a gap, but the second one
+// in a row is what the sensor has now.
+bool PlotView::IsGap(Sensor& sensor, const shdclient::DecodedEvent& event) {
     constexpr double kGapPeriods = 3;
     constexpr double kSmoothing = 0.1;
+    if (!sensor.stats.last()) return false;
+    const auto spacing_ns =
+        static_cast<double>(event.timestamp_ns - sensor.stats.last()->decoded.timestamp_ns);
+    const bool is_long = sensor.usual_ns > 0 && IsPeriodic(*event.sensor) &&
+                         spacing_ns > kGapPeriods * sensor.usual_ns;
+    const bool again = std::exchange(sensor.was_long, is_long) && is_long;
+    if (sensor.usual_ns <= 0 || again) sensor.usual_ns = spacing_ns;
+    if (!is_long) sensor.usual_ns += kSmoothing * (spacing_ns - sensor.usual_ns);
+    return is_long && !again;
+}
+
+void PlotView::OnEvent(const shdclient::WatchedEvent& event) {
     const shdclient::DecodedEvent& decoded = event.decoded;
     if (decoded.value_count == 0) return;
-    Sensor& sensor = sensors_[decoded.sensor->handle];
+    Sensor& sensor = sensors_
+                         .try_emplace(decoded.sensor->handle,
+                                      Sensor{{*decoded.sensor, options_, event.arrival_ns}})
+                         .first->second;
     for (size_t axis = sensor.strips.size(); axis < decoded.value_count; ++axis) {
         sensor.strips.emplace_back(*decoded.sensor, axis);
     }
-    bool gap = false;
-    if (sensor.last_ns) {
-        const auto spacing_ns = static_cast<double>(decoded.timestamp_ns - *sensor.last_ns);
-        gap = sensor.usual_ns > 0 && IsPeriodic(*decoded.sensor) &&
-              spacing_ns > kGapPeriods * sensor.usual_ns;
-        if (sensor.usual_ns <= 0) sensor.usual_ns = spacing_ns;
-        if (!gap) sensor.usual_ns += kSmoothing * (spacing_ns - sensor.usual_ns);
-    }
+    const bool gap = IsGap(sensor, decoded);
     for (size_t axis = 0; axis < decoded.value_count; ++axis) {
         PlotStrip& strip = sensor.strips[axis];
         if (gap) strip.Add({decoded.timestamp_ns, kNothing});
         strip.Add({decoded.timestamp_ns, decoded.all_values[axis]});
     }
-    sensor.last_ns = decoded.timestamp_ns;
+    sensor.stats.Add(event);
 }
 
 void PlotView::OnChange(const Delivery& change) {
     change_ = change;
     for (auto& [handle, sensor] : sensors_) {
+        sensor.stats.OnChange(change);
         for (PlotStrip& strip : sensor.strips) strip.Add({change.event.arrival_ns, kNothing});
     }
     DrawSoon();
 }
 
-void PlotView::Reset() {
+void PlotView::Reset(int64_t /*now_ns*/) {
     sensors_.clear();
     change_.reset();
 }
 
-std::vector<const PlotStrip*> PlotView::Strips() const {
-    std::vector<const PlotStrip*> strips;
+std::vector<PlotView::Place> PlotView::Strips() const {
+    std::vector<Place> strips;
     for (const auto& [handle, sensor] : sensors_) {
-        for (const PlotStrip& strip : sensor.strips) strips.push_back(&strip);
+        for (const PlotStrip& strip : sensor.strips) strips.push_back({&sensor, &strip});
     }
     return strips;
 }
@@ -139,7 +154,7 @@ std::vector<Line> PlotView::Page(const WatchState& state, WindowSize size) {
     for (auto& [handle, sensor] : sensors_) {
         for (PlotStrip& strip : sensor.strips) strip.Forget(start_ns);
     }
-    const std::vector<const PlotStrip*> strips = Strips();
+    const std::vector<Place> strips = Strips();
     const size_t room = size.rows > 1 ? size.rows - 1 : 1;
     const size_t shown =
         std::min(strips.size() - first(), std::max<size_t>(room / kMinStripRows, 1));
@@ -148,9 +163,11 @@ std::vector<Line> PlotView::Page(const WatchState& state, WindowSize size) {
     for (size_t i = 0; i < shown; ++i) {
         const size_t rows = std::clamp<size_t>(left / (shown - i), 2, kMostRows);
         left -= std::min(left, rows);
-        const auto lines = strips[first() + i]->Draw(start_ns, state.now_ns,
-                                                     std::max<size_t>(size.columns, 2), rows);
-        for (const std::string& line : lines) page.push_back({line});
+        const auto [sensor, strip] = strips[first() + i];
+        for (Line& line : strip->Draw(start_ns, state.now_ns, std::max<size_t>(size.columns, 2),
+                                      rows, sensor->stats.SilentFor(state.now_ns))) {
+            page.push_back(std::move(line));
+        }
     }
     return page;
 }

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <csignal>
 #include <cstdio>
 #include <sstream>
 
@@ -16,6 +17,17 @@ namespace shdtool {
 namespace {
 
 termios g_keys_before;  // of the one terminal that there is
+volatile std::sig_atomic_t g_stop_asked = 0;
+
+// Replaces what SIGTSTP does, unless whoever started this program has it ignored.
+void SetStopHandler(void (*handler)(int)) {
+    struct sigaction action {};
+    sigaction(SIGTSTP, nullptr, &action);
+    if (action.sa_handler == SIG_IGN) return;
+    action.sa_handler = handler;
+    action.sa_flags = 0;
+    sigaction(SIGTSTP, &action, nullptr);
+}
 
 // A page is one write, so that the terminal never shows half of one.
 void Write(const std::string& text) {
@@ -69,7 +81,10 @@ std::vector<Line> WrappedLines(const std::vector<Line>& lines, size_t columns) {
 void Screen::Draw(const std::vector<Line>& lines) {
     const WindowSize window = WindowOf();
     std::string page = taken_ ? "" : Capability("smcup") + Capability("civis");
-    if (!taken_) TakeKeys();
+    if (!taken_) {
+        TakeKeys();
+        SetStopHandler([](int /*signal*/) { g_stop_asked = 1; });
+    }
     taken_ = true;
     page += Capability("home");
     const std::string erase_line = Capability("el");
@@ -111,9 +126,18 @@ Key Screen::PressedKey() {
     return Key::kNone;
 }
 
+bool Screen::StopWhenAsked() {
+    if (g_stop_asked == 0) return false;
+    g_stop_asked = 0;
+    Leave();
+    (void)raise(SIGTSTP);
+    return true;
+}
+
 void Screen::Leave() {
     if (!taken_) return;
     taken_ = false;
+    SetStopHandler(SIG_DFL);
     if (keys_taken_) (void)tcsetattr(STDIN_FILENO, TCSANOW, &g_keys_before);
     keys_taken_ = false;
     Write(Capability("cnorm") + Capability("rmcup"));

@@ -38,6 +38,10 @@ class Screen {
     // A key that was pressed since the last call. Never waits.
     [[nodiscard]] Key PressedKey();
 
+    // Gives the screen back and stops the process when that was asked for (Ctrl-Z). True when the
+    // process goes on after that: the page must be drawn again.
+    [[nodiscard]] bool StopWhenAsked();
+
     void Leave();
 
   private:

@@ -34,7 +34,8 @@ Line StatsRow(const SensorStats& sensor, int64_t now_ns) {
     const bool periodic = IsPeriodic(sensor.sensor());
     const auto silent_ns = sensor.SilentFor(now_ns);
     const uint64_t gaps = sensor.gaps().presumed_gaps();
-    std::string age = sensor.last() ? FormatDuration(now_ns - sensor.last()->arrival_ns) : "-";
+    std::string age =
+        sensor.last() ? FormatDuration(now_ns - sensor.last()->arrival_ns) : "none yet";
     if (silent_ns) age = "SILENT " + FormatDuration(*silent_ns);
     std::string rate = spacing ? RateText(spacing->mean_ns) : "-";
     if (silent_ns) rate = "0.00";
@@ -65,7 +66,9 @@ std::string Sensors(size_t count) {
 
 std::vector<Line> TableLines(const StatsMap& sensors, int64_t now_ns, WindowSize size,
                              size_t first) {
+    constexpr size_t kLeastRows = 8;  // below that the values would take other sensors' place
     const bool wide = size.columns >= kRowColumns + kValueColumns;
+    const bool values_below = !wide && size.rows >= kLeastRows;
     std::vector<Line> lines{{fmt::format(kRowFormat, "SENSOR", "RATE Hz", "ASKED Hz", "JITT ms",
                                          "BATCH", "AGE", "EVENTS", "GAPS") +
                                  (wide ? "  VALUES" : ""),
@@ -75,12 +78,12 @@ std::vector<Line> TableLines(const StatsMap& sensors, int64_t now_ns, WindowSize
     for (const auto& [handle, sensor] : sensors) {
         if (number++ < first) continue;
         const std::string values = ValuesText(sensor);
-        const size_t rows = wide || values.empty() ? 1 : 2;
+        const size_t rows = values_below && !values.empty() ? 2 : 1;
         const bool last = number == sensors.size() && first == 0;
         if (lines.size() + rows + (last ? 0 : 1) > size.rows) break;
         lines.push_back(StatsRow(sensor, now_ns));
         if (wide && !values.empty()) lines.back().text += "  " + values;
-        if (!wide && !values.empty()) lines.push_back({"    " + values});
+        if (values_below && !values.empty()) lines.push_back({"    " + values});
         ++shown;
     }
     const size_t below = sensors.size() - std::min(first + shown, sensors.size());
@@ -126,15 +129,16 @@ void TableView::OnChange(const Delivery& change) {
         lost_ns_.reset();
         resumed_ns_ = at_ns;
         ++reconnections_;
-        for (auto& [handle, sensor] : sensors_) sensor.Restart(at_ns);
-    } else {
-        for (auto& [handle, sensor] : sensors_) sensor.Miss(change.from_ns, at_ns);
     }
+    for (auto& [handle, sensor] : sensors_) sensor.OnChange(change);
     DrawSoon();
 }
 
-void TableView::Reset() {
+void TableView::Reset(int64_t now_ns) {
     sensors_.clear();
+    for (const int32_t handle : named_) {
+        sensors_.try_emplace(handle, *shdclient::FindSensor(handle), options_, now_ns);
+    }
     start_ns_.reset();
     samples_ = 0;
     resumed_ns_.reset();

@@ -5,6 +5,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tools/shdtool/engine/sensor_stats.h"
@@ -28,14 +29,16 @@ using StatsMap = std::map<int32_t, SensorStats>;
 // that.
 class TableView final : public LiveView {
   public:
-    explicit TableView(const StatsOptions& options) : options_(options) {}
+    // named: handles of the sensors that have a row even before they send.
+    TableView(const StatsOptions& options, std::vector<int32_t> named)
+        : options_(options), named_(std::move(named)) {}
 
     void OnEvent(const shdclient::WatchedEvent& event) override;
     void OnChange(const Delivery& change) override;
 
   protected:
     [[nodiscard]] std::vector<Line> Page(const WatchState& state, WindowSize size) override;
-    void Reset() override;
+    void Reset(int64_t now_ns) override;
     [[nodiscard]] size_t Count() const override { return sensors_.size(); }
 
   private:
@@ -44,6 +47,7 @@ class TableView final : public LiveView {
     void NoteSilence(int64_t now_ns);
 
     const StatsOptions options_;
+    const std::vector<int32_t> named_;
     StatsMap sensors_;
     std::optional<int64_t> start_ns_;  // of the samples counted
     uint64_t samples_ = 0;
