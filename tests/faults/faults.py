@@ -173,8 +173,8 @@ def measured(groups, results, again, seconds):
                       f'{max(r.took for r in mine):.1f} s'))
     worst = ('cases', 'lost (how much: in how many cases)', 'worst time until an exchange works')
     return '\n'.join([
-        f'{len(results)} cases, {sum(bool(r.error) for r in results)} failed; {len(again)} were '
-        f'tried a second time, alone. {seconds / 60:.0f} minutes on {os.cpu_count()} cores.', '',
+        f'{len(results)} cases, {sum(bool(r.error) for r in results)} failed; '
+        f'tried a second time, alone: {len(again)}. {seconds / 60:.0f} minutes on {os.cpu_count()} cores.', '',
         table(('group', *worst), rows), '', 'The same cases on the line by the kind of fault:', '',
         table(('fault', *worst), kinds)])
 

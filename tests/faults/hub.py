@@ -70,6 +70,7 @@ class Hub:
         self.options = options
         self.wrapper = ()  # a command that the daemon is started by
         self.environment = {}
+        self.held = 0.0  # seconds that its first start was kept waiting for those of others
         self.log, self.seen, self.news = [], 0, asyncio.Event()
         self.simulator = self.daemon = None
         self.tasks, self.writers = [], []
@@ -142,8 +143,9 @@ class Hub:
 
     async def start(self):
         self.log, self.seen, self.news = [], 0, asyncio.Event()
-        first = self.daemon is None
+        first, begin = self.daemon is None, time.monotonic()
         async with self.starting if first else contextlib.nullcontext():
+            self.held += time.monotonic() - begin
             self.daemon = await self._run(
                 *self.wrapper, self.binaries / 'shd', stdout=asyncio.subprocess.DEVNULL,
                 stderr=asyncio.subprocess.PIPE)

@@ -228,7 +228,7 @@ async def start_up_case(direction, byte, kind):
         await hub.works(RECOVERY + SLACK)
         require(kind in ('silence', 'power', 'kill', 'hangup') or lost <= 3, f'{lost} lost')
         require(kind == 'hangup' or not hub.count('mcu_update enter'), 'the firmware is written')
-        return lost, time.monotonic() - begin
+        return lost, time.monotonic() - begin - hub.held
 
 
 async def service_after_exits(hub):
@@ -343,7 +343,7 @@ async def update_case(direction, byte, kind):
             else:
                 await service_after_exits(hub)
         await hub.works(RECOVERY + SLACK)
-        took = time.monotonic() - begin
+        took = time.monotonic() - begin - hub.held
         # Only behind the last block nothing notices a block that the bootloader should have refused.
         last = sum(learnt()['transmissions'][:-3])
         require(not hub.count('timeout update mcu') or direction == 'in' and byte >= last,
