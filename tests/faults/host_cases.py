@@ -44,7 +44,7 @@ async def dying_client(name, sent, read=None):
         before, frames = descriptors(hub), (await hub.stats())['frames_in']
         asks = name == 'shdctl' and sent == 32
         if read is None:
-            await hub.tell('delay 1500')
+            await hub.tell('delay 6000')  # longer than a busy machine takes for the rest
         begin = time.monotonic()
         reader, writer = await hub.connect(name)
         request = REQUEST.pack(0, 13, b'') if name == 'shdctl' else b''
@@ -180,7 +180,7 @@ async def descriptor_case(limit):
             served = await first.ask(*VERSION, limit=SLACK) is not None
         except Failed:  # the daemon can neither take nor refuse a connection
             served = False
-        crowd = []
+        crowd, before = [], descriptors(hub)
         for _ in range(2 * limit):
             crowd += [await hub.connect('shdctl'), await hub.connect('shddata')]
         if served:
@@ -195,6 +195,7 @@ async def descriptor_case(limit):
         if not served:  # no number is left for any client
             await hub.kill_daemon()
             return await starts_again(hub)
+        await eventually('all of them are gone', lambda: descriptors(hub) < before, SLACK)
         return 1, await crashes_and_recovers(hub)
 
 
