@@ -124,6 +124,7 @@ class PageTest(unittest.TestCase):
                 page.command('Input.dispatchMouseEvent', type=what, x=spot[0], y=spot[1], button='left', clickCount=1)
             shown = wait('the bytes', lambda: page.text('#picked .bytes'))
             raw = ''.join(line[6:].replace(' ', '') for line in shown.split('\n'))
+            self.assertEqual(raw, page.ask('return frame.x'))
             said = [line.split() for line in (self.hub.tree / 'line').read_text().splitlines()]
             self.assertIn(raw, ''.join(line[2] for line in said if line[1] == '<'))
             self.assertIn('accelerometer', page.text('#picked .meaning'))

@@ -77,8 +77,8 @@ class Lane {
     return false;
   }
 
-  absent(ctx, text) {
-    ctx.fillStyle = colour.faint;
+  absent(ctx, text, fill = colour.faint) {
+    ctx.fillStyle = fill;
     ctx.textAlign = 'left';
     ctx.fillText(text, 4, this.height / 2, this.width - 8);
   }
@@ -217,7 +217,7 @@ export class EpisodeLane extends Lane {
       this.write([...texts, `core dump ${dump.n}`], x(dump.t) + 4, this.height - 7, colour.bad, this.width);
     }
     if (shown.length || [...store.dumps.within(clock.from, clock.to)].length) return;
-    if (store.hello.log || store.hello.line || store.episodes.all.length) this.absent(ctx, this.calm ?? '');
+    if (store.hello.log || store.hello.line || store.episodes.all.length) this.absent(ctx, this.calm ?? '', this.calm?.includes(';') ? colour.warn : colour.faint);
     else this.absent(ctx, 'recoveries, crashes and updates show with the daemon’s log: give it with --log FILE');
   }
 
@@ -237,7 +237,7 @@ export class EpisodeLane extends Lane {
     for (const frame of store.frames.within(clock.from, clock.to)) if (frame.bad) ++damaged;
     const faults = [missing && `${missing} samples missing`, damaged && `${damaged} frames damaged`,
       unanswered && `${unanswered} of ${requests} requests unanswered`].filter(Boolean);
-    return `no recovery, crash or update${faults.length ? `; ${faults.join(', ')}` : '; nothing missing, nothing damaged'}`;
+    return `no recovery, crash or update${faults.length ? `; ${faults.join(', ')}` : ', nothing missing, nothing damaged'}`;
   }
 
   tell(t) {
@@ -400,6 +400,6 @@ export class ClientLane extends Lane {
     const {clients, clientsAt} = this.scope.store;
     const here = [...clients.values()].filter(client => client.last >= clientsAt);
     const losing = here.filter(client => client.losing).length;
-    setText(this.facts, `${here.length} connected${losing ? `, ${losing} losing data` : ''}${clients.size > CLIENTS_SHOWN ? `, ${CLIENTS_SHOWN} shown` : ''}`);
+    setText(this.facts, `${here.length} connected${losing ? `, ${losing} losing data` : ''}${here.length > CLIENTS_SHOWN ? `, ${CLIENTS_SHOWN} shown` : ''}`);
   }
 }

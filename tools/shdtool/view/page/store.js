@@ -43,14 +43,16 @@ class Sensor {
   // What comes next is a new sequence: the connection or the sensor was off, or has another period.
   restart(t) {
     const last = this.samples.last;
-    if (this.quiet(t)) this.gaps.push({t: last, e: t, late: false, missing: null});
+    const silent = this.quiet(t) > 0;
+    if (silent) this.gaps.push({t: last, e: t, late: false, missing: null});
+    if (!this.broken) this.offSince = silent ? t : last;
     Object.assign(this, {broken: true, open: null, since: t, spacings: [], period: 0, deliveries: []});
   }
 
   add(t, arrival, values) {
     const spacing = t - this.samples.last;
     if (this.periodic && !this.broken && spacing > 0) this.measure(this.samples.last, spacing);
-    if (this.broken && this.samples.length) this.gaps.push({t: this.samples.last, e: t, off: true});
+    if (this.broken && this.samples.length) this.gaps.push({t: this.offSince, e: t, off: true});
     const wait = arrival - this.arrival;
     if (wait > Math.max(spacing / 2, 0)) {
       if (!this.broken && this.deliveries.push(wait) > 15) this.deliveries.shift();
