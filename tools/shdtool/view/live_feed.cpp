@@ -27,6 +27,9 @@ using std::chrono::milliseconds;
 // What happens within one tick goes to the browsers together.
 constexpr milliseconds kTick{50};
 
+// What a file holds that was there before is handed over in pieces of this size.
+constexpr size_t kBatchBytes = size_t{64} << 10;
+
 // A frame of the last moments may still be on its way into the file.
 constexpr int64_t kLineLatencyNs = 500'000'000;
 
@@ -73,9 +76,9 @@ void LiveFeed::TakeAsked(const AskedSampling& asked) {
 
 Status LiveFeed::Run() {
     int64_t now_ns = shdclient::BootTimeNs();
+    batch_.from_us = now_ns / kNsPerUs;
     for (int tick = 0; !StopRequested(); ++tick) {
         const auto due = std::chrono::steady_clock::now() + kTick;
-        batch_ = {.from_us = now_ns / kNsPerUs};
         oldest_ns_ = now_ns - history_.limits().span_us * kNsPerUs;
         if (!started_ && tick % kTicksPerLook == 0) Connect(now_ns);
         if (started_) {
@@ -92,12 +95,16 @@ Status LiveFeed::Run() {
             TellClients(now_ns);
             TellDumps(now_ns / kNsPerUs);
         }
-        batch_.to_us = now_ns / kNsPerUs;
-        history_.Push(std::move(batch_));
+        HandOver(now_ns);
         const auto left = std::chrono::ceil<milliseconds>(due - std::chrono::steady_clock::now());
         if (left.count() > 0) (void)poll(nullptr, 0, static_cast<int>(left.count()));
     }
     return shdclient::Success();
+}
+
+void LiveFeed::HandOver(int64_t now_ns) {
+    batch_.to_us = now_ns / kNsPerUs;
+    history_.Push(std::exchange(batch_, {.from_us = now_ns / kNsPerUs}));
 }
 
 void LiveFeed::Connect(int64_t now_ns) {
@@ -125,6 +132,7 @@ void LiveFeed::Take(const timeline::Item& item) {
     if (PassedAt(item).value_or(oldest_ns_) < oldest_ns_) return;
     const std::string json = ItemJson(item);
     const std::string key = StandingKey(item);
+    if (batch_.items.size() > kBatchBytes) HandOver(shdclient::BootTimeNs());
     if (key.empty()) {
         batch_.Add(json);
         return;

@@ -38,6 +38,7 @@ class LiveFeed {
     void TakeAsked(const AskedSampling& asked);
 
   private:
+    void HandOver(int64_t now_ns);
     void Connect(int64_t now_ns);
     [[nodiscard]] shdclient::Status TakeEvents();
     void Take(const timeline::Item& item);
@@ -50,7 +51,7 @@ class LiveFeed {
 
     const std::string root_;
     LiveHistory& history_;
-    FeedBatch batch_;        // of this tick
+    FeedBatch batch_;        // of this tick, or the rest of it
     int64_t oldest_ns_ = 0;  // what was before is not kept
 
     LiveSource source_;
