@@ -146,7 +146,12 @@ TEST(SensorAudit, DoesNotBlameTheSensorForWhatWasLostOnTheWay) {
         for (int64_t i = 0; i < 200; ++i) {
             if (i >= 100 && i < 150) continue;
             const int64_t stamp_ns = kStart + i * kPeriod;
-            if (missed && i == 150) stats.Miss(kStart + 90 * kPeriod, stamp_ns);
+            if (missed && i == 150) {
+                Delivery lost{DeliveryKind::kMissed};
+                lost.from_ns = kStart + 90 * kPeriod;
+                lost.event.arrival_ns = stamp_ns;
+                stats.OnChange(lost);
+            }
             stats.Add(Sample(stamp_ns, stamp_ns));
         }
         const SensorVerdict verdict = Judge(stats, {}, kStart + 200 * kPeriod, 4 * kSec);

@@ -20,7 +20,9 @@ void StateFromEvents::Take(const Delivery& delivery) {
         if (delivery.event.decoded.flush_complete) return;
         sensors_.try_emplace(sensor.handle, sensor, StatsOptions{}, at_ns)
             .first->second.Add(delivery.event);
-    } else if (delivery.kind != DeliveryKind::kMissed) {
+    } else if (delivery.kind == DeliveryKind::kMissed) {
+        for (auto& [handle, sensor] : sensors_) sensor.OnChange(delivery);
+    } else {
         connected_ = delivery.kind == DeliveryKind::kReconnected;
         changed_ns_ = at_ns;
         sensors_.clear();  // what a new daemon has switched on shows
