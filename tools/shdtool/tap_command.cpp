@@ -2,10 +2,7 @@
 // row of the table of commands.
 #include <fmt/core.h>
 
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
-#include <memory>
 #include <optional>
 #include <sstream>
 #include <stdexcept>
@@ -15,6 +12,7 @@
 #include "tools/shdtool/base/command_rows.h"
 #include "tools/shdtool/engine/stop_signals.h"
 #include "tools/shdtool/files/file_io.h"
+#include "tools/shdtool/files/growing_file.h"
 #include "tools/tap/line_tap.h"
 #include "tools/tap/pcapng.h"
 #include "tools/wire/message_reader.h"
@@ -27,50 +25,6 @@ using std::chrono::nanoseconds;
 double Seconds(nanoseconds time) {
     return std::chrono::duration<double>(time).count();
 }
-
-// A file that grows; written through at each piece, since a tap is often ended by pulling a cable.
-class GrowingFile {
-  public:
-    [[nodiscard]] shdclient::Status Create(const std::string& path, bool force) {
-        path_ = path;
-        if (const auto writable = CheckWritable(path); !writable) return writable;
-        file_.reset(std::fopen(path.c_str(), force ? "we" : "wxe"));
-        if (!file_ && errno == EEXIST) {
-            return shdclient::Error{shdclient::ErrorCode::kInvalidArgument,
-                                    path + ": exists; --force replaces it"};
-        }
-        if (!file_) return Failed();
-        return shdclient::Success();
-    }
-
-    // Nothing is written before Create. The first failure is the one that is kept.
-    void Write(const std::string& piece) {
-        if (!file_ || failed_) return;
-        failed_ = std::fwrite(piece.data(), 1, piece.size(), file_.get()) != piece.size() ||
-                  std::fflush(file_.get()) != 0;
-        if (failed_) error_ = errno;
-    }
-
-    [[nodiscard]] shdclient::Status status() const {
-        errno = error_;
-        if (failed_) return Failed();
-        return shdclient::Success();
-    }
-
-  private:
-    struct Closer {
-        void operator()(std::FILE* file) const { (void)std::fclose(file); }
-    };
-
-    [[nodiscard]] shdclient::Error Failed() const {
-        return {shdclient::ErrorCode::kSystem, path_ + ": " + std::strerror(errno)};
-    }
-
-    std::string path_;
-    std::unique_ptr<std::FILE, Closer> file_;
-    bool failed_ = false;
-    int error_ = 0;
-};
 
 // Everything that is made of the steps of a line.
 class Ear {

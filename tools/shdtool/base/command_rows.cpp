@@ -25,8 +25,8 @@ const CommandRows& AllCommands() {
         for (auto* family :
              {StatusCommands, ClientsCommands, ListCommands, WatchCommands, RecordCommands,
               ReplayCommands, AuditCommands, ViewCommands, SensorCommands, FlushCommands,
-              McuCommands, RawCommands, TapCommands, LogCommands, DumpCommands, RawLogCommands,
-              ImageCommands, CompletionCommands}) {
+              McuCommands, RawCommands, TapCommands, LogCommands, TimelineCommands, DumpCommands,
+              RawLogCommands, ImageCommands, CompletionCommands}) {
             for (Command& row : family()) all.push_back(std::move(row));
         }
         return all;

@@ -25,6 +25,7 @@ using CommandRows = std::vector<Command>;
 [[nodiscard]] CommandRows McuCommands();
 [[nodiscard]] CommandRows RawCommands();
 [[nodiscard]] CommandRows LogCommands();
+[[nodiscard]] CommandRows TimelineCommands();
 [[nodiscard]] CommandRows TapCommands();
 [[nodiscard]] CommandRows DumpCommands();
 [[nodiscard]] CommandRows RawLogCommands();

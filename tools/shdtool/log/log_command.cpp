@@ -1,5 +1,5 @@
 // shdtool log: the daemon's log with sensor names, filters, and recoveries and updates as one line
-// each. A row of the table of commands; it needs no daemon.
+// each, or a recording of it. A row of the table of commands; it needs no daemon.
 #include <fmt/format.h>
 #include <unistd.h>
 
@@ -8,8 +8,10 @@
 
 #include "tools/shdtool/base/command_rows.h"
 #include "tools/shdtool/base/terminal.h"
+#include "tools/shdtool/files/growing_file.h"
 #include "tools/shdtool/log/log_input.h"
 #include "tools/shdtool/log/log_view.h"
+#include "tools/wire/recording.h"
 
 namespace shdtool {
 namespace {
@@ -74,6 +76,51 @@ class LogPrinter {
     bool of_daemon_ = false;
 };
 
+Error NoLog(const std::string& path) {
+    return {ErrorCode::kInvalidArgument,
+            fmt::format("{} holds no line of shd's log, as logcat -v threadtime and shd's "
+                        "standard error have them",
+                        path == "-" ? "standard input" : path)};
+}
+
+// Keeps the lines as they are, and says both clocks first of all and each minute.
+Outcome RecordLog(const Context& context, const std::string& path, LogInput& input) {
+    const std::string output = context.arguments.Text("--output");
+    GrowingFile file;
+    const auto made = file.Create(output, context.arguments.Has("--force"));
+    if (!made) return made.error();
+    wire::ClockTimer timer;
+    std::string pending;
+    uint64_t lines = 0;
+    bool of_daemon = false;
+    const auto say_clocks = [&] {
+        const wire::Clocks now = wire::ReadClocks();
+        if (timer.Due(now.boot)) pending += FormatClocks(now) + "\n";
+    };
+    const auto write = [&] {
+        say_clocks();
+        file.Write(pending);
+        pending.clear();
+        return file.status().ok();
+    };
+    constexpr size_t kPieceBytes = 65'536;
+    say_clocks();
+    const auto read = input.Read(
+        [&](std::string_view line) {
+            const auto parsed = of_daemon ? std::nullopt : ParseLogLine(line);
+            if (parsed && IsDaemonTag(parsed->tag)) of_daemon = true;
+            ++lines;
+            pending.append(line) += '\n';
+            if (pending.size() >= kPieceBytes) (void)write();
+        },
+        write);
+    (void)write();
+    if (const auto written = file.status(); !written) return written.error();
+    if (!read) return read.error();
+    if (!of_daemon) return NoLog(path);
+    return Report{fmt::format("{}: {} lines", output, lines), {{"file", output}, {"lines", lines}}};
+}
+
 Outcome ShowLog(Context& context) {
     const std::string path = context.arguments.Text("FILE");
     if (path == "-" && isatty(STDIN_FILENO) == 1) {
@@ -83,17 +130,13 @@ Outcome ShowLog(Context& context) {
     }
     Result<LogInput> input = LogInput::Open(path, context.arguments.Has("--follow"));
     if (!input) return input.error();
+    if (context.arguments.Has("--output")) return RecordLog(context, path, *input);
     LogPrinter printer(context);
     const auto read = input->Read([&printer](std::string_view line) { printer.Add(line); },
                                   [] { return std::fflush(stdout) == 0; });
     printer.End();
     if (!read) return read.error();
-    if (!printer.of_daemon()) {
-        return Error{ErrorCode::kInvalidArgument,
-                     fmt::format("{} holds no line of shd's log, as logcat -v threadtime and shd's "
-                                 "standard error have them",
-                                 path == "-" ? "standard input" : path)};
-    }
+    if (!printer.of_daemon()) return NoLog(path);
     return Report{.text = "", .streamed = true};
 }
 
@@ -111,6 +154,16 @@ CommandRows LogCommands() {
            {.name = "-f,--follow",
             .kind = cli::Kind::kFlag,
             .help = "Go on as the file grows, is cut short or is replaced"},
+           {.name = "-o,--output",
+            .kind = cli::Kind::kNewFile,
+            .value = "FILE",
+            .help = "Keep the lines there, with the wall and the boot clock each minute, and print "
+                    "none; see timeline",
+            .excludes = "--summary --all --at --level --tag --sensor"},
+           {.name = "--force",
+            .kind = cli::Kind::kFlag,
+            .help = "Replace the file when it exists",
+            .needs = "--output"},
            {.name = "--summary",
             .kind = cli::Kind::kFlag,
             .help = "Only recoveries, updates and restarts of the daemon",
@@ -145,6 +198,7 @@ CommandRows LogCommands() {
           "object of its own.",
           "shdtool log shd.log --summary\n"
           "shdtool log shd.log --at 04:31\n"
+          "shdtool log shd.log -f -o walk.log\n"
           "adb logcat -v threadtime | shdtool log --follow --level W"},
          ShowLog}};
 }

@@ -88,6 +88,8 @@ void Exchanges::OnRequest(const Frame& frame, std::span<const uint8_t> packet, i
     }
     version_check_ = request->channel == wire::kChannelSensor &&
                      request->service == wire::kServiceVersion && request->command == 0;
+    // The check asks again after a much shorter time; nobody else asks for it twice at once.
+    if (version_check_) GiveUp(IdentityOf(packet), frame.begin);
     if (!queued_.empty()) {
         asked.waiting = false;
         Tell(asked, frame.end, Mark::kShifted,
@@ -96,6 +98,15 @@ void Exchanges::OnRequest(const Frame& frame, std::span<const uint8_t> packet, i
     }
     asked_.push_back(std::move(asked));
     if (asked_.size() > kRemembered) asked_.pop_front();
+}
+
+void Exchanges::GiveUp(const Identity& identity, Time now) {
+    for (Asked& asked : asked_) {
+        if (!asked.waiting || asked.identity != identity) continue;
+        asked.waiting = false;
+        asked.given_up = true;
+        Tell(asked, now, Mark::kUnanswered);
+    }
 }
 
 // The MCU answers in order, so it is the latest one that can be meant, unless that was answered.

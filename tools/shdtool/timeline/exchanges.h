@@ -43,6 +43,7 @@ class Exchanges {
     };
 
     [[nodiscard]] static Identity IdentityOf(std::span<const uint8_t> packet);
+    void GiveUp(const Identity& identity, Time now);
     [[nodiscard]] Asked* TrueRequest(const Identity& identity);
     [[nodiscard]] Asked* Taker(const Identity& identity);
     void Tell(const Asked& asked, Time end, Mark mark, const std::string& note = "");

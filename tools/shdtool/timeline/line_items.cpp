@@ -68,17 +68,27 @@ void LineItems::End() {
 }
 
 void LineItems::Enter(Time at, State state, const std::string& reason) {
-    if (state_ == state) return;
+    if (state_ == state && reason_ == reason) return;
     state_ = state;
+    reason_ = reason;
     state_since_ = std::max(at, state_since_);
     sink_(McuState{state_since_, state, reason, Source::kLine});
 }
 
+void LineItems::EnterBootloader(Time at, const std::string& reason) {
+    if (state_ == State::kBootloader || state_ == State::kUpdating) return;
+    Enter(at, State::kBootloader, reason);
+}
+
 void LineItems::Overdue(Time now) {
+    ReportsOverdue(now);  // it shows silence earlier
     const auto unanswered = exchanges_.Expire(now);
     if (unanswered && state_ == State::kService && heard_ <= unanswered->begin) {
         Enter(unanswered->begin, State::kSilent, fmt::format("no answer to {}", unanswered->words));
     }
+}
+
+void LineItems::ReportsOverdue(Time now) {
     if (state_ != State::kService) return;
     for (const auto& [sensor, sampling] : sensors_) {
         if (!sampling.on || sampling.period_ms <= 0 || !IsSteady(sensor)) continue;
@@ -99,7 +109,7 @@ void LineItems::Take(const wire::Message& message) {
         case Kind::kSettings:
             sink_(LineChange{at, WordsOf(message)});
             if (message.settings.even_parity) {
-                Enter(at, State::kBootloader, "the line has the bootloader's settings");
+                EnterBootloader(at, "the line has the bootloader's settings");
             }
             return;
         case Kind::kFrame:
@@ -200,7 +210,7 @@ void LineItems::TellSampling(Time at, uint8_t mcu_sensor, const Sampling& sampli
 }
 
 void LineItems::TakeBootloader(const Frame& frame) {
-    Enter(frame.begin, State::kBootloader, "");
+    EnterBootloader(frame.begin, "");
     if (!frame.to_mcu || frame.raw.size() != 2 || (frame.raw[0] ^ frame.raw[1]) != 0xFF) return;
     switch (frame.raw[0]) {
         case kErase:
@@ -220,7 +230,7 @@ void LineItems::TakePin(const wire::Message& message, Time at) {
         return;
     }
     if (message.high) {
-        if (boot0_) Enter(at, State::kBootloader, "reset with its boot pin high");
+        if (boot0_) EnterBootloader(at, "reset with its boot pin high");
         return;
     }
     for (auto& [sensor, sampling] : sensors_) {

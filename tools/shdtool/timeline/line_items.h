@@ -46,7 +46,9 @@ class LineItems {
     void TakeBootloader(const Frame& frame);
     void TellSampling(Time at, uint8_t mcu_sensor, const Sampling& sampling);
     void Enter(Time at, State state, const std::string& reason);
+    void EnterBootloader(Time at, const std::string& reason);
     void Overdue(Time now);
+    void ReportsOverdue(Time now);
     [[nodiscard]] Frame PlacedFrame(const wire::Message& message);
 
     const Sink sink_;
@@ -60,6 +62,7 @@ class LineItems {
     bool boot0_ = false;
     bool starting_ = true;        // the daemon, as far as the line tells; else it recovers the MCU
     std::optional<State> state_;  // none before the line has told
+    std::string reason_;
     Time state_since_ = INT64_MIN;
     Time heard_ = INT64_MIN;               // when the MCU said something good last
     std::map<uint8_t, Sampling> sensors_;  // by MCU sensor

@@ -38,6 +38,7 @@ Result<std::string> ForEachLine(const std::string& path,
     bool going = true;
     const auto next = [&](std::string_view one) { going = going && line(one); };
     while (going && text.Read(next)) {
+        if (text.endless()) return Unusable(path + " is no recording: it has endless lines");
     }
     std::string rest;
     text.Finish([&](std::string_view one) { rest = one; });
