@@ -217,7 +217,7 @@ TEST(LogItems, TellEpisodesWithTheirPhasesOnTheBootClock) {
               "1030.001 to 1040.001 update in 10.0 s: the MCU answered no handshake\n"
               "  1030.001 to 1031.000 starts the bootloader\n"
               "  1031.000 to 1033.000 erases the flash\n"
-              "  1033.000 to 1040.001 writes the image\n"
+              "  1033.000 to 1040.001 writes the image and starts it\n"
               "1040.001 = recovering\n"
               "1010.000 to 1041.200 recovery in 31.2 s: the MCU left two requests unanswered; "
               "1 firmware update; 1 client request refused; "

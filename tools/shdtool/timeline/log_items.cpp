@@ -65,8 +65,7 @@ const LogItems::Words LogItems::kPhases[] = {
     {"SensorMcuReboot SensorActive:", EpisodeKind::kRecovery, "restores the sensors"},
     {"mcu_update enter!", EpisodeKind::kUpdate, "starts the bootloader"},
     {"extended_erase_cmd enter!", EpisodeKind::kUpdate, "erases the flash"},
-    {"write extended erase cmd ok!", EpisodeKind::kUpdate, "writes the image"},
-    {"write last mcu memory!", EpisodeKind::kUpdate, "writes the last block, starts the firmware"},
+    {"write extended erase cmd ok!", EpisodeKind::kUpdate, "writes the image and starts it"},
 };
 
 const LogItems::Words LogItems::kStates[] = {

@@ -247,7 +247,8 @@ void TraceTracks::WriteStates(Process process, std::vector<McuState> states) {
         const McuState& state = states[i];
         const std::string_view name = NameOf(state.state);
         const bool bad = state.state == State::kSilent || state.state == State::kDown;
-        const Time end = i + 1 < states.size() ? states[i + 1].at : end_;
+        const Time end =
+            i + 1 < states.size() ? states[i + 1].at : std::max(end_, state.at + kShortestNs);
         if (end <= state.at) continue;  // another source knew better
         out_.Slice(track, state.at, end, name, {{"reason", state.reason}}, {"state", bad});
     }
