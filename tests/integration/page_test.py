@@ -108,11 +108,18 @@ class PageTest(unittest.TestCase):
 
     def test_a_hang_a_crash_and_a_dead_daemon_are_seen(self):
         page = self.page
+        events = self.hub.tree / 'events'
+        recorder = self.hub.start('shdtool', 'record', events)
+        wait('the recorder', events.exists)
         self.switch_on()
         drawn = f"return document.querySelector('{ACCELEROMETER} canvas').toDataURL()"
-        before, values = page.browser.execute_script(drawn), page.text(ACCELEROMETER + ' .values')
-        wait('a strip that moves', lambda: page.browser.execute_script(drawn) != before
-             and page.text(ACCELEROMETER + ' .values') != values)
+        pictures, texts = set(), set()
+
+        def moves():
+            pictures.add(page.browser.execute_script(drawn))
+            texts.add(page.text(ACCELEROMETER + ' .values'))
+            return len(pictures) > 5 and len(texts) > 2
+        wait('a strip that moves', moves)
 
         with self.subTest('a click shows the frame'):
             page.press('pause')
@@ -160,6 +167,19 @@ class PageTest(unittest.TestCase):
         with self.subTest('a server that is gone'):
             self.hub.view.terminate()
             wait('the banner', lambda: 'No connection to shdtool view' in page.text('#banner'))
+        with self.subTest('a recording shows it again, and that only'):
+            recorder.terminate()
+            recorder.wait()
+            self.hub.show(events, self.hub.tree / 'line', self.hub.tree / 'shd.log')
+            page.browser.get(self.hub.address)
+            wait('the recording', lambda: page.text('#link') == 'recording')
+            silence = wait('the silence', lambda: page.ask(
+                "return scope.store.sensors.get(0).gaps.all.filter(gap => gap.missing === null).map(gap => (gap.e - gap.t) / 1e6)"))
+            self.assertTrue(all(1 < seconds < 90 for seconds in silence), silence)
+            self.assertIn('recovery', self.walk_to('recovery'))
+            self.assertFalse(page.find('#sensors input').is_enabled())
+            path = urllib.parse.urlparse(self.hub.address).path
+            self.assertEqual(403, self.status(path + 'do', {'do': 'flush', 'sensor': 0}))
 
     def test_only_the_token_opens_it(self):
         path = urllib.parse.urlparse(self.hub.address).path

@@ -40,8 +40,16 @@ class Hub:
         self.simulator = self.start('mcusim', '--root', self.tree, '--record', self.tree / 'line', *options)
         wait('mcusim', lambda: self.run('mcusim', '--send', 'stats').returncode == 0)
         self.start_daemon()
-        self.view = self.start('shdtool', 'view', '--line', self.tree / 'line', '--log', self.tree / 'shd.log',
-                               stdout=subprocess.PIPE, text=True)
+        self.view = None
+        self.show('--line', self.tree / 'line', '--log', self.tree / 'shd.log')
+
+    def show(self, *files):
+        """Another shdtool view in place of the one before."""
+        if self.view:
+            self.view.terminate()
+            self.view.wait()
+            self.view.stdout.close()
+        self.view = self.start('shdtool', 'view', *files, stdout=subprocess.PIPE, text=True)
         self.address = self.view.stdout.readline().strip()
 
     def start(self, name, *arguments, **how):

@@ -61,13 +61,19 @@ class RecordingFeed::Session final : public FeedSession {
     void ReadAll() {
         try {
             LineMeter meter([this](timeline::Time, const std::string& json) { Add(json); });
-            for (const Recording& file : feed_.recordings_.files()) {
+            const auto tell = [&](const Recording& file) {
                 const auto read = feed_.recordings_.Read(file, [&](const Item& item) {
                     if (std::holds_alternative<McuState>(item)) return;  // told at the beginning
                     if (const auto* frame = std::get_if<timeline::Frame>(&item)) meter.Add(*frame);
                     Add(ItemJson(item));
                 });
                 (void)read;  // what can be wrong with it was told when it was opened
+            };
+            // Samples last: what they mean depends on what was asked for, which the line tells.
+            for (const bool events : {false, true}) {
+                for (const Recording& file : feed_.recordings_.files()) {
+                    if ((file.kind == RecordingKind::kEvents) == events) tell(file);
+                }
             }
             if (!items_.empty()) Hand();
         } catch (const Gone&) {

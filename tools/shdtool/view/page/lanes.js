@@ -193,7 +193,11 @@ export class EpisodeLane extends Lane {
       const time = duration(end - episode.t);
       const says = episode.m || `${episode.kind}${episode.e === null ? ' goes on' : ''}`;
       const texts = [episode.e === null ? `${says} (for ${time} now)` : says, `${episode.kind} ${time}`];
-      const width = ctx.measureText(texts[0]).width;
+      let {width} = ctx.measureText(texts[0]);
+      if (width > this.width - 8) {
+        texts[0] = `${texts[0].slice(0, Math.floor(texts[0].length * (this.width - 8) / width) - 2)}…`;
+        width = this.width - 8;
+      }
       const from = Math.max(0, Math.min(x(episode.t), this.width - width));
       let level = levels.findIndex(until => until < from);
       if (level < 0) level = levels.push(0) - 1;

@@ -99,7 +99,7 @@ class Scope {
     setText($('#title'), hello.title || 'shd');
     document.title = hello.title || 'shd';
     $('#simulated').hidden = !hello.sim || !hello.live;
-    $('#follow').disabled = !hello.live;
+    $('#follow').hidden = !hello.live;
     for (const strip of this.sensors.values()) strip.remove();
     this.sensors.clear();
     this.panel.build();
@@ -182,7 +182,9 @@ class Scope {
   // A recording is shown as a whole while it comes, until the user looks at a part of it.
   fitRecording() {
     const {store, clock, fitted} = this;
-    if (!store.whole || store.items === fitted?.items || clock.from !== fitted?.from || clock.to !== fitted.to) return;
+    if (!store.whole) return;
+    if (store.items === fitted?.items) for (const sensor of store.sensors.values()) store.settle(sensor, Infinity);
+    if (store.items === fitted?.items || clock.from !== fitted?.from || clock.to !== fitted.to) return;
     clock.fit(store);
     this.fitted = {items: store.items, from: clock.from, to: clock.to};
   }

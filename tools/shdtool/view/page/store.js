@@ -29,6 +29,7 @@ class Sensor {
     this.deliveries = [];
     this.spacings = [];
     this.period = 0;    // as measured
+    this.turns = [];    // of a recording, whose files come one behind the other: those to come
     this.open = null;   // a gap that may still be made up for
     this.broken = true;
   }
@@ -42,11 +43,18 @@ class Sensor {
 
   // What comes next is a new sequence: the connection or the sensor was off, or has another period.
   restart(t) {
-    const last = this.samples.last;
+    const last = Math.max(this.samples.last, this.since);
     const silent = this.quiet(t) > 0;
     if (silent) this.gaps.push({t: last, e: t, late: false, missing: null});
     if (!this.broken) this.offSince = silent ? t : last;
     Object.assign(this, {broken: true, open: null, since: t, spacings: [], period: 0, deliveries: []});
+  }
+
+  // At t the connection came or went, or `asked` holds from then on.
+  turn({t, asked}) {
+    if (asked && this.asked?.period_us === asked.period_us && this.asked.batch === asked.batch) return;
+    this.restart(t);
+    if (asked) this.asked = asked;
   }
 
   add(t, arrival, values) {
@@ -152,6 +160,17 @@ export class Store {
     ++this.version;
   }
 
+  turn(sensor, turn) {
+    if (!this.whole) return sensor.turn(turn);
+    sensor.turns.push(turn);
+    sensor.turns.sort((one, other) => one.t - other.t);
+  }
+
+  // No more samples come before these turns.
+  settle(sensor, t) {
+    for (; sensor.turns.length && sensor.turns[0].t <= t; ++this.version) sensor.turn(sensor.turns.shift());
+  }
+
   see(t) {
     if (t < this.first) this.first = t;
     if (t > this.now) this.now = t;
@@ -210,6 +229,7 @@ const takers = {
   sample(store, item) {
     const sensor = store.sensors.get(item.h);
     if (!sensor) return;
+    store.settle(sensor, item.a);
     sensor.add(item.t, item.a, item.v);
     if (sensor.periodic) store.addLatency(item.a, item.a - item.t);
   },
@@ -240,7 +260,7 @@ const takers = {
       down.e = item.t;
       store.lost.grow(down);
     }
-    for (const sensor of store.sensors.values()) sensor.restart(item.t);
+    for (const sensor of store.sensors.values()) store.turn(sensor, {t: item.t});
   },
   missed: (store, item) => store.lose(item.certain ? 'tool' : 'perhaps', item.t, item.e),
   dropped: (store, item) => store.lose('page', item.t, item.e),
@@ -256,9 +276,7 @@ const takers = {
   },
   asked(store, item) {
     const sensor = store.sensors.get(item.h);
-    if (!sensor) return;
-    if (sensor.asked?.period_us !== item.period_us || sensor.asked.batch !== item.batch) sensor.restart(item.t);
-    sensor.asked = {period_us: item.period_us, batch: item.batch};
+    if (sensor) store.turn(sensor, {t: item.t, asked: {period_us: item.period_us, batch: item.batch}});
   },
   load(store, item) {
     store.measured = item.measured;
