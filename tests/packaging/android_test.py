@@ -126,9 +126,11 @@ def sources(module):
 
 
 def compiled(database, *patterns):
-    """The sources of the ordinary build whose object file matches one of the patterns."""
+    """The sources of the ordinary build whose object file matches one of the patterns; what the build
+    itself writes, as shdtool's page, is none."""
     return {str((ROOT / entry["file"]).relative_to(ROOT)) for entry in database
-            if any(pattern in entry["command"].split(" -o ")[1] for pattern in patterns)}
+            if not entry["file"].startswith(entry["directory"])
+            and any(pattern in entry["command"].split(" -o ")[1] for pattern in patterns)}
 
 
 def check_bp(text, database):
