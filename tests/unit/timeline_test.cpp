@@ -140,6 +140,10 @@ constexpr LineCase kLineCases[] = {
      "1005.100 = starting: the daemon starts and resets the MCU\n"
      "1007.200 = service\n"
      "1007.100 to 1007.200 handshake\n"},
+    // The version check does not wait for its first request as long as others would.
+    {"VersionAskedAgain", "2.1 > 01000f00\n2.3 > 01000f00\n2.4 < 01010f0053494d00\n", 20,
+     "1002.100 to 1002.300 version 0 [unanswered]\n"
+     "1002.300 to 1002.400 version 0\n"},
     {"Recovery",
      "2.1 > 000000\n2.2 < 000100\n2.3 ! boot0 0\n2.3 ! reset 0\n2.4 ! reset 1\n"
      "4.5 < 040001\n5.5 > 000000\n5.6 < 000100\n",
