@@ -35,7 +35,52 @@ struct Option {
     const char* excludes = "";     // the options that cannot stand beside it, blanks between
     const char* needs = "";        // those that must
     const char* environment = "";  // the variable that is asked when it is not given
+
+    // The same option with one thing more.
+    [[nodiscard]] Option Required() const { return With(&Option::required, true); }
+    [[nodiscard]] Option Repeated() const { return With(&Option::repeated, true); }
+    [[nodiscard]] Option Standard(const char* is) const { return With(&Option::standard, is); }
+    [[nodiscard]] Option Words(const char* are) const { return With(&Option::words, are); }
+    [[nodiscard]] Option Excludes(const char* them) const { return With(&Option::excludes, them); }
+    [[nodiscard]] Option Needs(const char* them) const { return With(&Option::needs, them); }
+
+  private:
+    template <typename T>
+    [[nodiscard]] Option With(T Option::*field, T content) const {
+        Option changed = *this;
+        changed.*field = content;
+        return changed;
+    }
 };
+
+// value: empty for an argument.
+[[nodiscard]] inline Option Flag(const char* name, const char* help) {
+    return {name, Kind::kFlag, "", help};
+}
+[[nodiscard]] inline Option Text(const char* name, const char* value, const char* help) {
+    return {name, Kind::kText, value, help};
+}
+[[nodiscard]] inline Option Choice(const char* name, const char* value, const char* help,
+                                   const char* words) {
+    return Option{name, Kind::kChoice, value, help}.Words(words);
+}
+[[nodiscard]] inline Option Number(const char* name, const char* value, const char* help,
+                                   double min, double max) {
+    return {name, Kind::kNumber, value, help, min, max};
+}
+[[nodiscard]] inline Option Integer(const char* name, const char* value, const char* help,
+                                    double min, double max) {
+    return {name, Kind::kInteger, value, help, min, max};
+}
+[[nodiscard]] inline Option Sensor(const char* name, const char* value, const char* help) {
+    return {name, Kind::kSensor, value, help};
+}
+[[nodiscard]] inline Option File(const char* name, const char* value, const char* help) {
+    return {name, Kind::kFile, value, help};
+}
+[[nodiscard]] inline Option NewFile(const char* name, const char* value, const char* help) {
+    return {name, Kind::kNewFile, value, help};
+}
 
 using Options = std::vector<Option>;
 

@@ -19,11 +19,7 @@ CommandRows CompletionCommands() {
     return {{{.heading = "Shell",
               .name = "completion",
               .summary = "Print a completion script for the shell",
-              .options = {{.name = "SHELL",
-                           .kind = cli::Kind::kChoice,
-                           .help = "bash or zsh",
-                           .words = "bash zsh",
-                           .required = true}},
+              .options = {cli::Choice("SHELL", "", "bash or zsh", "bash zsh").Required()},
               .examples = "source <(shdtool completion bash)"},
              PrintScript}};
 }

@@ -86,12 +86,7 @@ Outcome NotifyWakeup(HubClient& hub, Context& /*context*/) {
 }
 
 cli::Option Number(const char* name, const char* help, double max) {
-    return {.name = name, .kind = cli::Kind::kInteger, .help = help, .max = max, .required = true};
-}
-
-cli::Option Choice(const char* name, const char* words, const char* help) {
-    return {
-        .name = name, .kind = cli::Kind::kChoice, .help = help, .words = words, .required = true};
+    return cli::Integer(name, "", help, 0, max).Required();
 }
 
 }  // namespace
@@ -102,11 +97,8 @@ CommandRows McuCommands() {
         {{kHeading,
           "version",
           "Show the version of the MCU's firmware",
-          {{.name = "N",
-            .kind = cli::Kind::kInteger,
-            .help = "Text 0 (the firmware's version), or 1 to 3 (further texts)",
-            .max = 3,
-            .standard = "0"}},
+          {cli::Integer("N", "", "Text 0 (the firmware's version), or 1 to 3 (further texts)", 0, 3)
+               .Standard("0")},
           "",
           "shdtool version\nshdtool version 2"},
          ShowVersion},
@@ -120,7 +112,8 @@ CommandRows McuCommands() {
         {{kHeading,
           "rawdata",
           "Let the MCU stream raw data into log files",
-          {Choice("STREAM", "off steps heart both", "off, steps, heart or both")},
+          {cli::Choice("STREAM", "", "off, steps, heart or both", "off steps heart both")
+               .Required()},
           "The logs are /data/logdata/sensor/alg.txt (steps) and hrm.txt (heart). Data comes while "
           "the step counter or the heart-rate sensor is enabled; off deletes both files.",
           "shdtool rawdata both && shdtool enable heart-rate"},
@@ -137,17 +130,14 @@ CommandRows McuCommands() {
         {{kHeading,
           "datetime",
           "Set the MCU's clock",
-          {{.name = "TIME",
-            .help = "now, or seconds since 1970 in UTC",
-            .standard = "now",
-            .words = "now"}},
+          {cli::Text("TIME", "", "now, or seconds since 1970 in UTC").Standard("now").Words("now")},
           "",
           "shdtool datetime\nshdtool datetime 1500000000"},
          SetDateTime},
         {{kHeading,
           "debug",
           "Switch the daemon's verbose event log",
-          {Choice("STATE", "on off", "on or off")},
+          {cli::Choice("STATE", "", "on or off", "on off").Required()},
           "The choice is kept for later starts of the daemon.",
           "shdtool debug on"},
          SetDebug},

@@ -70,26 +70,21 @@ Outcome Raw(HubClient& hub, Context& context) {
 }
 
 cli::Option Word(const char* name, const char* help) {
-    return {.name = name,
-            .kind = cli::Kind::kInteger,
-            .help = help,
-            .min = INT32_MIN,
-            .max = INT32_MAX,
-            .required = true};
+    return cli::Integer(name, "", help, INT32_MIN, INT32_MAX).Required();
 }
 
 }  // namespace
 
 CommandRows RawCommands() {
-    return {{{"MCU and daemon",
-              "raw",
-              "Send any request and show the reply; bytes not given are 0",
-              {Word("HANDLE", "Sensor handle, any number"),
-               Word("COMMAND", "Command id, any number"),
-               {.name = "HEX", .help = "Up to 16 argument bytes", .repeated = true}},
-              "A negative number goes behind --, as in: shdtool raw -- 0 -1",
-              "shdtool raw 0 0\nshdtool raw 5 10 14 00 00 00 05 00 00 00"},
-             Raw}};
+    return {
+        {{"MCU and daemon",
+          "raw",
+          "Send any request and show the reply; bytes not given are 0",
+          {Word("HANDLE", "Sensor handle, any number"), Word("COMMAND", "Command id, any number"),
+           cli::Text("HEX", "", "Up to 16 argument bytes").Repeated()},
+          "A negative number goes behind --, as in: shdtool raw -- 0 -1",
+          "shdtool raw 0 0\nshdtool raw 5 10 14 00 00 00 05 00 00 00"},
+         Raw}};
 }
 
 }  // namespace shdtool

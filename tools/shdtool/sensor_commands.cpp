@@ -21,29 +21,16 @@ using shdclient::Status;
 constexpr const char* kHeading = "Sensors";
 constexpr int32_t kAccelerometerHandle = 0;
 
-const cli::Options kSensor{{.name = "SENSOR",
-                            .kind = cli::Kind::kSensor,
-                            .help = "Name (or its unique beginning) or handle, see 'shdtool list'",
-                            .required = true}};
+const cli::Options kSensor{
+    cli::Sensor("SENSOR", "", "Name (or its unique beginning) or handle, see 'shdtool list'")
+        .Required()};
 const cli::Options kSampling{
-    {.name = "--period",
-     .kind = cli::Kind::kInteger,
-     .value = "MS",
-     .help = "Sampling period in milliseconds",
-     .min = 1,
-     .max = 3'600'000,
-     .excludes = "--rate"},
-    {.name = "--rate",
-     .kind = cli::Kind::kNumber,
-     .value = "HZ",
-     .help = "Sampling rate in Hz, rounded to a period of whole milliseconds",
-     .min = 0.001,
-     .max = 1000},
-    {.name = "--batch",
-     .kind = cli::Kind::kInteger,
-     .value = "N",
-     .help = "Samples that the MCU collects before it reports; 0: none",
-     .max = 100'000},
+    cli::Integer("--period", "MS", "Sampling period in milliseconds", 1, 3'600'000)
+        .Excludes("--rate"),
+    cli::Number("--rate", "HZ", "Sampling rate in Hz, rounded to a period of whole milliseconds",
+                0.001, 1000),
+    cli::Integer("--batch", "N", "Samples that the MCU collects before it reports; 0: none", 0,
+                 100'000),
 };
 
 std::optional<int32_t> PeriodMs(const cli::Arguments& arguments) {
@@ -179,12 +166,8 @@ CommandRows SensorCommands() {
          Disable},
         {{kHeading, "delay", "Set the sampling period of a sensor",
           cli::Joined({kSensor,
-                       {{.name = "MS",
-                         .kind = cli::Kind::kInteger,
-                         .help = "Sampling period in milliseconds",
-                         .min = 1,
-                         .max = 3'600'000,
-                         .required = true}}}),
+                       {cli::Integer("MS", "", "Sampling period in milliseconds", 1, 3'600'000)
+                            .Required()}}),
           "", "shdtool delay pressure 100"},
          SetDelay},
         {{kHeading, "batch", "Set period and batch size of a sensor",
@@ -200,10 +183,9 @@ CommandRows SensorCommands() {
          Calibrate},
         {{kHeading, "param", "Send a calibration parameter",
           cli::Joined({kSensor,
-                       {{.name = "HEX",
-                         .help = "The bytes, two hexadecimal digits each",
-                         .required = true,
-                         .repeated = true}}}),
+                       {cli::Text("HEX", "", "The bytes, two hexadecimal digits each")
+                            .Required()
+                            .Repeated()}}),
           "The accelerometer takes 6 bytes (x, y, z as 16-bit values, low byte first); gyroscope, "
           "pressure and raw-25 take 4.",
           "shdtool param accelerometer 38 01 c8 fe 00 00\nshdtool param pressure 0xd6ffffff"},

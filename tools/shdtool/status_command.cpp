@@ -164,9 +164,7 @@ CommandRows StatusCommands() {
     return {{{"Overview",
               "status",
               "Say at one glance what works and what does not",
-              {{.name = "--no-probe",
-                .kind = cli::Kind::kFlag,
-                .help = "Leave out the request to the MCU"}},
+              {cli::Flag("--no-probe", "Leave out the request to the MCU")},
               "Looks at the UART, the image, the properties, the stored calibration, the core "
               "dumps, the raw-data logs, the sockets and their clients; then asks the daemon, and "
               "last the MCU for its version. A request that the MCU does not answer counts for "

@@ -159,28 +159,15 @@ Outcome Tap(Context& context) {
 }
 
 const cli::Options kTapOptions{
-    {.name = "-o,--output",
-     .kind = cli::Kind::kNewFile,
-     .value = "FILE",
-     .help = "Write the bytes, as mcusim --record does; mcusim --replay plays the file",
-     .excludes = "--from"},
-    {.name = "--pcapng",
-     .kind = cli::Kind::kNewFile,
-     .value = "FILE",
-     .help = "Write a capture for a protocol analyser; the dissector is shd_line.lua"},
-    {.name = "--from",
-     .kind = cli::Kind::kFile,
-     .value = "FILE",
-     .help = "Take a recording of the line instead of the line"},
-    {.name = "--seconds",
-     .kind = cli::Kind::kNumber,
-     .value = "N",
-     .help = "End after so many seconds",
-     .min = 0.001,
-     .max = 1e9,
-     .excludes = "--from"},
-    {.name = "--quiet", .kind = cli::Kind::kFlag, .help = "Print the summary alone"},
-    {.name = "--force", .kind = cli::Kind::kFlag, .help = "Replace files that exist"},
+    cli::NewFile("-o,--output", "FILE",
+                 "Write the bytes, as mcusim --record does; mcusim --replay plays the file")
+        .Excludes("--from"),
+    cli::NewFile("--pcapng", "FILE",
+                 "Write a capture for a protocol analyser; the dissector is shd_line.lua"),
+    cli::File("--from", "FILE", "Take a recording of the line instead of the line"),
+    cli::Number("--seconds", "N", "End after so many seconds", 0.001, 1e9).Excludes("--from"),
+    cli::Flag("--quiet", "Print the summary alone"),
+    cli::Flag("--force", "Replace files that exist"),
 };
 
 constexpr const char* kTapDetails =

@@ -210,11 +210,9 @@ Outcome Audit(Context& context) {
 
 const cli::Options kAuditedFile{
     {"FILE", cli::Kind::kFile, "", "A recording; without it the live stream is checked"},
-    {.name = "--sensor",
-     .kind = cli::Kind::kSensor,
-     .value = "SENSOR",
-     .help = "Only this sensor, by name or handle, and it must send something; may be repeated",
-     .repeated = true}};
+    cli::Sensor("--sensor", "SENSOR",
+                "Only this sensor, by name or handle, and it must send something; may be repeated")
+        .Repeated()};
 
 const cli::Options kFaultLimits{
     {"--mean-tolerance", cli::Kind::kNumber, "PERCENT",

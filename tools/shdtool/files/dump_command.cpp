@@ -150,14 +150,10 @@ CommandRows DumpCommands() {
         {{kHeading,
           "dump show",
           "Show the registers, the fault, the stack and the strings of a dump",
-          {{.name = "FILE",
-            .kind = cli::Kind::kFile,
-            .help = "A dump, raw or as base64 text, or the number of a slot (0 to 5)",
-            .words = "0 1 2 3 4 5",
-            .required = true},
-           {.name = "--hex",
-            .kind = cli::Kind::kFlag,
-            .help = "Show all bytes of its memory, too"}},
+          {cli::File("FILE", "", "A dump, raw or as base64 text, or the number of a slot (0 to 5)")
+               .Words("0 1 2 3 4 5")
+               .Required(),
+           cli::Flag("--hex", "Show all bytes of its memory, too")},
           "A dump in the layout of the simulated firmware is taken apart; of any other the strings "
           "and the bytes are shown.\n"
           "Exit status: 0 shown, 1 shown but cut off, 2 unreadable.",
@@ -167,15 +163,11 @@ CommandRows DumpCommands() {
         {{kHeading,
           "dump decode",
           "Turn the base64 text of a dump back into its bytes",
-          {{.name = "FILE",
-            .kind = cli::Kind::kFile,
-            .help = "The text, or the number of a slot (0 to 5)",
-            .words = "0 1 2 3 4 5",
-            .required = true},
-           {.name = "-o,--output",
-            .kind = cli::Kind::kNewFile,
-            .value = "OUT",
-            .help = "Write the bytes to this file instead of standard output"}},
+          {cli::File("FILE", "", "The text, or the number of a slot (0 to 5)")
+               .Words("0 1 2 3 4 5")
+               .Required(),
+           cli::NewFile("-o,--output", "OUT",
+                        "Write the bytes to this file instead of standard output")},
           "A damaged text is decoded up to the damage and its place is named; the exit status is "
           "then 1. The files mcudump_N hold the raw bytes already.",
           "shdtool dump decode \"$SHD_ROOT/data/mcudumplog/mcudumpbase64.1\" -o crash.bin\n"

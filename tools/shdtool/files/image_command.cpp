@@ -139,18 +139,10 @@ Outcome Show(Context& context) {
 }
 
 const cli::Options kBuildOptions{
-    {.name = "--version",
-     .value = "TEXT",
-     .help = "Version text; behind its first '.' stands 900",
-     .required = true},
-    {.name = "--payload",
-     .kind = cli::Kind::kFile,
-     .value = "FILE",
-     .help = "Firmware, as it goes into the flash from 0x08000000 on",
-     .excludes = "--simulated-firmware"},
-    {.name = "--simulated-firmware",
-     .kind = cli::Kind::kFlag,
-     .help = "Make a firmware that the simulated MCU runs"},
+    cli::Text("--version", "TEXT", "Version text; behind its first '.' stands 900").Required(),
+    cli::File("--payload", "FILE", "Firmware, as it goes into the flash from 0x08000000 on")
+        .Excludes("--simulated-firmware"),
+    cli::Flag("--simulated-firmware", "Make a firmware that the simulated MCU runs"),
     {.name = "--size",
      .kind = cli::Kind::kBytes,
      .value = "N",
@@ -158,19 +150,11 @@ const cli::Options kBuildOptions{
      .max = 1 << 30,
      .standard = "32k",
      .needs = "--simulated-firmware"},
-    {.name = "--seed",
-     .kind = cli::Kind::kInteger,
-     .value = "N",
-     .help = "Varies the simulated firmware's contents",
-     .max = UINT32_MAX,
-     .standard = "1",
-     .needs = "--simulated-firmware"},
-    {.name = "-o,--output",
-     .kind = cli::Kind::kNewFile,
-     .value = "FILE",
-     .help = "Image file to write",
-     .required = true},
-    {.name = "--force", .kind = cli::Kind::kFlag, .help = "Replace the file when there is one"},
+    cli::Integer("--seed", "N", "Varies the simulated firmware's contents", 0, UINT32_MAX)
+        .Standard("1")
+        .Needs("--simulated-firmware"),
+    cli::NewFile("-o,--output", "FILE", "Image file to write").Required(),
+    cli::Flag("--force", "Replace the file when there is one"),
 };
 
 }  // namespace
@@ -188,14 +172,11 @@ CommandRows ImageCommands() {
         {{kHeading,
           "image show",
           "Say whether an image is good, and what the daemon will do with it",
-          {{.name = "FILE", .kind = cli::Kind::kFile, .help = "The image", .required = true},
-           {.name = "--no-probe",
-            .kind = cli::Kind::kFlag,
-            .help = "Do not ask a running hub for the MCU's version"},
-           {.name = "--mcu-version",
-            .value = "TEXT",
-            .help = "Take this for the MCU's version; \"\" is an MCU that does not tell it",
-            .excludes = "--no-probe"}},
+          {cli::File("FILE", "", "The image").Required(),
+           cli::Flag("--no-probe", "Do not ask a running hub for the MCU's version"),
+           cli::Text("--mcu-version", "TEXT",
+                     "Take this for the MCU's version; \"\" is an MCU that does not tell it")
+               .Excludes("--no-probe")},
           "An image is good when the daemon takes its header and the payload can run: it is not "
           "blank, has no second header, and its stack pointer and reset vector lie in the memory "
           "of the part, an STM32F411xE.\n"

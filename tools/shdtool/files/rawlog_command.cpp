@@ -99,10 +99,8 @@ CommandRows RawLogCommands() {
     return {{{"Files",
               "rawlog",
               "Summarise a raw-data log, or turn it into columns",
-              {{.name = "FILE", .kind = cli::Kind::kFile, .help = "The log", .required = true},
-               {.name = "--csv",
-                .kind = cli::Kind::kFlag,
-                .help = "Print every line as comma-separated columns instead"}},
+              {cli::File("FILE", "", "The log").Required(),
+               cli::Flag("--csv", "Print every line as comma-separated columns instead")},
               "FILE is alg.txt or hrm.txt of /data/logdata/sensor. Damaged lines are left out and "
               "the first is named; the exit status is then 1.",
               "shdtool rawlog \"$SHD_ROOT/data/logdata/sensor/hrm.txt\"\n"

@@ -147,51 +147,30 @@ CommandRows LogCommands() {
         {{"Files",
           "log",
           "Show the daemon's log, each recovery and each firmware update as one line",
-          {{.name = "FILE",
-            .kind = cli::Kind::kFile,
-            .help = "The daemon's standard error in a file, or -: standard input",
-            .standard = "-"},
-           {.name = "-f,--follow",
-            .kind = cli::Kind::kFlag,
-            .help = "Go on as the file grows, is cut short or is replaced"},
-           {.name = "-o,--output",
-            .kind = cli::Kind::kNewFile,
-            .value = "FILE",
-            .help = "Keep the lines there, with the wall and the boot clock each minute, and print "
-                    "none; see timeline",
-            .excludes = "--summary --all --at --level --tag --sensor"},
-           {.name = "--force",
-            .kind = cli::Kind::kFlag,
-            .help = "Replace the file when it exists",
-            .needs = "--output"},
-           {.name = "--summary",
-            .kind = cli::Kind::kFlag,
-            .help = "Only recoveries, updates and restarts of the daemon",
-            .excludes = "--all"},
-           {.name = "--all",
-            .kind = cli::Kind::kFlag,
-            .help = "Every line of recoveries and updates"},
-           {.name = "--at",
-            .value = "TIME",
-            .help = "Only what begins with this time or was going on then: 04:31 or "
-                    "\"11-23 04\""},
-           {.name = "--level",
-            .kind = cli::Kind::kChoice,
-            .value = "LEVEL",
-            .help = "Only this level and above: V, D, I, W or E",
-            .standard = "V",
-            .words = "V D I W E"},
-           {.name = "--tag",
-            .kind = cli::Kind::kChoice,
-            .value = "TAG",
-            .help = "Only this tag (shd, shd_hdlc, shd_serial, update_mcu, mcu); may be repeated",
-            .words = kDaemonTags,
-            .repeated = true},
-           {.name = "--sensor",
-            .kind = cli::Kind::kSensor,
-            .value = "SENSOR",
-            .help = "Only lines that name this sensor; may be repeated",
-            .repeated = true}},
+          {cli::File("FILE", "", "The daemon's standard error in a file, or -: standard input")
+               .Standard("-"),
+           cli::Flag("-f,--follow", "Go on as the file grows, is cut short or is replaced"),
+           cli::NewFile("-o,--output", "FILE",
+                        "Keep the lines there, with the wall and the boot clock each minute, and "
+                        "print none; see timeline")
+               .Excludes("--summary --all --at --level --tag --sensor"),
+           cli::Flag("--force", "Replace the file when it exists").Needs("--output"),
+           cli::Flag("--summary", "Only recoveries, updates and restarts of the daemon")
+               .Excludes("--all"),
+           cli::Flag("--all", "Every line of recoveries and updates"),
+           cli::Text("--at", "TIME",
+                     "Only what begins with this time or was going on then: 04:31 or "
+                     "\"11-23 04\""),
+           cli::Choice("--level", "LEVEL", "Only this level and above: V, D, I, W or E",
+                       "V D I W E")
+               .Standard("V"),
+           cli::Choice(
+               "--tag", "TAG",
+               "Only this tag (shd, shd_hdlc, shd_serial, update_mcu, mcu); may be repeated",
+               kDaemonTags)
+               .Repeated(),
+           cli::Sensor("--sensor", "SENSOR", "Only lines that name this sensor; may be repeated")
+               .Repeated()},
           "A recovery is told with its cause, its length, and the sensors that are on again or "
           "not; an update with its cause, its length and the block at which it failed. The log "
           "counts no blocks: \"about\" means that the time tells. With --json each line is an "

@@ -43,24 +43,17 @@ const char* const kTableLegend =
     "columns), spacing to the sensor's previous one";
 
 const cli::Options kSensorList{
-    {.name = "SENSOR",
-     .kind = cli::Kind::kSensor,
-     .help = "Only these sensors, by name or handle; all when none is named",
-     .repeated = true}};
+    cli::Sensor("SENSOR", "", "Only these sensors, by name or handle; all when none is named")
+        .Repeated()};
 
 const cli::Options kViewOptions{
-    {.name = "--table",
-     .kind = cli::Kind::kFlag,
-     .help = "A table drawn in place (default on a terminal); elsewhere its last state",
-     .excludes = "--lines --csv --plot"},
-    {.name = "--lines",
-     .kind = cli::Kind::kFlag,
-     .help = "One line per event (default when the output is no terminal)",
-     .excludes = "--csv --plot"},
-    {.name = "--csv",
-     .kind = cli::Kind::kFlag,
-     .help = "Comma-separated values, with a heading; the values in the order of 'shdtool list'",
-     .excludes = "--plot"},
+    cli::Flag("--table", "A table drawn in place (default on a terminal); elsewhere its last state")
+        .Excludes("--lines --csv --plot"),
+    cli::Flag("--lines", "One line per event (default when the output is no terminal)")
+        .Excludes("--csv --plot"),
+    cli::Flag("--csv",
+              "Comma-separated values, with a heading; the values in the order of 'shdtool list'")
+        .Excludes("--plot"),
     {"--plot", cli::Kind::kFlag, "", "A chart in the terminal, one strip per axis"},
     {"--window", cli::Kind::kNumber, "SEC", "Seconds that the chart shows", 0.1, 3600, "10"}};
 
@@ -69,14 +62,12 @@ const cli::Options kLimitOptions{
     {"--seconds", cli::Kind::kNumber, "SEC", "End after this time", 0.001, 1e7}};
 
 const cli::Options kPeriodOptions{
-    {.name = "--period",
-     .kind = cli::Kind::kNumber,
-     .value = "MS",
-     .help = "Period in milliseconds that the samples are measured against; else the one that they "
-             "seem to have",
-     .min = 0.001,
-     .max = 3'600'000,
-     .excludes = "--rate"},
+    cli::Number(
+        "--period", "MS",
+        "Period in milliseconds that the samples are measured against; else the one that they "
+        "seem to have",
+        0.001, 3'600'000)
+        .Excludes("--rate"),
     {"--rate", cli::Kind::kNumber, "HZ", "The same as a rate in Hz", 1.0 / 3600, 1e6}};
 
 const cli::Options kEnableOptions{

@@ -79,8 +79,7 @@ Outcome Record(Context& context) {
                    {"bytes", writer->bytes()}}};
 }
 
-const cli::Options kFileToMake{
-    {.name = "FILE", .kind = cli::Kind::kNewFile, .help = "The file to be made", .required = true}};
+const cli::Options kFileToMake{cli::NewFile("FILE", "", "The file to be made").Required()};
 const cli::Options kForce{{"--force", cli::Kind::kFlag, "", "Replace the file when it exists"}};
 }  // namespace
 

@@ -36,19 +36,12 @@ Outcome Replay(Context& context) {
     return shown;
 }
 
-const cli::Options kRecordingFile{{.name = "FILE",
-                                   .kind = cli::Kind::kFile,
-                                   .help = "A file that record has made",
-                                   .required = true}};
-const cli::Options kSpeed{{.name = "--speed",
-                           .kind = cli::Kind::kNumber,
-                           .value = "X",
-                           .help = "Play so many times as fast as it was recorded",
-                           .min = 0.001,
-                           .max = 1e6,
-                           .standard = "1",
-                           .excludes = "--fast"},
-                          {"--fast", cli::Kind::kFlag, "", "Play without waiting"}};
+const cli::Options kRecordingFile{cli::File("FILE", "", "A file that record has made").Required()};
+const cli::Options kSpeed{
+    cli::Number("--speed", "X", "Play so many times as fast as it was recorded", 0.001, 1e6)
+        .Standard("1")
+        .Excludes("--fast"),
+    {"--fast", cli::Kind::kFlag, "", "Play without waiting"}};
 
 }  // namespace
 
