@@ -12,6 +12,7 @@ import {LatencyStrip, LoadStrip, SensorStrip} from './strips.js';
 
 const FRAME_MS = 1000 / 30 - 4;  // more frames than that only cost
 const BUDGET_MS = 30;            // for the strips of one frame; what is left over comes with the next
+const CONNECTING = 'connecting';
 const FORGET_US = 1e6;
 const SLOW_MS = 250;             // what only people read: words, rows that come and go
 
@@ -24,7 +25,7 @@ class Scope {
     this.feed = new Feed(items => this.take(items), wrong => this.onLink(wrong));
     this.dirty = true;
     this.selected = null;
-    this.linkWrong = 'connecting';
+    this.linkWrong = CONNECTING;
     this.linkSince = performance.now();
     this.drawn = {seen: '', next: 0, at: 0, slow: 0, counted: 0, count: 0, frames: 0, items: 0};
     this.lanes = [new AxisLane(this), new StateLane(this), new EpisodeLane(this), new LogLane(this),
@@ -121,7 +122,7 @@ class Scope {
 
   // Why nothing can be said of the hub, null when something can.
   dead() {
-    if (this.linkWrong) return this.linkWrong;
+    if (this.linkWrong && !this.store.whole) return this.linkWrong;
     return this.store.hello.live && this.store.up === false
       ? 'No connection to shd: the daemon does not run, or does not serve its data socket' : null;
   }
@@ -171,7 +172,7 @@ class Scope {
     this.tellHeader(reading);
     if (at - drawn.counted > 1000) {
       const rate = now => Math.max(0, Math.round(now * 1000 / (at - drawn.counted)));
-      setText($('#figures'), `${rate(drawn.count - drawn.frames)} frames/s · ${rate(store.items - drawn.items)} items/s · ${Number.isFinite(store.first) ? duration(store.now - store.first) : 'nothing'} kept · window ${duration(clock.span)}`);
+      setText($('#figures'), `${drawn.count === drawn.frames ? 'nothing to draw' : `${rate(drawn.count - drawn.frames)} frames/s`} · ${rate(store.items - drawn.items)} items/s · ${Number.isFinite(store.first) ? duration(store.now - store.first) : 'nothing'} kept · window ${duration(clock.span)}`);
       Object.assign(drawn, {counted: at, items: store.items, frames: drawn.count});
       $('#rows').style.setProperty('--full', `${$('#strips').offsetTop + $('#strips').offsetHeight}px`);
     }
@@ -229,8 +230,8 @@ class Scope {
     link.style.setProperty('--tone', clock.follow ? colour.good : colour.warn);
     const banner = $('#banner');
     const down = this.linkWrong ? ages : this.now() - (store.lost.all.findLast(span => span.e === null)?.t ?? this.now());
-    banner.hidden = !dead;
-    if (dead) setText($('#wrong'), `${dead}. What stands below is old.`);
+    banner.hidden = (!dead && !this.linkWrong) || this.linkWrong === CONNECTING;
+    if (!banner.hidden) setText($('#wrong'), `${dead ?? this.linkWrong}. ${dead ? 'What stands below is old' : 'What was read stays'}.`);
     setText($('#wrongFor'), duration(down));
     document.body.classList.toggle('dead', Boolean(dead));
     setText($('#spoken'), dead ?? `MCU ${stateWords[store.state?.s] ?? 'not known'}`);
@@ -240,7 +241,6 @@ class Scope {
     if (lost) times.push('nothing was received here');
     setText($('#reading'), times.filter(Boolean).join('   '));
     setText($('#follow'), clock.follow ? 'pause' : 'go on');
-    $('#follow').setAttribute('aria-pressed', String(clock.follow));
   }
 
   stateSince() {

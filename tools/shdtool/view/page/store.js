@@ -133,7 +133,7 @@ class Sensor {
 }
 
 export class Store {
-  constructor() { this.start({sensors: [], live: false, now: 0}); }
+  constructor() { this.start({sensors: [], live: true, now: 0}); }
 
   // A new picture: the server begins with the whole that it keeps.
   start(hello) {
