@@ -35,7 +35,7 @@ const char* const kTableLegend =
     "  JITT     standard deviation of the spacing\n"
     "  BATCH    samples that arrive together\n"
     "  AGE      time since the last sample arrived; SILENT: that is too long for\n"
-    "           this sensor\n"
+    "           this sensor; none yet: it was named and has not sent\n"
     "  GAPS     spacings beyond 1.8 periods that the following samples do not make up\n"
     "           for\n"
     "Keys on a terminal: q quit, p pause, r reset the statistics, arrows move, ? help\n"
