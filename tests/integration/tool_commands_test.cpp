@@ -121,6 +121,13 @@ TEST_F(ToolCommands, AFullDiskIsSaidWhateverIsPrinted) {
     EXPECT_NE(std::system(MCUSIM_BINARY " --help >/dev/full"), 0);
 }
 
+TEST_F(ToolCommands, NamesTheTimeLimitAsItWasGiven) {
+    hub_->Simulate("delay 1000");
+    EXPECT_THAT(Run("version --timeout 0.25").err, HasSubstr("from the daemon within 250 ms"));
+    hub_->Simulate("delay 0");
+    EXPECT_EQ(Run("version").status, 0);
+}
+
 TEST_F(ToolCommands, WarnsOfASensorThatFillsTheLine) {
     const ToolRun text = Run("enable rotation-vector --period 1");
     EXPECT_THAT(text.err, HasSubstr("warning: rotation-vector alone needs 23.2 kB/s"));
