@@ -130,7 +130,8 @@ TEST(ToolView, ShowsAHangItsRecoveryAndACrash) {
     EXPECT_EQ(sample["v"].size(), 3U);
     EXPECT_LE(sample["t"], sample["a"]);
     EXPECT_GE(sample["t"], hello["now"].get<int64_t>() - 60'000'000);
-    page.Await(R"({"k":"frame","d":"from","bad":false})");
+    const Json frame = page.Await(R"({"k":"frame","d":"from","bad":false})");
+    EXPECT_TRUE(frame["x"].get<std::string>().ends_with("7e")) << frame;  // the closing flag
     page.Post(R"({"do":"flush","sensor":0})");
     page.Await(R"({"k":"flush","h":0})");
 
@@ -178,6 +179,7 @@ TEST(ToolView, GivesADeadLinkNoHealthyFaceWithoutLineAndLog) {
     hub.StartDaemon();
     page.Await(R"({"k":"connection","up":true})");
     page.Await(R"({"k":"state","s":"unknown"})");
+    EXPECT_FALSE(page.Had(R"({"k":"state","s":"service"})"));  // for all that is known
     hub.WaitForLog("start loop");
     page.Post(R"({"do":"enable","sensor":0,"period_us":20000})");
     page.Await(R"({"k":"state","s":"service"})");
