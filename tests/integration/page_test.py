@@ -26,6 +26,17 @@ LEAST_FRAMES = 1  # a second: machines of tests are slow and busy; what it is, i
 FULL_LINE = [(0, 4000), (5, 4000), (6, 4000), (9, 16000), (10, 16000), (11, 16000), (15, 16000), (18, 1000000),
              (19, 100000), (21, 100000), (25, 8000), (26, 1000000), (27, 100000)]
 
+# Spacings of samples in periods, and what of them is missing.
+GAPS = [
+    ([1] * 90, []),
+    ([1, 1, 3] + [1] * 90, [2]),
+    ([1, 3, 0.1, 0.1] + [1] * 90, []),           # late, and made up for
+    ([1, 0.2, 1.9] + [1] * 90, []),              # one came early
+    ([1, 2, 2, 2, 2] + [1] * 90, [4]),           # a batch, spread over the next one's time
+    ([1, 4, 1, 1, 2.9, 0.05, 0.05] + [1] * 90, [2, 1]),  # as much missing as was not made up for
+    ([0.95] * 600 + [3] + [0.95] * 90, [2]),     # its own clock runs fast
+]
+
 # Minutes of a full line, 13 sensors, as fast as the page takes them; the rest of the page goes on.
 FEED_MINUTES = """
 scope.feed.source.close();
@@ -191,7 +202,18 @@ class PageTest(unittest.TestCase):
         self.assertEqual(200, self.status(path + 'do', order))
         wait('the sensor', lambda: self.page.ask("return scope.store.sensors.get(0).on"))
 
+    def check_gaps(self):
+        for spacings, missing in GAPS:
+            told = self.page.ask("""
+                const {Store} = await import('./store.js'), store = new Store();
+                store.take([{...scope.store.hello, now: 1e9}, {k: 'asked', t: 1e9, h: 6, period_us: 1e4, batch: 1}]);
+                let t = 1e9;
+                for (const spacing of [1, ...given[0]]) store.take([{k: 'sample', h: 6, t: t += spacing * 1e4, a: t, v: [1]}]);
+                return store.sensors.get(6).gaps.all.filter(gap => !gap.late).map(gap => gap.missing)""", spacings)
+            self.assertEqual(missing, told, spacings[:8])
+
     def test_full_line_is_drawn_and_ten_minutes_leave_nothing(self):
+        self.check_gaps()
         page = self.page
         path = urllib.parse.urlparse(self.hub.address).path
         for sensor, period in FULL_LINE:

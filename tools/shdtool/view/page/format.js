@@ -40,7 +40,7 @@ export const colour = {};
 export function readColours() {
   const style = getComputedStyle(document.documentElement);
   for (const name of ['ink', 'faint', 'grid', 'paper', 'panel', 'accent', 'bad', 'warn', 'good', 'lost',
-    'starting', 'service', 'silent', 'bootloader', 'recovering', 'updating', 'down', 'to', 'from',
+    'starting', 'service', 'silent', 'bootloader', 'recovering', 'updating', 'down', 'unknown', 'to', 'from',
     'axis0', 'axis1', 'axis2', 'axis3']) colour[name] = style.getPropertyValue(`--${name}`).trim();
 }
 

@@ -5,6 +5,8 @@ import {Columns, Items} from './rings.js';
 const KEPT_US = 120e6;       // of a live hub
 const KEPT_PAUSED_US = 600e6;
 const LONG_SPACING = 1.8;    // periods: what is longer is a gap, unless it is made up for
+const MANY = 512;             // spacings
+const EARLY_SPACING = 0.5;
 const PATIENCE = 64;         // samples within which a late one is made up for
 const LATENCY_STEP_US = 100e3;
 const LATENCY_REST_STEPS = 20;  // with nothing: the curve breaks off
@@ -29,8 +31,9 @@ class Sensor {
     this.deliveries = [];
     this.spacings = [];
     this.period = 0;    // as measured
+    this.ahead = 0;     // periods by which the samples before came too early
     this.turns = [];    // of a recording, whose files come one behind the other: those to come
-    this.open = null;   // a gap that may still be made up for
+    this.open = null;   // gaps that may still be made up for
     this.broken = true;
   }
 
@@ -47,7 +50,7 @@ class Sensor {
     const silent = this.quiet(t) > 0;
     if (silent) this.gaps.push({t: last, e: t, late: false, missing: null});
     if (!this.broken) this.offSince = silent ? t : last;
-    Object.assign(this, {broken: true, open: null, since: t, spacings: [], period: 0, deliveries: []});
+    Object.assign(this, {broken: true, open: null, ahead: 0, since: t, spacings: [], period: 0, deliveries: []});
   }
 
   // At t the connection came or went, or `asked` holds from then on.
@@ -74,35 +77,59 @@ class Sensor {
   measure(from, spacing) {
     const period = this.expected;
     if (period > 0) {
-      const periods = spacing / period, gap = this.open;
-      if (periods > LONG_SPACING) {
-        if (gap && gap.e === from) {
-          gap.e = from + spacing;
-          this.gaps.grow(gap);
-        } else {
-          if (gap) gap.missing = Math.round(gap.lag);
-          this.open = {t: from, e: from + spacing, lag: 0, worst: 0, left: PATIENCE, late: false};
-          this.gaps.push(this.open);
-        }
+      let periods = spacing / period;
+      // One that came early is followed by one that seems late.
+      if (!this.open && periods < EARLY_SPACING) {
+        this.ahead += 1 - periods;
+        periods = 1;
+      } else {
+        periods -= this.ahead;
+        this.ahead = 0;
       }
+      if (periods > LONG_SPACING) this.addGap(from, from + spacing, Math.max(Math.round(periods - 1), 1));
       if (this.open) this.follow(this.open, periods);
     }
     this.spacings.push(spacing);
-    if (this.spacings.length === 32) {
-      this.period = median(this.spacings);
-      this.spacings = [];
-    } else if (!this.period && this.spacings.length === 8) {
-      this.period = median(this.spacings);
-    }
+    this.learn();
   }
 
-  // Samples that come too early behind a gap make up for it: nothing is missing, it was late.
-  follow(gap, periods) {
-    gap.lag += periods - 1;
-    gap.worst = Math.max(gap.worst, gap.lag);
-    gap.late = gap.lag < Math.max(0.5, gap.worst / 20);
-    gap.missing = Math.max(1, Math.round(gap.lag));
-    if (gap.late || --gap.left === 0) this.open = null;
+  // The period: of what was asked for, only how far the sensor's own clock is off, which takes many
+  // samples; else the median, which gaps do not move.
+  learn() {
+    const {length} = this.spacings;
+    if (!this.asked && (length === 32 || (!this.period && length === 8))) this.period = median(this.spacings);
+    if (length === MANY) this.period = this.spacings.reduce((sum, one) => sum + one, 0) / MANY;
+    if (length === (this.asked ? MANY : 32)) this.spacings = [];
+  }
+
+  addGap(t, e, missing) {
+    this.open ??= {lag: 0, worst: 0, gaps: []};
+    this.open.left = PATIENCE;
+    const last = this.open.gaps.at(-1);
+    if (last?.e === t) {
+      last.e = e;
+      last.missing += missing;
+      return this.gaps.grow(last);
+    }
+    const gap = {t, e, missing, late: false};
+    this.open.gaps.push(gap);
+    this.gaps.push(gap);
+  }
+
+  // Samples that come too early behind gaps make up for them: those were late, and nothing is missing,
+  // or less.
+  follow(run, periods) {
+    run.lag += periods - 1;
+    run.worst = Math.max(run.worst, run.lag);
+    const inStep = run.lag < Math.max(0.5, run.worst / 20);
+    if (!inStep && (periods > LONG_SPACING || --run.left > 0)) return;
+    this.open = null;
+    const presumed = inStep ? 0 : run.lag;
+    const told = run.gaps.reduce((sum, gap) => sum + gap.missing, 0);
+    for (const gap of run.gaps) {
+      gap.missing = Math.round(gap.missing * Math.min(presumed / told, 1));
+      gap.late = gap.missing === 0;
+    }
   }
 
   // How long nothing has come, when that is too long for it.
@@ -114,21 +141,28 @@ class Sensor {
     return usual > 0 && silence > Math.max(QUIET_LEAST_US, usual * QUIET_DELIVERIES) ? silence : 0;
   }
 
-  // Mean rate in Hz and standard deviation of the spacings in ms, gaps left out, of 5 s up to t.
+  // Of 5 s up to t: samples a second while it was on, in Hz, and the standard deviation of their
+  // spacings in ms, gaps left out.
   rate(t) {
-    const {samples} = this;
-    const to = samples.find(t + 1), from = Math.max(samples.find(t - 5e6), to - 2000);
+    const {time} = this.samples;
+    const to = this.samples.find(t + 1), from = Math.max(this.samples.find(t - 5e6), to - 4000);
+    if (to - from < 3) return null;
+    let whole = time[to - 1] - time[from], spacings = to - 1 - from;
+    for (const gap of this.gaps.within(time[from], time[to - 1])) {
+      if (gap.t < time[from] || (!gap.off && gap.missing !== null)) continue;
+      whole -= gap.e - gap.t;
+      if (gap.off) --spacings;
+    }
     let count = 0, sum = 0, squares = 0;
     for (let i = from + 1; i < to; ++i) {
-      const spacing = samples.time[i] - samples.time[i - 1];
+      const spacing = time[i] - time[i - 1];
       if (this.expected && spacing > LONG_SPACING * this.expected) continue;
       ++count;
       sum += spacing;
       squares += spacing * spacing;
     }
-    if (count < 2) return null;
     const mean = sum / count;
-    return {hz: 1e6 / mean, jitter: Math.sqrt(Math.max(0, squares / count - mean * mean)) / 1000};
+    return whole > 0 && count > 1 ? {hz: spacings * 1e6 / whole, jitter: Math.sqrt(Math.max(0, squares / count - mean * mean)) / 1000} : null;
   }
 }
 
