@@ -209,8 +209,10 @@ class PageTest(unittest.TestCase):
                 store.take([{...scope.store.hello, now: 1e9}, {k: 'asked', t: 1e9, h: 6, period_us: 1e4, batch: 1}]);
                 let t = 1e9;
                 for (const spacing of [1, ...given[0]]) store.take([{k: 'sample', h: 6, t: t += spacing * 1e4, a: t, v: [1]}]);
-                return store.sensors.get(6).gaps.all.filter(gap => !gap.late).map(gap => gap.missing)""", spacings)
-            self.assertEqual(missing, told, spacings[:8])
+                const told = () => [...store.gapsOf(store.sensors.get(6), 0, Infinity)].map(gap => gap.missing), before = told();
+                store.take([{k: 'missed', t: 1e9, e: t, certain: true}]);
+                return [before, told()]""", spacings)
+            self.assertEqual([missing, []], told, spacings[:8])
 
     def test_full_line_is_drawn_and_ten_minutes_leave_nothing(self):
         self.check_gaps()

@@ -115,9 +115,7 @@ export class EpisodeLane extends Lane {
     const {clock, store} = this.scope;
     let missing = 0, requests = 0, unanswered = 0, damaged = 0;
     for (const sensor of store.sensors.values()) {
-      for (const gap of sensor.gaps.within(clock.from, clock.to)) {
-        if (!gap.late && gap.missing && !store.lostWithin(gap.t, gap.e)) missing += gap.missing;
-      }
+      for (const gap of store.gapsOf(sensor, clock.from, clock.to)) missing += gap.missing ?? 0;
     }
     for (const one of store.exchanges.within(clock.from, clock.to)) {
       ++requests;

@@ -223,6 +223,11 @@ export class Store {
     return null;
   }
 
+  // When a sensor was on and the MCU sent nothing, or was off: not what this page was not told.
+  *gapsOf(sensor, from, to) {
+    for (const gap of sensor.gaps.within(from, to)) if (!gap.late && !this.lostWithin(gap.t, gap.e)) yield gap;
+  }
+
   get state() { return this.states.last; }
 
   forget(keepFrom) {

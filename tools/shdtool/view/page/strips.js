@@ -225,8 +225,7 @@ export class SensorStrip extends Strip {
 
   shade(ctx, area, x) {
     const {clock, store} = this.scope;
-    for (const gap of this.gaps()) {
-      if (gap.late || store.lostWithin(gap.t, gap.e)) continue;
+    for (const gap of store.gapsOf(this.sensor, clock.from, clock.to)) {
       const time = duration(gap.e - gap.t);
       if (gap.off) {
         if (!this.sensor.periodic) continue;
