@@ -143,6 +143,11 @@ async def service_case(exchange, direction, byte, kind):
             require(not client.reader._buffer, 'a client has got a reply too many')
         require(hub.count(IN_SERVICE) == 1, 'the daemon has started again')
         require(not hub.count('Handshake timeout'), 'what came before a reset was kept')
+        if kind == 'drop' and lost == 1:
+            await hub.tell(order('out', 0, 'drop'))
+            await clients[1].ask(*FOLLOWERS[0], limit=2 * SHORT + SLACK)
+            await hub.works(SLACK)
+            require(not hub.count(LOCK + '1'), 'a recovery after failures that were not in a row')
         return lost, took
 
 
