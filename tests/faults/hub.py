@@ -186,7 +186,8 @@ class Hub:
                 raise Failed(f'not within {limit:.0f} s in the log: "{texts[0]}"') from None
 
     async def kill_daemon(self):
-        self.daemon.kill()
+        with contextlib.suppress(ProcessLookupError):  # a failed update may have ended it
+            self.daemon.kill()
         await self.daemon.wait()
 
     async def start_until_service(self, limit):
