@@ -214,8 +214,23 @@ class PageTest(unittest.TestCase):
                 return [before, told()]""", spacings)
             self.assertEqual([missing, []], told, spacings[:8])
 
+    def check_rings(self):
+        # Room for a thousand rows of ten thousand: all of a recording's extremes, the newest of a live hub.
+        for whole, first, length in ((True, 0, 500), (False, 9060, 760)):
+            told = self.page.ask("""
+                const {Columns} = await import('./rings.js'), ring = new Columns(1, 1024, given[0]);
+                for (let t = 0; t < 9828; ++t) ring.push(t, [t === 5000 ? 99 : t % 7]);
+                const times = [...ring.time.subarray(ring.from, ring.to)], values = [...ring.value.subarray(ring.from, ring.to)];
+                return [times[0], times.length, Math.max(...values), times.every((t, i) => !i || t > times[i - 1]), ring.last]""", whole)
+            self.assertLessEqual(told[0], first)
+            self.assertGreaterEqual(told[1], length)
+            self.assertLessEqual(told[1], 1024)
+            self.assertEqual([99 if whole else 6, True], told[2:4])
+            self.assertGreater(told[4], 9820)
+
     def test_full_line_is_drawn_and_ten_minutes_leave_nothing(self):
         self.check_gaps()
+        self.check_rings()
         page = self.page
         path = urllib.parse.urlparse(self.hub.address).path
         for sensor, period in FULL_LINE:
