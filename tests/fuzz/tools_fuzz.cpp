@@ -3,6 +3,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <sstream>
 #include <stdexcept>
@@ -17,6 +18,7 @@
 #include "tools/shdtool/files/dump_text.h"
 #include "tools/shdtool/files/rawlog.h"
 #include "tools/shdtool/log/log_fold.h"
+#include "tools/shdtool/timeline/recordings.h"
 #include "tools/wire/recording.h"
 
 namespace {
@@ -108,6 +110,25 @@ void LineRecording(Bytes bytes) {
     (void)player.complete();
 }
 
+void Timeline(Bytes bytes) {
+    using namespace shdtool::timeline;
+    const MemoryFile file(bytes);
+    const auto recordings = Recordings::Open({file.path()});
+    if (!recordings) return;
+    std::array<Time, 2> busy{INT64_MIN, INT64_MIN};
+    const auto take = [&busy](const Item& item) {
+        if (const auto* exchange = std::get_if<Exchange>(&item)) {
+            Require(exchange->begin <= exchange->end, "an exchange ends behind its beginning");
+        }
+        const auto* frame = std::get_if<Frame>(&item);
+        if (frame == nullptr) return;
+        Require(busy.at(frame->to_mcu) <= frame->begin && frame->begin <= frame->end,
+                "frames of one direction follow one another");
+        busy.at(frame->to_mcu) = frame->end;
+    };
+    (void)recordings->Read(recordings->files().front(), take);
+}
+
 void Script(Bytes bytes) {
     const MemoryFile file(bytes);
     (void)mcusim::Script(file.path()).NextDue();
@@ -136,6 +157,7 @@ constexpr struct {
     {"script", Script},
     {"line_recording", LineRecording},
     {"signal", Signal},
+    {"timeline", Timeline},
 };
 
 }  // namespace

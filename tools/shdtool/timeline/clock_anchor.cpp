@@ -11,6 +11,9 @@ namespace {
 // recorder's clock stood still.
 constexpr int64_t kLatenessNs = 100'000'000;
 
+// Of a damaged file; sums with another clock's stay numbers.
+constexpr Time kLatest = 100LL * 365 * 24 * 3600 * 1'000'000'000;
+
 template <typename Distance>
 const wire::Clocks& Nearest(const std::vector<wire::Clocks>& anchors, Distance distance) {
     return *std::ranges::min_element(anchors, {}, distance);
@@ -39,7 +42,7 @@ void RecorderClock::Anchor(int64_t recorder_ns, Time boot) {
 }
 
 Time RecorderClock::BootOf(int64_t recorder_ns) {
-    latest_ = std::max(latest_, recorder_ns + ahead_);
+    latest_ = std::clamp(recorder_ns + ahead_, latest_, kLatest);
     return latest_;
 }
 

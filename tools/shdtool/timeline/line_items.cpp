@@ -22,6 +22,8 @@ constexpr int64_t kNsPerMs = 1'000'000;
 // A sensor that reports steadily and leaves out this many reports, and half a second, is silent.
 constexpr int64_t kReportsMissed = 3;
 constexpr int64_t kPatienceNs = kNsPerSec / 2;
+// What anybody may ask for is more than a number of nanoseconds can be.
+constexpr int64_t kLongestReportMs = 1'000'000'000;
 
 // Start, eight data bits, parity and stop.
 int64_t ByteNs(const wire::LineSettings& settings) {
@@ -92,7 +94,8 @@ void LineItems::ReportsOverdue(Time now) {
     if (state_ != State::kService) return;
     for (const auto& [sensor, sampling] : sensors_) {
         if (!sampling.on || sampling.period_ms <= 0 || !IsSteady(sensor)) continue;
-        const int64_t report_ns = sampling.period_ms * std::max(sampling.batch, 1) * kNsPerMs;
+        const int64_t report_ns =
+            std::min(sampling.period_ms * std::max(sampling.batch, 1), kLongestReportMs) * kNsPerMs;
         if (now - heard_ < kReportsMissed * report_ns + kPatienceNs) continue;
         Enter(heard_ + report_ns, State::kSilent,
               fmt::format("no report of {}", NamesOf(HandlesOfMcuSensor(sensor), "/")));
