@@ -82,7 +82,7 @@ Status LiveFeed::Run() {
         oldest_ns_ = now_ns - history_.limits().span_us * kNsPerUs;
         if (!started_ && tick % kTicksPerLook == 0) Connect(now_ns);
         if (started_) {
-            const Status taken = TakeEvents();
+            Status taken = TakeEvents();
             if (!taken) return taken;
         }
         if (line_) line_->Poll();

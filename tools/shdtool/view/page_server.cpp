@@ -37,7 +37,7 @@ constexpr size_t kThreads = 24;
 
 constexpr int kUnsentBytes = 128 << 10;  // of one connection in the kernel, which doubles it
 constexpr size_t kMaxPostBytes = 4096;
-constexpr time_t kPatienceSec = 24 * 3600;  // with a browser that stands still
+constexpr time_t kPatienceSec = 86'400;  // with a browser that stands still
 
 enum HttpStatus : int {
     kOk = 200,
