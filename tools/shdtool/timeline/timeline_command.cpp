@@ -87,18 +87,13 @@ Outcome Timeline(Context& context) {
 }
 
 const cli::Options kTimelineOptions{
-    {.name = "FILE",
-     .kind = cli::Kind::kFile,
-     .help = "Recordings of the same time: of the line, of events, of the log, a simulator's trace",
-     .required = true,
-     .repeated = true},
-    {.name = "-o,--output",
-     .kind = cli::Kind::kNewFile,
-     .value = "FILE",
-     .help = "The trace to be made",
-     .required = true},
-    {.name = "--force", .kind = cli::Kind::kFlag, .help = "Replace the trace when it exists"},
-};
+    cli::File(
+        "FILE", "",
+        "Recordings of the same time: of the line, of events, of the log, a simulator's trace")
+        .Required()
+        .Repeated(),
+    cli::NewFile("-o,--output", "FILE", "The trace to be made").Required(),
+    cli::Flag("--force", "Replace the trace when it exists")};
 
 constexpr const char* kTimelineDetails =
     "Puts everything on the boot clock and writes it in the Trace Event Format, which trace "
