@@ -50,6 +50,14 @@ export const stateWords = {
   recovering: 'recovering', updating: 'updating', down: 'down', unknown: 'not known',
 };
 
+// Why this page knows nothing of a time, in words and in fewer.
+export const lostWords = {
+  hub: ['no connection to shd', 'no connection', 'no link'],
+  tool: ['lost on the way to this tool', 'lost on the way', 'lost'],
+  perhaps: ['perhaps lost on the way to this tool', 'perhaps lost'],
+  page: ['this browser did not keep up', 'browser too slow', 'lost'],
+};
+
 // An element with properties and children: element('b', {className: 'x'}, 'text').
 export function element(name, properties = {}, ...children) {
   const made = Object.assign(document.createElement(name), properties);

@@ -2,7 +2,7 @@
 // by index.html; `scope` is what its parts know of one another.
 import {Clock} from './clock.js';
 import {Feed} from './feed.js';
-import {bootTime, colour, duration, readColours, setText, stateWords, timeOfDay} from './format.js';
+import {bootTime, colour, duration, lostWords, readColours, setText, stateWords, timeOfDay} from './format.js';
 import {KEYS, fillHelp, listenToKeys} from './keys.js';
 import {AxisLane, ClientLane, EpisodeLane, ExchangeLane, FrameLane, LogLane, StateLane} from './lanes.js';
 import {listenToPointer} from './pointer.js';
@@ -238,7 +238,7 @@ class Scope {
     const times = [`${bootTime(reading, Math.max(clock.span / 1000, 1))} s since boot`, timeOfDay(reading, this.anchor)];
     if (clock.mark !== null) times.push(`${duration(reading - clock.mark)} from the mark`);
     const lost = store.lostWithin(reading, reading);
-    if (lost) times.push('nothing was received here');
+    if (lost) times.push(lostWords[lost.cause][0]);
     setText($('#reading'), times.filter(Boolean).join('   '));
     setText($('#follow'), clock.follow ? 'pause' : 'go on');
   }

@@ -1,11 +1,11 @@
 // Strips: curves over the common clock, drawn with dygraphs. One a sensor, one for the line's load,
 // one for the latency. Rows are decimated to pixels, gaps and silence are shaded by their cause.
 /* global Dygraph */
-import {bytesPerSecond, colour, duration, element, number, setText} from './format.js';
+import {bytesPerSecond, colour, duration, element, lostWords, number, setText} from './format.js';
 
 const MOST_ROWS_A_PIXEL = 0.5;
 const CAPACITY = 11520;
-const LOST_WORDS = {hub: 'no connection to shd', tool: 'lost on the way to this tool', perhaps: 'perhaps lost on the way to this tool', page: 'this browser did not keep up'};
+const BLOCK_ALPHA = {bad: 0.16, grid: 0.16, lost: 0.35, perhaps: 0.12};
 
 Dygraph.PLUGINS.length = 0;  // axes and legend are drawn here, on the canvas
 
@@ -157,7 +157,7 @@ class Strip {
       ctx.fillRect(area.x, Math.round(y(tick)), area.w, 1);
     }
     this.shade(ctx, area, x, y);
-    for (const span of this.scope.store.lost.within(clock.from, clock.to)) this.block(ctx, area, x(span.t), x(span.e ?? this.scope.now()), 'lost', LOST_WORDS[span.cause]);
+    for (const span of this.scope.store.lost.within(clock.from, clock.to)) this.block(ctx, area, x(span.t), x(span.e ?? this.scope.now()), span.cause === 'perhaps' ? 'perhaps' : 'lost', lostWords[span.cause]);
     ctx.fillStyle = colour.faint;
     ctx.textAlign = 'left';
     let below = Infinity;
@@ -174,12 +174,12 @@ class Strip {
     from = Math.max(from, area.x);
     to = Math.min(to, area.x + area.w);
     if (to < from) return;
-    ctx.globalAlpha = kind === 'lost' ? 0.35 : 0.16;
-    ctx.fillStyle = colour[kind];
+    ctx.globalAlpha = BLOCK_ALPHA[kind];
+    ctx.fillStyle = colour[kind] ?? colour.lost;
     ctx.fillRect(from, area.y, Math.max(to - from, 1), area.h);
     ctx.globalAlpha = 1;
     if (to - from < 14) return;
-    ctx.fillStyle = kind === 'lost' ? colour.ink : kind === 'grid' ? colour.faint : colour[kind];
+    ctx.fillStyle = {bad: colour.bad, lost: colour.ink}[kind] ?? colour.faint;
     ctx.textAlign = 'center';
     const texts = [words].flat();
     const text = texts.find(one => ctx.measureText(one).width < to - from - 6);
