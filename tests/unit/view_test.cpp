@@ -93,6 +93,9 @@ TEST(PageServer, LetsInOnlyWhoKnowsTheAddress) {
                     StartsWith(std::string("HTTP/1.1 ") + row.answer))
             << row.what;
     }
+    std::string packed = page.Get(page.path + "dygraph.min.js");
+    packed.insert(packed.find("Connection"), "Accept-Encoding: gzip, br\r\n");
+    EXPECT_THAT(Talk(page.port, packed).UntilEnd(), Not(HasSubstr("Content-Encoding")));
     const std::string refused = Talk(page.port, page.Get(wrong)).UntilEnd();
     EXPECT_THAT(refused, EndsWith("\r\n\r\n"));  // and not a word
     EXPECT_THAT(Talk(page.port, post("do", json)).UntilEnd(), EndsWith("did {}"));
