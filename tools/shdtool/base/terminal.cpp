@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <array>
 #include <clocale>
+#include <cstdint>
 #include <cstdlib>
 
 #include "tools/cli/parse.h"
@@ -77,11 +78,12 @@ WindowSize WindowOf(int fd) {
 
 std::string Capability(const char* name) {
     const char* text = tigetstr(name);
-    return text == nullptr || text == reinterpret_cast<const char*>(-1) ? "" : text;
+    // -1 (terminfo): the capability is no text.
+    return text == nullptr || reinterpret_cast<intptr_t>(text) == -1 ? "" : text;
 }
 
 std::string Styled(std::string_view text, Style style) {
-    const std::string plain(text);
+    std::string plain(text);
     if (!Terminal().colour || style == Style::kPlain || text.empty()) return plain;
     return Beginning(style) + plain + Capability("sgr0");
 }
