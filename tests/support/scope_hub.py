@@ -98,9 +98,13 @@ class Page:
 
     def ask(self, script, *arguments):
         """What the script, which sees the page's scope and the arguments in `given`, returns."""
-        return self.browser.execute_async_script(
+        returned, thrown = self.browser.execute_async_script(
             "const given = [...arguments], done = given.pop();"
-            "import('./main.js').then(async ({scope}) => done(await (async () => {" + script + "})()))", *arguments)
+            "import('./main.js').then(async ({scope}) => done([await (async () => {" + script + "})(), null]))"
+            ".catch(error => done([null, String(error.stack)]))", *arguments)
+        if thrown:
+            raise AssertionError(thrown)
+        return returned
 
     def text(self, selector):
         return self.browser.execute_script(

@@ -96,6 +96,7 @@ class Scope {
     const {hello} = this.store;
     this.anchor = hello.wall ? hello : null;
     this.feed.live = hello.live;
+    if (this.linkWrong === CONNECTING) this.onLink(null);
     this.selected = null;
     setText($('#title'), hello.title || 'shd');
     document.title = hello.title || 'shd';
@@ -112,7 +113,8 @@ class Scope {
   }
 
   onLink(wrong) {
-    this.linkWrong = wrong;
+    // Connected is who has been greeted.
+    this.linkWrong = wrong ?? (this.store.hello.sensors.length ? null : CONNECTING);
     this.linkSince = performance.now();
     this.hurry();
   }
@@ -225,7 +227,7 @@ class Scope {
     chip.style.setProperty('--tone', dead ? colour.faint : colour[state?.s] ?? colour.faint);
     const link = $('#link');
     const ages = (performance.now() - this.linkSince) * 1000;
-    setText(link, dead ? 'no connection' : !hello.live ? 'recording' : clock.follow ? 'live' : 'paused');
+    setText(link, this.linkWrong === CONNECTING ? CONNECTING : dead ? 'no connection' : !hello.live ? 'recording' : clock.follow ? 'live' : 'paused');
     link.classList.toggle('wrong', Boolean(dead));
     link.style.setProperty('--tone', clock.follow ? colour.good : colour.warn);
     const banner = $('#banner');
