@@ -4,6 +4,8 @@
 #include <gmock/gmock.h>
 
 #include <future>
+#include <optional>
+#include <utility>
 
 #include "tests/support/talk.h"
 #include "tools/shdtool/view/live_history.h"
@@ -140,6 +142,17 @@ TEST(LiveHistory, ABrowserThatStopsReadingHoldsNobody) {
     const std::string got = talk.Until(R"("now","t":1000000)");
     EXPECT_TRUE(got.find(R"({"k":"dropped","t":)") != std::string::npos);
     EXPECT_LT(got.size(), 2'000'000U);  // of 5 MB; most is what the kernel holds for the two ends
+}
+
+TEST(PageServer, EndsWhileABrowserStandsStill) {
+    std::optional<Page> page(std::in_place, LiveHistory::Limits{.lag_bytes = 100'000'000});
+    const int port = page->port;
+    Talk talk(port, page->Get(page->path + "feed"), 4096);
+    talk.Until("hello");
+    const std::string filling = R"({"filling":")" + std::string(10'000, 'x') + "\"}";
+    for (int i = 1; i <= 2000; ++i) page->Push(i, filling);  // far more than the kernel takes
+    page.reset();
+    EXPECT_ANY_THROW(Talk(port, "x"));
 }
 
 // One session without a server; batches of one item.
