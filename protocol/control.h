@@ -95,7 +95,9 @@ struct ClientRequest {
 static_assert(sizeof(ClientRequest) == 32 && offsetof(ClientRequest, handle) == 4 &&
               offsetof(ClientRequest, command) == 12 && offsetof(ClientRequest, args) == 16);
 
-// How long the hub waits for the MCU's reply to one command at the most.
+// How long the hub waits for the MCU's reply: to a handshake, activation, delay, batch, flush, and
+// to any command at the most.
+inline constexpr int kQuickReplySec = 2;
 inline constexpr int kLongestReplySec = 10;
 
 inline constexpr int32_t kControlReplyKind = 1;

@@ -13,7 +13,7 @@
 namespace {
 
 constexpr char kLogTag[] = "shd";
-constexpr int kQuickSec = 2;
+constexpr int kQuickSec = shd::kQuickReplySec;
 constexpr int kSlowSec = shd::kLongestReplySec;
 constexpr int32_t kOfSensor = -1;  // the service is the sensor that the call names
 

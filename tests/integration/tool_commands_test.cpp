@@ -12,6 +12,7 @@ namespace {
 
 using nlohmann::json;
 using testing::HasSubstr;
+using testing::IsEmpty;
 
 using ToolCommands = ToolHub;
 
@@ -59,6 +60,13 @@ TEST_F(ToolCommands, AnswersEachCommandInTextAndJson) {
         EXPECT_EQ(answer.value("ok", json()), true) << row.arguments;
         EXPECT_EQ(answer.value(json::json_pointer(row.field), json()), row.value) << object.out;
     }
+}
+
+// The hub reports a flush complete also when the MCU is dead.
+TEST_F(ToolCommands, AFlushThatTheMcuLeftUnansweredIsNoPlainSuccess) {
+    EXPECT_THAT(Run("flush pressure").err, IsEmpty());
+    hub_->Simulate("noreply 22 4 1");
+    EXPECT_THAT(Run("flush pressure").err, HasSubstr("the MCU probably did not answer"));
 }
 
 TEST_F(ToolCommands, RefusesWrongInputInOneLine) {

@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "protocol/control.h"
 #include "tools/client/event_decoder.h"
 #include "tools/client/event_stream.h"
 #include "tools/client/hub_client.h"
@@ -95,8 +96,15 @@ Outcome Flush(HubClient& hub, Context& context) {
     const Status served = stream->WaitUntilServed(kServedLimit);
     if (!served) return served.error();
     FlushWatch watch(*stream, sensor);
+    const steady_clock::time_point asked = steady_clock::now();
     const Status taken = watch.ReadDuring([&] { return hub.Flush(sensor.handle); });
     if (!taken) return taken.error();
+    // The hub's limit ends on a whole second.
+    const std::chrono::duration<double> took = steady_clock::now() - asked;
+    if (!sensor.is_virtual && took > std::chrono::seconds(kQuickReplySec - 1)) {
+        context.Warn(fmt::format("the hub took {:.1f} s to say so: the MCU probably did not answer",
+                                 took.count()));
+    }
     const double wait_ms = context.arguments.Number("--wait") * 1000;
     const Result<size_t> samples = watch.Await(milliseconds(static_cast<int64_t>(wait_ms)));
     if (!samples) return samples.error();
@@ -114,8 +122,8 @@ CommandRows FlushCommands() {
               {cli::Sensor("SENSOR", "", "Name (or its unique beginning) or handle").Required(),
                cli::Number("--wait", "SEC", "Limit of the wait for the event in seconds", 0, 86'400)
                    .Standard("10")},
-              "The hub sends the event also when the MCU refused the flush or did not answer; "
-              "whether samples came tells more.",
+              "The hub sends the event also when the MCU refused the flush or did not answer; how "
+              "long it took and whether samples came tell more.",
               "shdtool flush accelerometer"},
              Flush}};
 }

@@ -14,7 +14,6 @@ namespace shdtool::timeline {
 namespace {
 
 constexpr int64_t kNsPerSec = 1'000'000'000;
-constexpr int64_t kQuickSec = 2;
 constexpr size_t kRemembered = 32;
 
 // The version check resets the MCU, or starts its bootloader, right behind its last request.
@@ -42,13 +41,13 @@ bool IsService(uint8_t service) {
 }
 
 int64_t LimitSec(const wire::Request& request) {
-    if (request.channel == wire::kChannelControl) return kQuickSec;
+    if (request.channel == wire::kChannelControl) return shd::kQuickReplySec;
     if (request.service == wire::kServiceVersion) return shd::kLongestReplySec;
     const uint8_t service = IsService(request.service) ? request.service : kAnySensor;
     const auto* found = std::ranges::find_if(kSlow, [&](const Limit& limit) {
         return limit.service == service && limit.command == request.command;
     });
-    return found == std::end(kSlow) ? kQuickSec : found->sec;
+    return found == std::end(kSlow) ? shd::kQuickReplySec : found->sec;
 }
 
 std::string WithoutKind(std::string words) {
