@@ -121,6 +121,8 @@ class PageTest(unittest.TestCase):
         page = self.page
         events = self.hub.tree / 'events'
         recorder = self.hub.start('shdtool', 'record', events)
+        self.addCleanup(recorder.wait)
+        self.addCleanup(recorder.terminate)
         wait('the recorder', events.exists)
         self.switch_on()
         drawn = f"return document.querySelector('{ACCELEROMETER} canvas').toDataURL()"
