@@ -67,7 +67,7 @@ Result<WatchChange> EventWatcher::Poll(std::chrono::milliseconds timeout,
     }
     size_t backlog = stream_->Backlog();
     const uint64_t resyncs = stream_->assembler().resyncs();
-    const Result<WatchChange> change = ReadEvents(events);
+    Result<WatchChange> change = ReadEvents(events);
     if (stream_)
         backlog = std::max(backlog, records_.size() * sizeof(SensorEvent) + stream_->Backlog());
     const bool cut = stream_ && stream_->assembler().resyncs() > resyncs;
