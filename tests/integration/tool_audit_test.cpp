@@ -153,8 +153,8 @@ TEST_F(ToolAudit, AuditAndRecordingSeeASensorDie) {
 }
 
 TEST_F(ToolAudit, TellsItsOwnStandstillFromTheMcu) {
-    ASSERT_EQ(Run("enable accelerometer --rate 1000 --batch 50").status, 0);
-    ASSERT_EQ(Run("enable gyroscope --rate 500 --batch 50").status, 0);
+    ASSERT_EQ(Run("enable accelerometer --rate 500 --batch 50").status, 0);
+    ASSERT_EQ(Run("enable gyroscope --rate 250 --batch 50").status, 0);
     const std::string path = OwnPath("standstill");
     Process recorder({"SHD_ROOT=" + hub_->root(), SHDTOOL_BINARY, "record", path}, "/dev/null");
     std::this_thread::sleep_for(2s);
@@ -165,6 +165,7 @@ TEST_F(ToolAudit, TellsItsOwnStandstillFromTheMcu) {
     kill(recorder.pid(), SIGTERM);
     Eventually("the recorder ends", [&] { return recorder.Status().has_value(); });
     const json report = json::parse(Run("audit --json --future 5 " + path).out);
+    ASSERT_FALSE(report["faults"].empty()) << report;
     EXPECT_THAT(report["faults"][0], HasSubstr("lost on the way to this program"));
     EXPECT_EQ(report["sensors"][0]["spacing"]["missing"], 0);
     EXPECT_GT(report["sensors"][0]["lost_here"], 100);
