@@ -165,6 +165,8 @@ TEST(ToolView, ShowsAHangItsRecoveryAndACrash) {
     recording.Await(R"({"k":"frame","d":"to"})");
     recording.Await(R"({"k":"episode","kind":"recovery"})");
     EXPECT_TRUE(recording.Post(R"({"do":"disable","sensor":0})").starts_with("HTTP/1.1 403"));
+    // Without a recording of events no sensor is silent.
+    EXPECT_TRUE(recording.Had(R"({"k":"unrecorded"})"));
     unlink(line.c_str());
 }
 

@@ -81,6 +81,8 @@ Result<std::string> FindAnchors(Recording& file) {
         while (reader->Next()) {
         }
         for (const wire::Clocks& clocks : reader->clocks()) file.anchor.Add(clocks);
+        file.begin = reader->begin_ns();
+        file.end = reader->end_ns();
         return std::string();
     }
     return ForEachLine(file.path, [&file](std::string_view line) {

@@ -25,6 +25,8 @@ struct Recording {
     std::string path;
     RecordingKind kind = RecordingKind::kLine;
     ClockAnchor anchor = {};  // all that the file says of the clocks
+    Time begin = 0;           // of kEvents: the time in which events were recorded
+    Time end = 0;
 };
 
 class Recordings {

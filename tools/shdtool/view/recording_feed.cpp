@@ -1,6 +1,8 @@
 // A thread for each browser reads the recordings for it. Called by the view command.
 #include "tools/shdtool/view/recording_feed.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <optional>
 #include <thread>
@@ -26,6 +28,22 @@ constexpr size_t kMessageBytes = size_t{64} << 10;
 void Append(std::string& items, const std::string& json) {
     if (!items.empty() && !json.empty()) items += ',';
     items += json;
+}
+
+struct Span {
+    std::optional<timeline::Time> begin = {};
+    timeline::Time end = 0;
+
+    void Cover(timeline::Time at) {
+        begin = std::min(begin.value_or(at), at);
+        end = std::max(end, at);
+    }
+};
+
+// Empty for an empty span.
+std::string UnrecordedJson(timeline::Time begin, timeline::Time end) {
+    if (begin >= end) return {};
+    return fmt::format(R"({{"k":"unrecorded","t":{},"e":{}}})", begin / kNsPerUs, end / kNsPerUs);
 }
 
 }  // namespace
@@ -75,6 +93,7 @@ class RecordingFeed::Session final : public FeedSession {
                     if ((file.kind == RecordingKind::kEvents) == events) tell(file);
                 }
             }
+            Add(feed_.unrecorded_behind_);
             if (!items_.empty()) Hand();
         } catch (const Gone&) {
         }
@@ -113,17 +132,21 @@ shdclient::Result<std::unique_ptr<RecordingFeed>> RecordingFeed::Open(
 
 shdclient::Status RecordingFeed::ReadStates() {
     std::vector<McuState> states;
-    timeline::Time latest = 0;
+    Span all;
+    Span events;
     for (const Recording& file : recordings_.files()) {
+        if (file.kind == RecordingKind::kEvents) {
+            for (const timeline::Time at : {file.begin, file.end}) events.Cover(at);
+        }
         const auto read = recordings_.Read(file, [&](const Item& item) {
-            latest = std::max(latest, PassedAt(item).value_or(0));
+            if (const auto at = PassedAt(item)) all.Cover(*at);
             if (const auto* state = std::get_if<McuState>(&item)) states.push_back(*state);
         });
         if (!read) return read.error();
         if (!read->empty()) warnings_.push_back(*read);
     }
-    beginning_ = GreetingJson({.now_us = latest / kNsPerUs,
-                               .wall_us = recordings_.anchor().WallOfBoot(latest) / kNsPerUs,
+    beginning_ = GreetingJson({.now_us = all.end / kNsPerUs,
+                               .wall_us = recordings_.anchor().WallOfBoot(all.end) / kNsPerUs,
                                .title = Title(),
                                .line = Has(RecordingKind::kLine),
                                .log = Has(RecordingKind::kLog)});
@@ -132,6 +155,10 @@ shdclient::Status RecordingFeed::ReadStates() {
     for (const McuState& told : states) {
         if (const auto state = fold.Push(told)) Append(beginning_, ItemJson(*state));
     }
+    // Where no recording of events reaches, a sensor without samples is not silent.
+    if (!events.begin) events = {.begin = all.end, .end = all.end};
+    Append(beginning_, UnrecordedJson(all.begin.value_or(0), *events.begin));
+    unrecorded_behind_ = UnrecordedJson(events.end, all.end);
     return shdclient::Success();
 }
 

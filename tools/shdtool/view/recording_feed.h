@@ -36,7 +36,8 @@ class RecordingFeed final : public Feed {
 
     const timeline::Recordings recordings_;
     std::vector<std::string> warnings_;
-    std::string beginning_;  // the items that come first: greeting and states
+    std::string beginning_;          // the items that come first: greeting and states
+    std::string unrecorded_behind_;  // and last: the time behind the recordings of events
 
     Mutex mutex_;
     CondVar changed_;  // with mutex_: something of a session, or the end

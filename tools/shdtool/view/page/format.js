@@ -54,6 +54,7 @@ export const stateWords = {
 export const lostWords = {
   hub: ['no connection to shd', 'no connection', 'no link'],
   tool: ['lost on the way to this tool', 'lost on the way', 'lost'],
+  file: ['not in a recording of events', 'not recorded', ''],
   perhaps: ['perhaps lost on the way to this tool', 'perhaps lost'],
   page: ['this browser did not keep up', 'browser too slow', 'lost'],
 };

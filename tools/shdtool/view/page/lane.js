@@ -42,6 +42,7 @@ export class Lane {
     ctx.textBaseline = 'middle';
     this.used = [];
     for (const span of store.lost.within(clock.from, clock.to)) {
+      if (span.cause === 'file') continue; // of the strips alone
       ctx.globalAlpha = span.cause === 'perhaps' ? 0.12 : 0.35;
       this.box(colour.lost, span.t, span.e ?? this.scope.now(), 0, height);
       ctx.globalAlpha = 1;

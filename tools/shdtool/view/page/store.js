@@ -303,6 +303,7 @@ const takers = {
   },
   missed: (store, item) => store.lose(item.certain ? 'tool' : 'perhaps', item.t, item.e),
   dropped: (store, item) => store.lose('page', item.t, item.e),
+  unrecorded: (store, item) => store.lose('file', item.t, item.e),
   clients(store, item) {
     for (const client of item.list) {
       const name = `${client.name} ${client.pid} ${client.socket}`;

@@ -157,7 +157,7 @@ class Strip {
       ctx.fillRect(area.x, Math.round(y(tick)), area.w, 1);
     }
     this.shade(ctx, area, x, y);
-    for (const span of this.scope.store.lost.within(clock.from, clock.to)) this.block(ctx, area, x(span.t), x(span.e ?? this.scope.now()), span.cause === 'perhaps' ? 'perhaps' : 'lost', lostWords[span.cause]);
+    for (const span of this.scope.store.lost.within(clock.from, clock.to)) if (span.cause !== 'file' || this.options.kind !== 'load') this.block(ctx, area, x(span.t), x(span.e ?? this.scope.now()), span.cause === 'perhaps' ? 'perhaps' : 'lost', lostWords[span.cause]);
     ctx.fillStyle = colour.faint;
     ctx.textAlign = 'left';
     let below = Infinity;
@@ -237,15 +237,21 @@ export class SensorStrip extends Strip {
     }
     ctx.fillStyle = colour.accent;
     for (const flush of this.sensor.flushes.within(clock.from, clock.to)) ctx.fillRect(x(flush.t), area.y + area.h - 7, 2, 7);
-    const quiet = this.sensor.quiet(this.scope.now());
-    if (!quiet || this.scope.dead()) return;
+    const quiet = this.quiet();
+    if (!quiet) return;
     const from = Math.max(this.sensor.samples.last, this.sensor.since);
     if (from < clock.to) this.block(ctx, area, x(from), x(this.scope.now()), 'bad', [`SILENT for ${duration(quiet)}`, `SILENT ${duration(quiet)}`, 'SILENT']);
   }
 
+  // Behind the recordings of events nobody knows whether it was silent.
+  quiet() {
+    const now = this.scope.now();
+    return this.scope.dead() || this.scope.store.lostWithin(now, now)?.cause === 'file' ? 0 : this.sensor.quiet(now);
+  }
+
   tell(t) {
     const {sensor, scope} = this;
-    const now = scope.now(), quiet = scope.dead() ? 0 : sensor.quiet(now);
+    const now = scope.now(), quiet = this.quiet();
     const rate = sensor.periodic ? sensor.rate(t) : null;
     const parts = [];
     if (!sensor.on) parts.push('off');
