@@ -9,6 +9,7 @@
 
 #include "tests/integration/hub.h"
 #include "tests/integration/tool.h"
+#include "tests/integration/tool_recording.h"
 #include "tests/support/talk.h"
 
 namespace {
@@ -192,6 +193,19 @@ TEST(ToolView, GivesADeadLinkNoHealthyFaceWithoutLineAndLog) {
     hub.StopDaemon();
     page.Await(R"({"k":"connection","up":false})");
     page.Await(R"({"k":"state","s":"down"})");
+}
+
+TEST(ToolView, ARecordingOfEventsGoesOnBehindItsLastSample) {
+    const std::string events = NewPath("events");
+    auto writer = Must(shdtool::RecordWriter::Create(events, true));
+    writer.BeginAt(kBegin);
+    writer.Add(SampleOf(0, kBegin + kSec, kBegin + kSec));
+    ASSERT_TRUE(writer.Close(kBegin + 60 * kSec).ok());
+    Page page("/nonexistent", events);
+    EXPECT_EQ(page.Await(R"({"k":"hello"})")["now"], (kBegin + 60 * kSec) / 1'000);
+    page.Await(R"({"k":"sample"})");
+    EXPECT_FALSE(page.Had(R"({"k":"unrecorded"})"));
+    unlink(events.c_str());
 }
 
 TEST(ToolView, EndsOnEachSignalAndHasItsPortAlone) {

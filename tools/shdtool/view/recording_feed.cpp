@@ -136,7 +136,10 @@ shdclient::Status RecordingFeed::ReadStates() {
     Span events;
     for (const Recording& file : recordings_.files()) {
         if (file.kind == RecordingKind::kEvents) {
-            for (const timeline::Time at : {file.begin, file.end}) events.Cover(at);
+            for (const timeline::Time at : {file.begin, file.end}) {
+                events.Cover(at);
+                all.Cover(at);  // also when the last sensor fell silent long before
+            }
         }
         const auto read = recordings_.Read(file, [&](const Item& item) {
             if (const auto at = PassedAt(item)) all.Cover(*at);
