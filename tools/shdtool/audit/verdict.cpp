@@ -33,7 +33,7 @@ std::optional<SpacingVerdict> JudgeSpacing(const SensorStats& stats, const Audit
     GapCounter gaps(limits.stats.gap_factor);
     for (const int64_t spacing_ns : stats.spacings()) {
         if (spacing_ns == kSequenceBreak) {
-            gaps.Finish();
+            gaps.Break();
             continue;
         }
         gaps.Add(spacing_ns, gap_period_ns);
@@ -42,7 +42,7 @@ std::optional<SpacingVerdict> JudgeSpacing(const SensorStats& stats, const Audit
         const auto* end = std::upper_bound(kSpacingClasses.begin(), kSpacingClasses.end(), periods);
         ++verdict.histogram[static_cast<size_t>(end - kSpacingClasses.begin())];
     }
-    gaps.Finish();
+    gaps.Break();
     verdict.gaps = gaps.gaps();
     verdict.missing = gaps.missing();
     verdict.late = gaps.late();

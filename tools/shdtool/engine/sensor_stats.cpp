@@ -64,7 +64,7 @@ void SensorStats::Restart(int64_t at_ns) {
     from_ns_ = at_ns;
     broken_ = true;
     batch_fill_ = 0;
-    gaps_.Finish();
+    gaps_.Break();
     if (!spacings_.empty() && spacings_.back() != kSequenceBreak) {
         spacings_.push_back(kSequenceBreak);
     }
@@ -98,7 +98,7 @@ void SensorStats::AddSpacing(const shdclient::WatchedEvent& event) {
         period_ns > 0 ? static_cast<double>(spacing_ns) / static_cast<double>(period_ns) : 0;
     if (periods > options_.gap_factor && WasMissed(from_ns, event.decoded.timestamp_ns)) {
         lost_here_ += static_cast<uint64_t>(std::llround(periods) - 1);
-        gaps_.Finish();
+        gaps_.Break();
         Push(kSequenceBreak);
         return;
     }

@@ -24,6 +24,7 @@ constexpr double kMostMissing = 1e15;  // exact in a double
 constexpr double kMadeUpPeriods = 0.5;
 constexpr double kEarlyPeriods = 0.5;
 constexpr double kMadeUpShare = 0.05;
+constexpr double kLastingShare = 0.9;  // of the worst lag: nothing is being made up for
 
 // The value that the given part of the others is below; changes their order.
 int64_t Quantile(std::vector<int64_t>& values, size_t part, size_t parts) {
@@ -108,11 +109,11 @@ void GapCounter::Add(int64_t spacing_ns, int64_t period_ns) {
         late_ += delays_;
         Close();
     } else if (--patience_ == 0) {
-        Finish();
+        GiveUp();
     }
 }
 
-void GapCounter::Finish() {
+void GapCounter::GiveUp() {
     if (delays_ == 0) return;
     const uint64_t presumed = PresumedMissing();
     if (presumed == 0) {
@@ -122,6 +123,15 @@ void GapCounter::Finish() {
         missing_ += presumed;
     }
     Close();
+}
+
+void GapCounter::Break() {
+    if (was_long_ || lag_ < worst_lag_ * kLastingShare) {
+        late_ += delays_;
+        Close();
+    } else {
+        GiveUp();
+    }
 }
 
 uint64_t GapCounter::presumed_gaps() const {

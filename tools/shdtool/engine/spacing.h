@@ -23,19 +23,21 @@ class GapCounter {
     // The next distance of two samples, of whatever sign; the period is above 0.
     void Add(int64_t spacing_ns, int64_t period_ns);
 
-    // Nothing follows: what was not made up for until here is missing.
-    void Finish();
+    // What follows is another sequence, or nothing: what was just being made up for was late, for
+    // all that anybody can tell; a lag that lasted is missing.
+    void Break();
 
     // A gap is a run of long spacings, for the stamps spread a lost batch over the next one.
     [[nodiscard]] uint64_t gaps() const { return gaps_; }
     [[nodiscard]] uint64_t missing() const { return missing_; }  // samples, over all gaps
     [[nodiscard]] uint64_t late() const { return late_; }        // such runs that were made up for
 
-    // gaps() and what would be gaps if nothing followed: at once what gaps() says later.
+    // gaps() and what will be gaps if it is not made up for.
     [[nodiscard]] uint64_t presumed_gaps() const;
 
   private:
     [[nodiscard]] uint64_t PresumedMissing() const;
+    void GiveUp();  // what was not made up for until here is missing
     void Close();
 
     const double factor_;
