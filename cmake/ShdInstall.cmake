@@ -11,9 +11,9 @@ set(SHD_GENERATED ${PROJECT_BINARY_DIR}/packaging)
 install(TARGETS shd RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT runtime)
 # The prefix may be chosen as late as at the installation.
 install(CODE "
-  set(SBINDIR \${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_SBINDIR})
-  set(LIBEXECDIR \${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBEXECDIR})
-  configure_file(${SHD_PACKAGING}/systemd/shd.service.in ${SHD_GENERATED}/shd.service @ONLY)"
+  set(SBINDIR \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_SBINDIR}\")
+  set(LIBEXECDIR \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBEXECDIR}\")
+  configure_file(\"${SHD_PACKAGING}/systemd/shd.service.in\" \"${SHD_GENERATED}/shd.service\" @ONLY)"
   COMPONENT runtime)
 install(FILES ${SHD_GENERATED}/shd.service ${SHD_PACKAGING}/systemd/shd-control.socket
   ${SHD_PACKAGING}/systemd/shd-data.socket
@@ -77,6 +77,7 @@ install(FILES ${SHD_GENERATED}/shdclient.pc
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME shd)
 set(CPACK_PACKAGE_CONTACT "The shd maintainers <root@localhost>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "") # each package's own is the first line of its description
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_COMPONENTS_ALL runtime dev)
@@ -88,13 +89,13 @@ set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME shd)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "systemd (>= 252), passwd")
 set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "sensor-hub daemon
- The one program that talks to the sensor microcontroller, with its units and
- shdtool, the command line for bring-up.")
+The one program that talks to the sensor microcontroller, with its units and
+shdtool, the command line for bring-up.")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${SHD_PACKAGING}/debian/postinst
   ${SHD_PACKAGING}/debian/prerm ${SHD_PACKAGING}/debian/postrm)
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libshdclient-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_DESCRIPTION "client library of the sensor-hub daemon
- Static library and headers for programs that talk to shd, and mcusim, the
- simulated microcontroller to try them with.")
+Static library and headers for programs that talk to shd, and mcusim, the
+simulated microcontroller to try them with.")
 include(CPack)

@@ -3,6 +3,7 @@
 # units, as a service manager hands them over, and the removal leaves nothing.
 # Usage: package_test.sh BUILD_DIRECTORY/packages; called by scripts/check, as root.
 set -euo pipefail
+umask 022
 cd "$(dirname "$0")/../.."
 packages=$(realpath "${1:?usage: package_test.sh BUILD_DIRECTORY/packages}")
 source tests/packaging/hub.sh
@@ -15,6 +16,10 @@ touch "$root/var/lib/dpkg/status" "$root/etc/passwd" "$root/etc/group" "$root/et
     "$root/etc/gshadow"
 echo 0 >"$root/proc/mcusleep/lpm"
 find "$root" -not -path "$root/var*" | sort >"$work/before"
+
+for package in "$packages"/*.deb; do
+    ! dpkg-deb -c "$package" | grep '^d' | grep -v '^drwxr-xr-x' || fail "$package: not for everybody"
+done
 
 # on_root OPTION...: dpkg on the root; the scripts run outside and are told by DPKG_ROOT.
 on_root() {
