@@ -11,10 +11,12 @@ root=$work/root
 bin=$root/usr/bin
 
 [ "$EUID" -eq 0 ] || fail "installing packages takes root"
-mkdir -p "$root/etc/systemd/system" "$root"/var/lib/dpkg/{info,updates} "$root"/proc/{mcu,mcusleep}
+mkdir -p "$root"/{etc/systemd/system,nvdata} "$root"/var/lib/dpkg/{info,updates} "$root"/proc/{mcu,mcusleep}
 touch "$root/var/lib/dpkg/status" "$root/etc/passwd" "$root/etc/group" "$root/etc/shadow" \
     "$root/etc/gshadow"
 echo 0 >"$root/proc/mcusleep/lpm"
+echo 5 >"$root/nvdata/BARO" # of an earlier installation, whose user had another number
+chown 12345 "$root/nvdata/BARO"
 find "$root" -not -path "$root/var*" | sort >"$work/before"
 
 for package in "$packages"/*.deb; do
@@ -33,7 +35,15 @@ for path in data/mcudumplog data/logdata/sensor data/property nvdata; do
     [ -d "$root/$path" ] || fail "no $path"
 done
 [ "$(cat "$root/proc/mcusleep/lpm")" = 1 ] || fail "the low-power file is not given back"
-[ -L "$root/etc/systemd/system/multi-user.target.wants/shd.service" ] || fail "not part of the boot"
+[ "$(stat -c %u "$root/nvdata/BARO")" = "$(stat -c %u "$root/nvdata")" ] ||
+    fail "not allowed to its calibration"
+boot=$root/etc/systemd/system/multi-user.target.wants/shd.service
+[ -L "$boot" ] || fail "not part of the boot"
+rm "$boot"
+on_root --install "$packages"/*.deb
+[ ! -L "$boot" ] || fail "an upgrade enables what was disabled"
+! dpkg-deb -I "$packages"/shd_*.deb postinst | grep -E 'systemctl (re)?start ' ||
+    fail "an upgrade starts what did not run"
 for page in man8/shd.8 man1/shdtool.1; do
     page=$root/usr/share/man/$page
     [ "$(file -b --mime-type "$page")" != application/gzip ] || gunzip "$page"
