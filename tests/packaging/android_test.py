@@ -103,7 +103,7 @@ MODULES = {
     "cc_library_static": {"name", "defaults", "vendor_available", "host_supported", "srcs", "rtti",
                           "export_include_dirs"},
     "cc_test": {"name", "defaults", "host_supported", "device_supported", "srcs", "exclude_srcs",
-                "local_include_dirs", "static_libs", "test_suites"},
+                "local_include_dirs", "ldflags", "test_suites"},
 }
 
 
@@ -158,6 +158,9 @@ def check_bp(text, database):
              {s for s in all_sources if s.startswith("tools/client/")}),
             ("shd_unit_tests", sources(by_name["shd_unit_tests"]),
              tests | daemon - {"core/main.cpp", "platform/time_posix.cpp"}),
+            ("ldflags", by_name["shd_unit_tests"].get("ldflags", []),
+             {f"-Wl,--wrap={name}" for name in re.findall(r"\b__wrap_(\w+)\(",
+                                                          read("tests/support/platform.cpp"))}),
             ("shared_libs", by_name["shd"].get("shared_libs", []), [libraries[h] for h in headers]),
             ("flag", [f"{name} {key}: {value}" for name, module in by_name.items()
                       for key, value in module.items() if isinstance(value, bool)],
@@ -225,6 +228,7 @@ class Android(PackagingCase):
             ("tests/unit/core_test", "tests/unit/main_test", "tests/unit/core_test.cpp is missing"),
             ("android/shd.rc", "android/init.rc", "init_rc: android/shd.rc is missing"),
             ("rtti: false,", "", "flag: shd rtti: False is missing"),
+            ("wrap=open", "wrap=close", "ldflags: -Wl,--wrap=open is missing"),
             ("rtti: false,", "rtti: ,", "Expecting value"),
             ("rtti: false,", "rtti: false, rtti: true,", "a property twice"),
             ('"liblog",', "", "shared_libs: liblog is missing"),
