@@ -13,11 +13,18 @@ start_daemon "$DEVICE" "$bin/shd"
 mkdir -p "$DEVICE/data/mcudumplog"
 echo dump >"$DEVICE/data/mcudumplog/mcudump_0"
 
-scripts/adb-hub --refresh 1 >"$work/adb-hub.log" 2>&1 &
+echo "error: device unauthorized." >"$DEVICE.trouble"
+! scripts/adb-hub 2>"$work/said" || fail "a device that is not there is one"
+grep -q unauthorized "$work/said" || fail "no reason: $(cat "$work/said")"
+rm "$DEVICE.trouble"
+
+mkdir "$work/with space"
+TMPDIR="$work/with space" scripts/adb-hub --refresh 1 >"$work/adb-hub.log" 2>&1 &
 hub=$!
 pids+=("$hub")
 eventually "it says where the hub is" grep -q SHD_ROOT= "$work/adb-hub.log"
-tree=$(sed -n 's/.*export SHD_ROOT=//p' "$work/adb-hub.log")
+printed=$(grep -o 'SHD_ROOT=.*' "$work/adb-hub.log")
+eval "tree=${printed#SHD_ROOT=}"
 
 events_flow "$tree"
 "$bin/shdtool" --root "$tree" status >"$work/status"
@@ -40,3 +47,10 @@ for socket in shdctl shddata; do
     grep -qx "forward --remove localfilesystem:$tree/dev/socket/$socket" "$DEVICE.adb" ||
         fail "$socket stays forwarded"
 done
+
+rm "$DEVICE.logcat"
+scripts/adb-hub --refresh 600 >"$work/adb-hub.log" 2>&1 &
+pids+=($!)
+eventually "it follows the log again" grep -q . "$DEVICE.logcat"
+kill "$(cat "$DEVICE.logcat")"
+eventually "it ends with the device, not with the next pull" grep -q "went away" "$work/adb-hub.log"

@@ -12,7 +12,7 @@ end_test() {
         kill "$pid" 2>/dev/null || true
         wait "$pid" 2>/dev/null || true
     done
-    [ "$status" -eq 0 ] || tail -n 20 "$work"/*.log >&2
+    [ "$status" -eq 0 ] || tail -n 20 "$work"/*.log >&2 || true
     rm -rf "$work"
     exit "$status"
 }
