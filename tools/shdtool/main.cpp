@@ -20,9 +20,9 @@ int Main(int argc, char** argv) {
         (void)std::fputs(parsed.text.c_str(), stdout);
         return kExitSuccess;
     }
-    const Command* command =
-        parsed.command < 0 ? nullptr : &AllCommands()[static_cast<size_t>(parsed.command)];
-    const std::string name = command != nullptr ? command->line.name : "";
+    const auto& commands = AllCommands();
+    const size_t row = parsed.command < 0 ? commands.size() : static_cast<size_t>(parsed.command);
+    const std::string name = row < commands.size() ? commands[row].line.name : "";
     if (!parsed.error.empty()) {
         // What follows the mistake was not parsed any more.
         const bool json = std::any_of(argv, argv + argc, [](const char* argument) {
@@ -35,7 +35,7 @@ int Main(int argc, char** argv) {
                                                    : shdclient::DefaultRoot();
     context.json = context.arguments.Has("--json");
     context.timeout_sec = context.arguments.Number("--timeout");
-    return RunCommand(*command, context);
+    return RunCommand(commands[row], context);
 }
 
 }  // namespace

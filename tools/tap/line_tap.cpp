@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <fstream>
 #include <span>
+#include <tuple>
 #include <utility>
 
 #include "protocol/system.h"
@@ -51,6 +52,12 @@ std::optional<std::string> DaemonOf(const std::string& device) {
         }
     }
     return std::nullopt;
+}
+
+bool AreSame(const termios& a, const termios& b) {
+    return std::tie(a.c_iflag, a.c_oflag, a.c_cflag, a.c_lflag) ==
+               std::tie(b.c_iflag, b.c_oflag, b.c_cflag, b.c_lflag) &&
+           cfgetispeed(&a) == cfgetispeed(&b) && cfgetospeed(&a) == cfgetospeed(&b);
 }
 
 // Bytes that could be written are gone from the buffer.
@@ -178,7 +185,7 @@ void LineTap::TellBytes(wire::StepKind kind, const uint8_t* bytes, size_t count)
 void LineTap::PassOnSettings() {
     termios wanted{};
     if (tcgetattr(near_.get(), &wanted) != 0) return;
-    if (settings_ && std::memcmp(&*settings_, &wanted, sizeof wanted) == 0) return;
+    if (settings_ && AreSame(*settings_, wanted)) return;
     const wire::LineSettings meaning = Meaning(wanted);
     const bool told = settings_ && Meaning(*settings_) == meaning;
     settings_ = wanted;

@@ -66,7 +66,7 @@ Outcome ListDumps(Context& context) {
 // FILE as it is; or when no such file exists and it is the number of a slot, that slot's text, or
 // its raw file when that is wanted and there.
 std::string ResolveFile(const Context& context, bool raw) {
-    const std::string file = context.arguments.Text("FILE");
+    std::string file = context.arguments.Text("FILE");
     const bool is_slot = file.size() == 1 && file[0] >= '0' && file[0] < '0' + kDumpSlots;
     std::error_code error;
     if (!is_slot || std::filesystem::exists(file, error)) return file;

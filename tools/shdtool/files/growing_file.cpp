@@ -10,7 +10,7 @@ namespace shdtool {
 
 shdclient::Status GrowingFile::Create(const std::string& path, bool force) {
     path_ = path;
-    if (const auto writable = CheckWritable(path); !writable) return writable;
+    if (auto writable = CheckWritable(path); !writable) return writable;
     file_.reset(std::fopen(path.c_str(), force ? "we" : "wxe"));
     if (!file_ && errno == EEXIST) {
         return shdclient::Error{shdclient::ErrorCode::kInvalidArgument,

@@ -163,7 +163,7 @@ std::string EpisodeFold::TimedOutRequest(std::string_view text) {
     }
     const size_t colon = text.find(" :");
     if (!text.starts_with(kSensor) || !text.ends_with(kTimeout) || colon == text.npos) return "";
-    const std::string command(text.substr(kSensor.size(), colon - kSensor.size()));
+    std::string command(text.substr(kSensor.size(), colon - kSensor.size()));
     const SensorMention mention = FindMention(text);
     if (mention.handles.empty()) return command;
     return fmt::format("{} {}", command, NamesOf(mention.handles, "/"));

@@ -35,9 +35,9 @@ void PlotCanvas::Line(Dot from, Dot to) {
     const double slope = to.x > from.x ? (to.y - from.y) / (to.x - from.x) : 0;
     if (from.x < 0) from = {0, from.y - from.x * slope};
     if (to.x > columns) to = {columns, to.y - (to.x - columns) * slope};
-    const double steps = std::ceil(std::max(to.x - from.x, std::abs(to.y - from.y)));
-    for (double step = 0; step <= steps; ++step) {
-        const double part = steps > 0 ? step / steps : 0;
+    const auto steps = std::lround(std::ceil(std::max(to.x - from.x, std::abs(to.y - from.y))));
+    for (long step = 0; step <= steps; ++step) {
+        const double part = steps > 0 ? static_cast<double>(step) / static_cast<double>(steps) : 0;
         const double x = std::floor(from.x + (to.x - from.x) * part);
         const double y = std::round(from.y + (to.y - from.y) * part);
         if (x >= columns || y < 0 || y >= rows) continue;
