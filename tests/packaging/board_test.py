@@ -59,6 +59,8 @@ def check_socket(text):
         complaints.append(f"{name}: is not of the clients' group")
     if unit.get("SocketMode") != "0660":
         complaints.append(f"{name}: is open to others")
+    if unit.get("FlushPending") != "yes":
+        complaints.append(f"{name}: one client repeats a failing update")
     return complaints
 
 
@@ -119,6 +121,7 @@ class Board(PackagingCase):
                 ("Stream=/dev/socket", "Stream=/run", "is not at /dev/socket"),
                 ("Group=sensors", "Group=root", "is not of the clients' group"),
                 ("0660", "0666", "is open to others"),
+                ("FlushPending=yes", "", "one client repeats a failing update"),
             ])
 
     def test_directories_and_the_tty_agree_with_the_code(self):
