@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # The guide's program, built against an installed client library by find_package and by pkg-config,
-# follows a hub across a restart of its daemon; each installed header compiles alone.
+# follows a hub across restarts of its MCU and of its daemon; each installed header compiles alone.
 # Usage: client_example_test.sh BUILD_DIRECTORY [PREFIX]; called by ctest, and for the packages.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
@@ -36,16 +36,25 @@ while read -r header; do
         <<<"#include \"$header\"" || fail "$header does not compile alone"
 done < <(find "$prefix/include/shdclient" -name '*.h' -printf '%P\n')
 
+samples() { grep -c 'm/s^2' "$work/seen" || true; }
+# more_samples WHEN: ten of them, counted from now.
+more_samples() {
+    local before
+    before=$(samples)
+    reached() { [ "$(samples)" -ge $((before + 10)) ]; }
+    eventually "samples $1" reached
+}
 start_board "$work/tree"
+SHD_ROOT=$work/tree "$work/example/build/my_hal" 1000000 >"$work/seen" 2>"$work/example.log" &
+pids+=($!)
 start_daemon "$work/tree" "$bin/shd"
-SHD_ROOT=$work/tree timeout 100 "$work/example/build/my_hal" 100 >"$work/seen" &
-example=$!
-pids+=("$example")
-eventually "ten samples" sh -c "[ \$(grep -c 'm/s^2' '$work/seen') -ge 10 ]"
+more_samples "of a daemon that came later"
 grep -q "flush complete" "$work/seen" || fail "the flush never ended"
-kill "${pids[1]}"
-wait "${pids[1]}" || true
+"$bin/mcusim" --root "$work/tree" --send crash
+eventually "a recovery ends" grep -q SensorWakeLockAcquiredLocked.*:0 "$work/tree.log"
+more_samples "of an MCU that was restarted"
+kill "${pids[2]}"
+wait "${pids[2]}" || true
 start_daemon "$work/tree" "$bin/shd"
-wait "$example" || fail "the example ended with $?: $(tail -n 3 "$work/seen")"
-sed -n '/^reconnected/,$p' "$work/seen" | grep -q 'm/s^2' || fail "no samples of the new daemon"
+more_samples "of a new daemon"
 SHD_ROOT=$work/tree timeout 60 "$work/by_pkg_config" 10 >/dev/null || fail "that of pkg-config failed"
