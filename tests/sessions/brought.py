@@ -92,18 +92,22 @@ class Frames:
 class Line:
     def __init__(self, path):
         self.steps, self.walls, begin = [], [], None
-        for line in pathlib.Path(path).read_text().split("\n"):
+        *whole, _ = pathlib.Path(path).read_text("latin-1").split("\n")  # the last may be cut off
+        for number, line in enumerate(whole, 1):
             words = line.split(None, 2)
             if len(words) < 3 or line.startswith("#"):
                 continue
-            at = float(words[0])
-            if words[1] == "@":
-                self.walls.append((at, float(words[2].split()[0]) - at))
-            elif words[1] in "<>!":
-                begin = at if begin is None else begin
-                # A reply and what is said behind it may have come together.
-                pieces = FRAMES.findall(words[2]) if words[1] == "<" else words[2:]
-                self.steps += [Step(at - begin, words[1], piece) for piece in pieces]
+            try:
+                at = float(words[0])
+                if words[1] == "@":
+                    self.walls.append((at, float(words[2].split()[0]) - at))
+                elif words[1] in "<>!":
+                    begin = at if begin is None else begin
+                    # A reply and what is said behind it may have come together.
+                    pieces = FRAMES.findall(words[2]) if words[1] == "<" else words[2:]
+                    self.steps += [Step(at - begin, words[1], piece) for piece in pieces]
+            except ValueError:
+                raise bench.Failure(f"{path}:{number}: damaged, or no recording") from None
         if not self.steps or not self.walls:
             raise bench.Failure(f"{path}: no steps, or none that tells the time of day")
         self.walls = [(at - begin, ahead + begin) for at, ahead in self.walls]
@@ -172,6 +176,8 @@ def read_log(path, line):
 def read_events(path):
     """(handle, data without zeros at the end) of each event of a recording; a flush as handle + 64."""
     data, at, events = pathlib.Path(path).read_bytes(), 32, []
+    if not data.startswith(b"SHDREC\x1a\n"):
+        raise bench.Failure(f"{path}: no recording of events")
 
     def skip_number():
         nonlocal at
@@ -183,7 +189,7 @@ def read_events(path):
         while data[at] != 0xFF:
             code, at = data[at], at + 1
             skip_number()
-            if code == 0x82 or code < 0x40:
+            if code in (0x82, 0x83) or code < 0x40:
                 skip_number()
             if code < 0x40:
                 size = EVENT_BYTES[code]

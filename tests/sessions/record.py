@@ -17,7 +17,9 @@ import play
 
 QUIET_SEC = 0.06  # without anything new: the daemon has done what it was told
 NOISE_SEC = 1.5  # a stream that never pauses is cut after this
-PRELUDE = 'hub() { echo "$*" >&"$HUB_TO"; read -r hub_answer <&"$HUB_FROM"; }; export -f hub;'
+PRELUDE = '''hub() { echo "$*" >&"$HUB_TO"; read -r answer <&"$HUB_FROM"; [ "$answer" = ok ]; }
+export -f hub
+'''
 VERSION_REQUEST = bytes(12) + bytes([13]) + bytes(19)
 SHORTENED = ("--boot-delay", "--flash-time-scale")  # to nothing
 HELP = """commands find programs and tree in PATH and SHD_ROOT, and 'hub' with one of:
@@ -118,7 +120,7 @@ class Recorder(bench.Bench):
             self.do(" ".join(words))
             getattr(self, verb)(*rest)
         else:
-            print(f"hub {verb}: not known", file=sys.stderr)
+            raise bench.Failure("not known; --help lists what is")
 
     def logged(self, text):
         for i, (_, line) in enumerate(self.got["log"][self.log_seen:], self.log_seen + 1):
@@ -168,8 +170,12 @@ class Recorder(bench.Bench):
                 order = orders.readline()
                 if not order:
                     break
-                self.obey(shlex.split(order))
-                os.write(obeyed, b"ok\n")
+                try:
+                    self.obey(shlex.split(order))
+                    os.write(obeyed, b"ok\n")
+                except (bench.Failure, OSError, ValueError, IndexError) as failure:
+                    print(f"hub {order.strip()}: {failure}", file=sys.stderr)
+                    os.write(obeyed, b"no\n")
             elif not self.step():
                 self.serve()
         if shell.wait() != 0:
@@ -204,7 +210,7 @@ def main():
     parser.add_argument("--title", default="", help="what happens, in a line")
     parser.add_argument("--before", default="", help="commands before everything starts")
     parser.add_argument("--mcusim", default="", help="options for the simulated MCU")
-    parser.add_argument("--gap", default="0.1", help="longest pause kept at play, in s")
+    parser.add_argument("--gap", type=float, default=0.1, help="longest pause kept at play, in s")
     parser.add_argument("--again", action="store_true", help="as its file was recorded before")
     parser.add_argument("commands", nargs="*", help="default: a shell")
     brought = parser.add_argument_group("of a hub elsewhere, whose daemon was started meanwhile")
@@ -219,8 +225,14 @@ def main():
     path = pathlib.Path(arguments.name)
     if path.suffix != ".session":
         path = here / (arguments.name + ".session")
+    if path.exists() and not arguments.again:
+        parser.error(f"{path} exists: remove it, take another name, or record it --again")
+    if not path.parent.is_dir():
+        parser.error(f"there is no directory {path.parent}")
+    if arguments.tree and not os.path.isdir(arguments.tree):
+        parser.error(f"there is no directory {arguments.tree}")
     fields = {"title": arguments.title, "before": arguments.before, "mcusim": arguments.mcusim,
-              "gap": arguments.gap, "commands": "\n".join(arguments.commands)}
+              "gap": str(arguments.gap), "commands": "\n".join(arguments.commands)}
     if arguments.again:
         for line in path.read_text().split("\n"):
             words = line.split(" ", 2)
@@ -246,5 +258,7 @@ def main():
 if __name__ == "__main__":
     try:
         main()
-    except bench.Failure as failure:
+    except (bench.Failure, OSError) as failure:
         sys.exit(f"scripts/session: {failure}")
+    except KeyboardInterrupt:
+        sys.exit(130)
