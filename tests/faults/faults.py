@@ -6,6 +6,7 @@ import argparse
 import asyncio
 import os
 import pathlib
+import resource
 import signal
 import sys
 import tempfile
@@ -18,6 +19,7 @@ from hub import Failed, Hub
 from wire import KINDS
 
 STRIKES = ('kill', 'hangup')
+CASE_SEC = 900  # for a case on a machine with hundreds of them; the longest has taken 110
 PAGE = pathlib.Path(__file__).resolve().parents[2] / 'docs/faults.md'
 
 
@@ -119,10 +121,12 @@ class Result:
 
 async def run(name, make):
     try:
-        lost, took = await make()
+        lost, took = await asyncio.wait_for(make(), CASE_SEC)
         return Result(name, None, lost, took)
     except Failed as error:
         return Result(name, str(error))
+    except asyncio.TimeoutError:
+        return Result(name, f'no end, or no answer of mcusim, within {CASE_SEC} s')
     except Exception:  # a fault of the matrix itself shows as one of its case
         return Result(name, traceback.format_exc())
 
@@ -186,18 +190,29 @@ def write_page(text):
     PAGE.write_text(f'{head}{begin}{text}\n{end}{tail}')
 
 
+def begins(case, name):
+    return f'{case}/'.startswith(name.rstrip('/') + '/')
+
+
 async def matrix(options, groups):
-    await asyncio.gather(*(learn() for learn in {group.learn for group in groups} if learn))
-    cases = []
+    task = asyncio.current_task()
+    asyncio.get_running_loop().add_signal_handler(signal.SIGTERM, task.cancel)
+    try:
+        await asyncio.gather(*(learn() for learn in {group.learn for group in groups} if learn))
+    except Failed as error:
+        sys.exit(f'scripts/faults: already a hub without a fault is broken: {error}')
+    cases, unknown = [], set(options.names)
     for group in groups:
-        mine = group.cases()
+        mine = [case for case in group.cases()
+                if not options.names or any(begins(case[0], name) for name in options.names)]
+        unknown -= {name for name in unknown if any(begins(case[0], name) for case in mine)}
         if options.quick:
             share = max(1, len(mine) * len(groups) // options.quick)
             mine = mine[options.offset % share::share]
         cases += mine
-    if options.names:
-        cases = [case for case in cases
-                 if any(case[0] == name or case[0].startswith(name + '/') for name in options.names)]
+    if unknown:
+        sys.exit(f'scripts/faults: no case is called {", ".join(sorted(unknown))}, nor begins so '
+                 'up to a /; --list names them')
     if options.list:
         print('\n'.join(name for name, _ in cases))
         return 0
@@ -212,18 +227,27 @@ async def matrix(options, groups):
             print(f'{name}: passed at the second attempt, alone; first: {error}')
     seconds = time.monotonic() - begin
     print(f'{len(results)} cases, {len(failed)} failed, {len(again)} tried twice, {seconds:.0f} s')
+    if failed:
+        print(f'a case again: scripts/faults {failed[0].name}')
     if not options.names and not options.quick:
         write_page(measured(groups, results, again, seconds))
     return 1 if failed else 0
 
 
+def count(text):
+    if int(text) < 1:
+        raise ValueError
+    return int(text)
+
+
 def main():
-    parser = argparse.ArgumentParser(description=__doc__)
+    parser = argparse.ArgumentParser(prog='scripts/faults', description=__doc__)
     parser.add_argument('names', nargs='*', help='a case, or what its name begins with up to a /')
-    parser.add_argument('--binaries', type=pathlib.Path, required=True)
-    parser.add_argument('--quick', nargs='?', type=int, const=150, help='a sample of so many cases, as many of each group')
+    parser.add_argument('--binaries', type=pathlib.Path, required=True, help=argparse.SUPPRESS)
+    parser.add_argument('--quick', nargs='?', type=count, const=150,
+                        help='a sample of so many cases, as many of each group')
     parser.add_argument('--offset', type=int, default=3, help='of the sample')
-    parser.add_argument('--jobs', type=int, default=200 * os.cpu_count())
+    parser.add_argument('--jobs', type=count, default=200 * os.cpu_count(), help='side by side')
     parser.add_argument('--once', action='store_true', help='no second attempt for a failure')
     parser.add_argument('--list', action='store_true', help='only the names of the cases')
     options = parser.parse_args()
@@ -233,10 +257,14 @@ def main():
         groups = [group for group in GROUPS
                   if any(name.split('/')[0] == group.name for name in options.names)]
     asyncio.set_child_watcher(asyncio.PidfdChildWatcher())
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))  # the hubs take themselves down
+    most = resource.getrlimit(resource.RLIMIT_NOFILE)[1]  # a hub has about ten descriptors
+    resource.setrlimit(resource.RLIMIT_NOFILE, (most, most))
     with tempfile.TemporaryDirectory(prefix='shd-faults.') as scratch:
         Hub.scratch = scratch
-        return asyncio.run(matrix(options, groups))
+        try:
+            return asyncio.run(matrix(options, groups))
+        except (KeyboardInterrupt, asyncio.CancelledError):  # the hubs have taken themselves down
+            return 130
 
 
 if __name__ == '__main__':

@@ -2,6 +2,7 @@
 directories, descriptors, memory or a steady clock."""
 
 import asyncio
+import errno
 import os
 import pathlib
 import resource
@@ -102,6 +103,13 @@ MISSING = ['nvdata', 'data/property', 'data/logdata', 'data/mcudumplog', 'data',
            'proc/mcu', 'system/bin/mcu.bin']
 
 
+def refused(path):
+    try:
+        return path.write_bytes(bytes(4096)) == 0
+    except OSError as error:
+        return error.errno in (errno.ENOSPC, errno.EROFS)
+
+
 async def disk_case(kind, when):
     async with Hub() as hub:
         hub.wrapper = ('unshare', '-rm', 'sh', '-c', MOUNT[kind] + 'exec "$0"')
@@ -109,6 +117,9 @@ async def disk_case(kind, when):
             shutil.rmtree(hub.directory)
             hub.__dict__.update(updating().__dict__, wrapper=hub.wrapper)
         await hub.in_service()
+        for place in ('data', 'nvdata'):
+            seen = pathlib.Path(f'/proc/{hub.daemon.pid}/root{hub.path(place)}', 'probe')
+            require(refused(seen), f'{place} can be written')
         client = await hub.client()
         await all_well(client, WRITING)
         return 1, await crashes_and_recovers(hub)

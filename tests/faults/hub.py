@@ -72,13 +72,16 @@ class Hub:
         self.environment = {}
         self.held = 0.0  # seconds that its first start was kept waiting for those of others
         self.log, self.seen, self.news = [], 0, asyncio.Event()
+        self.ordered = False  # a fault of the line, from the MCU that runs
         self.simulator = self.daemon = None
         self.tasks, self.writers = [], []
 
     async def __aenter__(self):
         return self
 
-    async def __aexit__(self, *_):
+    async def __aexit__(self, _, error, __):
+        if isinstance(error, Failed) and self.log:
+            error.args = ('\n    '.join([f'{error}; the log ends with', *self.log[-6:]]),)
         for writer in self.writers:
             writer.close()
         for process in (self.daemon, self.simulator):
@@ -106,6 +109,7 @@ class Hub:
                 self.binaries / 'mcusim', '--root', self.root, '--baud', '0', '--boot-delay', '0',
                 '--flash-time-scale', '0', *self.options, stdout=asyncio.subprocess.PIPE,
                 stderr=errors)
+        self.ordered = False
         ready = await self.simulator.stdout.readline()
         require(b'ready' in ready, 'mcusim does not start')
         self.channel = await self.connect('mcusim')
@@ -118,6 +122,7 @@ class Hub:
 
     async def tell(self, *commands):
         """Carries them out in one go; the last one's answer behind "ok"."""
+        self.ordered = self.ordered or commands[0].startswith('fault ')
         reader, writer = self.channel
         writer.write(''.join(command + '\n' for command in commands).encode())
         for command in commands:
@@ -128,8 +133,10 @@ class Hub:
     async def stats(self):
         return json.loads(await self.tell('stats'))
 
-    async def fault_happened(self):
+    async def fault_happened(self, limit=PATIENCE_SEC):
+        deadline = time.monotonic() + limit
         while (await self.stats())['line_faults'] == 0:
+            require(time.monotonic() < deadline, 'the byte of the fault never came')
             await asyncio.sleep(0.05)
 
     def recorded(self):
@@ -243,7 +250,7 @@ class Hub:
             reply = await client.ask(*VERSION, limit=limit)
             require(reply is not None, 'the daemon has ended or dropped a client')
             if reply[16:].startswith(b'SIM.900.'):
-                return
+                return await self.fault_happened(0) if self.ordered else None
             require(time.monotonic() < deadline, f'no exchange works within {limit} s')
 
     async def in_service(self):

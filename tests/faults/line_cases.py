@@ -263,7 +263,7 @@ async def learn_recovery():
         learnt()['recovery'] = {'in': streams['in'], 'out': streams['out'][dump:]}
 
 
-async def recovery_case(direction, byte, kind, skip=None):
+async def recovery_case(direction, byte, kind, skip=None, judge=lambda hub: None):
     async with Hub() as hub:
         await recovering(hub)
         if skip is None and direction == 'out':
@@ -287,11 +287,19 @@ async def recovery_case(direction, byte, kind, skip=None):
                 on = any(sensor['id'] == number and sensor['active'] for sensor in sensors)
                 require(on or hub.count(f':{number} timeout') or kind in ('power', 'hangup'),
                         f'sensor {number} is off after the recovery')
+        judge(hub)
         return lost, took
 
 
 async def dump_case(direction, byte, kind):
-    return await recovery_case(direction, byte, kind, skip=0)
+    piece = frames(learnt()['dump'][direction], aborts=False)
+    arrives = frames(touched(learnt()['dump'][direction], byte, kind), aborts=False) == piece
+
+    def stored(hub):
+        dump = hub.path('data/mcudumplog/mcudump_0')
+        require(dump.exists() == arrives and (not arrives or dump.read_bytes() == piece[0][4:]),
+                'the dump that is stored')
+    return await recovery_case(direction, byte, kind, 0, stored)
 
 
 # An update.
@@ -356,4 +364,6 @@ async def update_case(direction, byte, kind):
         flash = hub.path('mcusim/flash.bin').read_bytes()
         require(flash[:PAYLOAD] == image()[-PAYLOAD:], 'the flash does not hold the image')
         require(not flash[PAYLOAD:FLASH].strip(b'\xff'), 'the flash holds more than the image')
+        version = hub.path('data/property/persist.mcu.version')
+        require(not hub.count('mcu_update ok') or version.read_text() == NEW, 'the property')
         return starts - 1, took
