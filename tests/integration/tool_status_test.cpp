@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <regex>
 #include <sstream>
 
@@ -82,6 +83,28 @@ TEST(ToolStatus, AHubThatIsNotThereIsStatusThree) {
     const ToolRun clients = RunTool(hub.root(), "clients");
     EXPECT_EQ(clients.status, 3);
     EXPECT_NE(clients.err.find("no daemon: nobody listens on"), std::string::npos) << clients.err;
+}
+
+// A link to itself is what a file of another user is: there, but not to be read, by root neither.
+TEST(ToolStatus, DoesNotTakeWhatItMayNotReadForAbsent) {
+    Hub hub;
+    hub.StartSimulator();
+    for (const char* path : {"/nvdata/accclibration", "/nvdata/BARO", "/data/mcudumplog",
+                             "/data/logdata", "/data/property/persist.velmar.shd.mcureboot"}) {
+        const std::string link = hub.root() + path;
+        std::filesystem::create_directories(std::filesystem::path(link).parent_path());
+        std::filesystem::remove(link);
+        std::filesystem::create_symlink(link, link);
+    }
+    const json status = RunTool(hub.root(), "status --json").json();
+    for (const char* row :
+         {"accelerometer_calibration", "pressure_calibration", "core_dumps", "raw_data_alg.txt",
+          "raw_data_hrm.txt", "persist.velmar.shd.mcureboot"}) {
+        EXPECT_EQ(status[row]["verdict"], "warn") << row;
+        EXPECT_EQ(status[row].value("problem", "").find("not known, cannot read"), 0U) << row;
+    }
+    const ToolRun dumps = RunTool(hub.root(), "dump list");
+    EXPECT_NE(dumps.err.find("cannot read"), std::string::npos) << dumps.out << dumps.err;
 }
 
 TEST(ToolClients, NamesWhoLosesDataAndNobodyElse) {

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -63,8 +64,16 @@ Check Failed(std::string name, std::string text, Json fields = {}) {
     return {std::move(name), Verdict::kFailed, std::move(text), std::move(fields)};
 }
 
+// When it is there but not for this user, who may be another one than the daemon's.
+std::optional<Check> Hidden(const std::string& name, const std::string& path, int mode = R_OK) {
+    if (access(path.c_str(), mode) == 0 || errno == ENOENT || errno == ENOTDIR) return std::nullopt;
+    return Warning(name, fmt::format("not known, cannot read {}: {}", path, std::strerror(errno)));
+}
+
 Check CheckProperty(std::string_view root, const Property& property) {
-    const auto value = ReadWholeFile(PathBelow(root, "/data/property/") + property.name);
+    const std::string path = PathBelow(root, "/data/property/") + property.name;
+    if (auto hidden = Hidden(property.name, path)) return *hidden;
+    const auto value = ReadWholeFile(path);
     if (!value) {
         return Note(property.name, fmt::format("not set: {}", property.unset),
                     {{"value", nullptr}});
@@ -106,6 +115,7 @@ Check CheckImage(std::string_view root, std::optional<ImageReport>& image) {
 Check CheckCalibrationFile(std::string_view root, const char* name, const char* device_path,
                            Check (*judge)(std::string_view)) {
     const std::string path = PathBelow(root, device_path);
+    if (auto hidden = Hidden(name, path)) return *hidden;
     if (!Exists(path)) return Note(name, "none stored, 0 is used");
     const auto content = ReadWholeFile(path);
     return content ? judge(*content) : Warning(name, content.error().message + "; 0 is used");
@@ -114,6 +124,7 @@ Check CheckCalibrationFile(std::string_view root, const char* name, const char* 
 Check CheckDumps(std::string_view root) {
     constexpr const char* kName = "core dumps";
     const std::string directory = PathBelow(root, shd::kDumpDir);
+    if (auto hidden = Hidden(kName, directory, X_OK)) return *hidden;
     if (!Exists(directory)) {
         return Warning(kName, directory +
                                   " is missing: a dump of the MCU would be lost; make the "
@@ -134,6 +145,7 @@ Check CheckDumps(std::string_view root) {
 Check CheckRawLog(std::string_view root, const char* file) {
     const std::string name = std::string("raw data ") + file;
     const std::string path = PathBelow(root, shd::kRawDataDir) + file;
+    if (auto hidden = Hidden(name, path)) return *hidden;
     const auto content = ReadWholeFile(path);
     if (!content) return Note(name, "none", {{"bytes", 0}});
     return Good(name, fmt::format("{} bytes in {}", content->size(), path),

@@ -3,7 +3,9 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <string>
 
@@ -33,6 +35,10 @@ std::string SizeColumn(const std::optional<DumpFile>& file) {
 
 Outcome ListDumps(Context& context) {
     const std::string directory = shdclient::PathBelow(context.root, shd::kDumpDir);
+    if (access(directory.c_str(), X_OK) != 0 && errno != ENOENT && errno != ENOTDIR) {
+        return Error{ErrorCode::kInvalidArgument,
+                     fmt::format("cannot read {}: {}", directory, std::strerror(errno))};
+    }
     std::error_code error;
     if (!std::filesystem::is_directory(directory, error)) {
         return Error{ErrorCode::kInvalidArgument,
