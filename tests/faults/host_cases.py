@@ -2,6 +2,7 @@
 directories, descriptors, memory or a steady clock."""
 
 import asyncio
+import contextlib
 import errno
 import os
 import pathlib
@@ -9,8 +10,9 @@ import resource
 import shutil
 import time
 
-from hub import IN_SERVICE, REPLY_BYTES, REQUEST, VERSION, Failed, Hub, eventually, require
-from line_cases import (FOLLOWERS, LONG, RECOVERY, RESTORED, SHORT, SLACK, UPDATED, updating)
+from hub import EVENT_BYTES, IN_SERVICE, REPLY_BYTES, REQUEST, VERSION, Failed, Hub, eventually, require
+from line_cases import (FOLLOWERS, LOCK, LONG, RECOVERY, RESTORED, SHORT, SLACK, UPDATED, recovering,
+                        updating, without_gestures)
 
 # Requests that make the daemon write a property, a calibration, logs; all of them succeed.
 WRITING = [(0, 6, bytes([1, 2])), (0, 14, b'\1'), (0, 5, b''), (0, 7, b'\3'), (19, 0, b''),
@@ -67,6 +69,28 @@ async def dying_client(name, sent, read=None):
         await hub.works(SLACK)
         frames += len(FOLLOWERS) + 1 + asks
         require((await hub.stats())['frames_in'] == frames, 'the MCU got requests of nobody')
+        return 0, time.monotonic() - begin
+
+
+async def dying_reader(read):
+    """A client of the events dies within a record; another one gets every event whole."""
+    async with Hub() as hub:
+        without_gestures(hub)
+        await hub.in_service()
+        client = await hub.client()
+        await all_well(client, [(26, 0, b'')])
+        before = descriptors(hub)
+        reader, writer = await hub.connect('shddata')
+        events = await hub.events()  # behind it in the daemon's list
+        await asyncio.wait_for(reader.readexactly(read), SLACK)
+        begin = time.monotonic()
+        writer.transport.abort()
+        for number in range(1, 11):
+            await hub.tell('tilt')
+            await eventually('the event', lambda n=number: len(events) >= n, SLACK)
+        await eventually('its descriptor is closed', lambda: descriptors(hub) <= before + 2, SLACK)
+        require(all(handle == 26 and record[:4] == bytes([104, 0, 0, 0])
+                    for handle, record in events[:10]), 'an event that is none')
         return 0, time.monotonic() - begin
 
 
@@ -245,25 +269,50 @@ async def memory_case(extra):
 
 # The clock.
 
-async def clock_case(seconds):
-    """The clock is set back (seconds > 0) or forward (by more than the limit) while a reply is waited for. Back:
-    nothing is lost. Forward: the wait ends at once, and the late reply goes to the next request,
-    so that requests that are alike show what is lost."""
+@contextlib.asynccontextmanager
+async def jumping_hub():
+    """A hub, and what lets its clock jump: a function of seconds and the calls of it before."""
     async with Hub() as hub:
         jump = pathlib.Path(hub.directory, 'jump')
         hub.environment = {'LD_PRELOAD': str(Hub.binaries / 'clock_jump.so'),
                            'SHD_CLOCK_JUMP': str(jump)}
+        yield hub, lambda seconds, calls: jump.write_text(f'{seconds} {calls}')
+        require(not jump.exists(), 'the clock has not jumped')
+
+
+async def clock_case(seconds):
+    """The clock is set back (seconds > 0) or forward (by more than the limit) while a reply is
+    waited for. Back: nothing is lost. Forward: the wait ends at once, and the late reply goes to
+    the next request, so that requests that are alike show what is lost."""
+    async with jumping_hub() as (hub, jump):
         await hub.in_service()
         client = await hub.client()
         await hub.tell('delay 200')
         begin = time.monotonic()
-        jump.write_text(str(seconds))
+        jump(seconds, 0)
         reply = await client.ask(*VERSION, limit=LONG + SLACK)
-        jump.unlink()
         require((reply[16:24] == b'SIM.900.') == (seconds > 0), 'the wait with the jump')
         await hub.tell('delay 0')
         await hub.works(SLACK)
         return int(seconds < 0), time.monotonic() - begin
+
+
+async def clock_on_the_way(when, call, seconds):
+    """Likewise at one of the waits of a start-up or of a recovery, which ends all the same."""
+    async with jumping_hub() as (hub, jump):
+        if when == 'recovery':
+            await recovering(hub)
+        else:
+            await hub.start_mcu()
+            await hub.start()
+        await hub.tell('delay 100')  # each reply is waited for
+        jump(seconds, call)
+        begin = time.monotonic()
+        if when == 'recovery':
+            await hub.tell('crash 1')
+        await hub.logged(LOCK + '0' if when == 'recovery' else IN_SERVICE, limit=2 * RECOVERY + SLACK)
+        await hub.works(2 * LONG + RECOVERY + SLACK)
+        return 1, time.monotonic() - begin
 
 
 def clients():
@@ -274,6 +323,8 @@ def clients():
         yield f'control-reply/{read or 0}', lambda n=read: dying_client('shdctl', 32, n)
     for sent in (0, 1, 512, 1023, 1025):
         yield f'data/{sent}', lambda n=sent: dying_client('shddata', n)
+    for read in (1, 52, EVENT_BYTES - 1):
+        yield f'data-record/{read}', lambda n=read: dying_reader(n)
 
 
 def system():
@@ -292,3 +343,8 @@ def system():
         yield f'memory/{extra}', lambda n=extra: memory_case(n)
     for seconds in (-86_400, -3600, -11, 3, 3600, 86_400):
         yield f'clock/{seconds}', lambda n=seconds: clock_case(n)
+    for when, calls in (('start-up', 4), ('recovery', 15)):
+        for call in range(calls):
+            for seconds in (-3600, 3600):
+                yield (f'clock/{when}/{call}/{seconds}',
+                       lambda w=when, c=call, s=seconds: clock_on_the_way(w, c, s))

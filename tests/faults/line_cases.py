@@ -365,5 +365,6 @@ async def update_case(direction, byte, kind):
         require(flash[:PAYLOAD] == image()[-PAYLOAD:], 'the flash does not hold the image')
         require(not flash[PAYLOAD:FLASH].strip(b'\xff'), 'the flash holds more than the image')
         version = hub.path('data/property/persist.mcu.version')
-        require(not hub.count('mcu_update ok') or version.read_text() == NEW, 'the property')
+        require(not hub.count('mcu_update ok') or version.exists() and version.read_text() == NEW,
+                'the property does not name the version')
         return starts - 1, took
