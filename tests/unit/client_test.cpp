@@ -2,15 +2,18 @@
 // test as the daemon.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "tools/client/event_decoder.h"
 #include "tools/client/event_stream.h"
+#include "tools/client/event_watcher.h"
 #include "tools/client/hub_client.h"
 
 using namespace shd;
@@ -164,6 +167,36 @@ TEST(EventStream, DeliversWhatCameBeforeTheDaemonLeft) {
     daemon.Reset();
     EXPECT_EQ(*stream.Read(events), 1U);
     EXPECT_EQ(stream.Read(events).error().code, ErrorCode::kDisconnected);
+}
+
+// As adb does it for a daemon that is not there.
+TEST(EventWatcher, TakesAConnectionThatIsClosedAtOnceForNone) {
+    std::string root = testing::TempDir() + "watchXXXXXX";
+    ASSERT_NE(mkdtemp(root.data()), nullptr);
+    std::filesystem::create_directories(root + "/dev/socket");
+    EventWatcher watcher(root, {});
+    std::vector<WatchedEvent> events;
+    const auto poll = [&](int ms) { return *watcher.Poll(std::chrono::milliseconds(ms), events); };
+    EXPECT_EQ(poll(0), WatchChange::kNone) << "there is no socket";
+
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    (root + "/dev/socket/shddata").copy(address.sun_path, sizeof(address.sun_path) - 1);
+    const UniqueFd listener(socket(AF_UNIX, SOCK_STREAM, 0));
+    ASSERT_EQ(bind(listener.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    ASSERT_EQ(listen(listener.get(), 5), 0);
+    for (int round = 0; round < 3; ++round) {
+        EXPECT_EQ(poll(0), WatchChange::kNone);
+        UniqueFd(accept(listener.get(), nullptr, nullptr)).Reset();
+        EXPECT_EQ(poll(0), WatchChange::kNone);
+        EXPECT_FALSE(watcher.connected());
+    }
+    EXPECT_EQ(poll(-1), WatchChange::kReconnected);
+    const UniqueFd daemon(accept(listener.get(), nullptr, nullptr));
+    Write(daemon, kAccelerometer);
+    EXPECT_EQ(poll(-1), WatchChange::kNone);
+    EXPECT_EQ(events.size(), 1U);
+    std::filesystem::remove_all(root);
 }
 
 }  // namespace

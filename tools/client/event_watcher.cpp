@@ -14,6 +14,10 @@ namespace {
 
 constexpr std::chrono::milliseconds kReconnectInterval{100};
 
+// A connection that has lasted so long without events leads to a daemon. Who stands between the
+// two, as adb does, takes one for a daemon that is not there, and closes it at once.
+constexpr int64_t kProofNs = 100'000'000;
+
 // The smallest send buffer that a system gives a socket takes some 280 events, each with what the
 // kernel needs beside it. A reader that finds nearly as many after a while cannot have seen all.
 constexpr size_t kFullBacklogBytes = 200 * sizeof(SensorEvent);
@@ -35,6 +39,7 @@ Status EventWatcher::Open() {
     Result<EventStream> stream = EventStream::Connect(root_);
     if (!stream) return stream.error();
     stream_ = std::move(*stream);
+    opened_ns_ = 0;
     looked_ns_ = 0;
     return Success();
 }
@@ -51,7 +56,7 @@ bool EventWatcher::Wanted(const DecodedEvent& event) const {
 
 Result<WatchChange> EventWatcher::Poll(std::chrono::milliseconds timeout,
                                        std::vector<WatchedEvent>& events) {
-    if (!stream_) return TryToReconnect(timeout);
+    if (!connected()) return TryToReconnect(timeout);
     pollfd ready{stream_->fd(), POLLIN, 0};
     // A process can be stopped between any two lines: each time is the one that hides no
     // standstill.
@@ -95,15 +100,25 @@ Result<WatchChange> EventWatcher::ReadEvents(std::vector<WatchedEvent>& events) 
 }
 
 WatchChange EventWatcher::TryToReconnect(std::chrono::milliseconds timeout) {
-    // The pause comes first: a daemon that is being killed may still take connections when it has
-    // closed ours.
-    do {
-        const auto pause = std::min(timeout, kReconnectInterval);
-        if (poll(nullptr, 0, static_cast<int>(pause.count())) < 0) break;
-        if (Open()) return WatchChange::kReconnected;
-        timeout -= pause;
-    } while (timeout.count() > 0);
-    return WatchChange::kNone;
+    for (;;) {
+        const auto pause =
+            timeout.count() < 0 ? kReconnectInterval : std::min(timeout, kReconnectInterval);
+        // The pause comes first: a daemon that is being killed may still take connections when it
+        // has closed ours.
+        pollfd ready{fd(), POLLIN, 0};
+        const int came = poll(&ready, 1, static_cast<int>(pause.count()));
+        if (came < 0) return WatchChange::kNone;
+        if (!stream_) {
+            if (Open()) opened_ns_ = BootTimeNs();
+        } else if (came > 0 && stream_->Backlog() == 0) {
+            stream_.reset();  // closed again before anything came
+        } else if (came > 0 || BootTimeNs() - opened_ns_ >= kProofNs) {
+            opened_ns_ = 0;
+            return WatchChange::kReconnected;
+        }
+        if (timeout.count() > 0) timeout -= pause;
+        if (timeout.count() == 0) return WatchChange::kNone;
+    }
 }
 
 }  // namespace shdclient

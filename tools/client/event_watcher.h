@@ -50,10 +50,11 @@ class EventWatcher {
     // The first connection. Errors as EventStream::Connect; call it again to try again.
     [[nodiscard]] Status Open();
 
-    // Waits at most timeout for events and appends those that have arrived. Returns at once when
-    // some have, when the connection changed, or when a signal was caught (no events, kNone): the
-    // caller looks at its flags and calls again. While disconnected it tries to reconnect every
-    // 100 ms within the timeout. Fails only with kDisconnected, and only without reconnect.
+    // Waits at most timeout (negative: without end) for events and appends those that have arrived.
+    // Returns at once when some have, when the connection changed, or when a signal was caught (no
+    // events, kNone): the caller looks at its flags and calls again. While disconnected it tries to
+    // reconnect every 100 ms within the timeout; kReconnected comes with the first events or 100 ms
+    // later. Fails only with kDisconnected, and only without reconnect.
     [[nodiscard]] Result<WatchChange> Poll(std::chrono::milliseconds timeout,
                                            std::vector<WatchedEvent>& events);
 
@@ -63,11 +64,11 @@ class EventWatcher {
         return std::exchange(missed_, std::nullopt);
     }
 
-    [[nodiscard]] bool connected() const { return stream_.has_value(); }
+    [[nodiscard]] bool connected() const { return stream_ && opened_ns_ == 0; }
     // Bytes dropped in search of the next record, over all connections: not 0 means that the
     // daemon had to cut a record because events were not read fast enough.
     [[nodiscard]] uint64_t discarded_bytes() const;
-    // For a poll loop of the caller's own; -1 while disconnected.
+    // For a poll loop of the caller's own; -1 while there is no connection.
     [[nodiscard]] int fd() const { return stream_ ? stream_->fd() : -1; }
 
   private:
@@ -78,6 +79,7 @@ class EventWatcher {
     const std::string root_;
     const WatchOptions options_;
     std::optional<EventStream> stream_;
+    int64_t opened_ns_ = 0;  // of a reconnection that may be closed again at once; 0: of none
     uint64_t discarded_earlier_ = 0;
     int64_t looked_ns_ = 0;  // when the socket was last found empty, or began to be emptied
     std::optional<MissedSpan> missed_;
