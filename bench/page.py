@@ -19,6 +19,7 @@ class Row:
     digits: int = 2
     unit: str = ""
     reason: str = ""  # why it is not met
+    least: float = 0  # that is possible
 
     @property
     def median(self):
@@ -28,7 +29,7 @@ class Row:
         return self.median <= self.limit
 
     def is_sane(self):
-        return bool(self.values) and 0 <= self.median < 1e6
+        return bool(self.values) and self.least <= self.median < 1e6
 
     def show(self, value):
         return f"{value:.{self.digits}f}{self.unit}"
@@ -102,7 +103,8 @@ def goals(results, pauses_ms):
     soak = results[("soak",)]["shd"]
     events = sum(row["delivered"] for row in soak[1:])
     rows.append(Row(f"private memory: growth over {events / 1e6:.3g} million events", 0,
-                    [soak[-1]["private_kib"] - soak[0]["private_kib"]], 0, " KiB"))
+                    [soak[-1]["private_kib"] - soak[0]["private_kib"]], 0, " KiB",
+                    least=-soak[0]["private_kib"]))
     idle = results[("idle",)]["shd"]
     rows.append(Row(f"wake-ups in {idle[0]['wall_ns'] / 1e9:.0f} s without a byte", 0,
                     [row["switches"] for row in idle], 0))
