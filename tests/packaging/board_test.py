@@ -15,6 +15,7 @@ from project import ROOT, PackagingCase, System, compare, content, read, reasons
 SYSTEM = System()
 PROPERTIES = "/data/property"
 REQUEST_BYTES = 80  # of an open request: its record, its node, what malloc adds
+IMAGE_BYTES = 1 << 20  # of the largest MCU that one would put an image into
 MAX_EXPOSURE = 6  # tenths, of systemd-analyze security: what the unit has, so that it loses nothing
 # What a unit grants; everything else in it only takes away.
 GRANTS = ("(ExecStartPre=[+]|User|DeviceAllow|ReadWritePaths|RestrictAddressFamilies|Limit|MemoryMax|"
@@ -42,6 +43,10 @@ def check_service(text):
                       ("Restart", ["on-failure"])):
         if values(key) != want:
             complaints.append(f"shd.service: {key} is not {want}")
+    erase = int(re.search(r"kMassEraseTimeout\{(\d+)\}", read("update_mcu/bootloader_commands.h"))[1])
+    failing = int(values("StartLimitBurst")[0]) * (erase + IMAGE_BYTES * 11 // 115200)
+    if int(values("StartLimitIntervalSec")[0].removesuffix("min")) * 60 < 2 * failing:
+        complaints.append("shd.service: failing updates that take long go on for ever")
     most = int(re.search(r"kMaxOpenRequests = (\d+)", read("sockets/control_server.h"))[1])
     needed = int("".join(values("LimitNOFILE"))) * most * REQUEST_BYTES >> 20
     if int(values("MemoryMax")[0].removesuffix("M")) <= needed:
@@ -108,6 +113,7 @@ class Board(PackagingCase):
             ("ProtectProc=", "ProcSubset=", "ProcSubset hides the control files"),
             ("MemoryMax=128M", "MemoryMax=64M", "MemoryMax is below"),
             ("NOFILE=256", "NOFILE=2048", "MemoryMax is below"),
+            ("IntervalSec=60min", "IntervalSec=10min", "failing updates that take long go on"),
             ("ExitStatus=255", "ExitStatus=254", "RestartPreventExitStatus is not"),
             ("BoundingSet=", "BoundingSet=CAP_KILL", "CapabilityBoundingSet is not"),
             ("shd-data.socket\n# As root", "\n# As root", "Sockets: shd-data.socket is missing"),
