@@ -9,7 +9,7 @@ import struct
 import bench
 
 LOG_LINE = re.compile(r"(\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}) +(\d+) +(\d+) (.*)")
-TAGS = re.compile(r"\w (shd|shd_serial|update_mcu) *:")
+TAGS = re.compile(r"\w (shd|shd_hdlc|shd_serial|update_mcu|mcu) *:")
 LOG_SEC = 0.001  # between the times of two lines
 ZONE_SEC = 900  # zones differ by a multiple of this
 MATCH_SEC = 2
@@ -174,8 +174,9 @@ def read_log(path, line):
 
 
 def read_events(path):
-    """(handle, data without zeros at the end) of each event of a recording; a flush as handle + 64."""
-    data, at, events = pathlib.Path(path).read_bytes(), 32, []
+    """(handle, data without zeros at the end, number of the gap before it) of each event of a
+    recording; a flush as handle + 64."""
+    data, at, events, gaps = pathlib.Path(path).read_bytes(), 32, [], 0
     if not data.startswith(b"SHDREC\x1a\n"):
         raise bench.Failure(f"{path}: no recording of events")
 
@@ -189,14 +190,15 @@ def read_events(path):
         while data[at] != 0xFF:
             code, at = data[at], at + 1
             skip_number()
+            gaps += code in (0x80, 0x82)  # the connection was lost, or events
             if code in (0x82, 0x83) or code < 0x40:
                 skip_number()
             if code < 0x40:
                 size = EVENT_BYTES[code]
-                events.append((code, data[at:at + size].rstrip(b"\0")))
+                events.append((code, data[at:at + size].rstrip(b"\0"), gaps))
                 at += size
             elif code < 0x80:
-                events.append((code, b""))
+                events.append((code, b"", gaps))
     except IndexError:
         pass  # it was cut off
     return events

@@ -127,9 +127,10 @@ def compared(log, events, capture):
             else:
                 there[event.flushed | 0x40].append(b"")
         brought = collections.defaultdict(list)
-        for name, data in events:
-            brought[name].append(data)
-        missing = [name for name, data in brought.items() if not contains(there[name], data)]
+        for name, data, gap in events:
+            brought[name, gap].append(data)
+        missing = dict.fromkeys(name for (name, _), data in brought.items()
+                                if not contains(there[name], data))
         said.append(f"all {len(events)} events came again" if not missing else
                     "not all events came again, or others between them: of handle " +
                     ", ".join(f"{n & 0x3F} (flushed)" if n & 0x40 else str(n) for n in missing))
@@ -141,7 +142,7 @@ def make(programs, path, fields, line_path, log_path, events_path, tree):
     line = Line(line_path)
     log = read_log(log_path, line)
     events = read_events(events_path) if events_path else []
-    seen = {handle for handle, _ in events}
+    seen = {handle for handle, _, _ in events}
     rotation = GAME_ROTATION if GAME_ROTATION in seen and ROTATION not in seen else ROTATION
     steps = draft(line, actions_of(line, log, rotation))
     puts = [f"#: put {file.relative_to(tree)} {bench.text_of(file.read_bytes())}"

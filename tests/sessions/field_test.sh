@@ -34,11 +34,11 @@ recorder=$!
 until_true test -e "$kept/events"
 for command in 'enable accelerometer --rate 50 --batch 5' 'enable step-detector' \
     'enable game-rotation-vector --rate 20' 'enable motion-health --period 1000' \
-    'info gyroscope' 'flush accelerometer'; do
+    'info gyroscope' 'flush accelerometer' 'calibrate accelerometer'; do
     # shellcheck disable=SC2086
     shdtool $command >/dev/null
 done
-mcusim --send 'steps +3' --send crash >/dev/null
+mcusim --send 'log all is well' --send 'steps +3' --send crash >/dev/null
 until_true grep -q 'AcquiredLocked :1' "$kept/log"
 shdtool info gyroscope >/dev/null 2>&1 || true # refused: the MCU is away
 until_true grep -q 'AcquiredLocked :0' "$kept/log"
