@@ -343,6 +343,8 @@ TEST_F(RecordFile, GivesWhatIsWholeOfADamagedFile) {
     EXPECT_THAT(damage_, testing::HasSubstr("unknown kind 3"));
     EXPECT_EQ(Read(std::string(kGolden).replace(23, 1, "\x7f")).size(), 0u);
     EXPECT_THAT(damage_, testing::HasSubstr("begins at an impossible time"));
+    EXPECT_EQ(Read(std::string(kGolden).replace(16, 8, std::string(7, '\0') + "\x80")).size(), 0u);
+    EXPECT_THAT(damage_, testing::HasSubstr("begins at an impossible time"));
     EXPECT_EQ(Read(kGolden.substr(0, 33) + std::string(8, '\xff') + "\x7f").size(), 0u);
     EXPECT_THAT(damage_, testing::HasSubstr("impossible arrival time"));
     EXPECT_EQ(Read(kGolden.substr(0, 32) + "\x83\x02" + std::string(9, '\xff') + "\1").size(), 0u);

@@ -46,7 +46,7 @@ constexpr int64_t kClocksEveryNs = 60'000'000'000;
 
 // Far beyond any uptime, and small enough for sums of differences.
 constexpr int64_t kMaxTimeNs = int64_t{1} << 57;
-constexpr int64_t kMaxWallNs = int64_t{1} << 62;  // some time in the year 2116
+constexpr int64_t kMaxWallNs = (int64_t{1} << 62) - 1;  // some time in the year 2116
 
 constexpr int kNumberBits = 7;
 constexpr uint8_t kMoreFollows = 0x80;
@@ -82,6 +82,10 @@ Error Unusable(const std::string& message) {
 
 Error WriteFailure(const std::string& what) {
     return {ErrorCode::kSystem, fmt::format("cannot {}: {}", what, std::strerror(errno))};
+}
+
+bool IsWithin(int64_t ns, int64_t limit_ns) {
+    return ns >= -limit_ns && ns <= limit_ns;
 }
 
 }  // namespace
@@ -188,7 +192,7 @@ shdclient::Result<RecordReader> RecordReader::Open(const std::string& path) {
             fmt::format("{} is a recording of version {}; this shdtool reads versions {} to {}",
                         path, header.version, kOldestVersion, expected.version));
     }
-    if (std::abs(header.begin_ns) > kMaxTimeNs || std::abs(header.epoch_ns) > kMaxWallNs) {
+    if (!IsWithin(header.begin_ns, kMaxTimeNs) || !IsWithin(header.epoch_ns, kMaxWallNs)) {
         return Unusable(path + " begins at an impossible time");
     }
     const wire::Clocks begin{std::chrono::nanoseconds(header.epoch_ns),
@@ -234,7 +238,7 @@ int64_t RecordReader::Signed() {
 int64_t RecordReader::TimeBefore(int64_t ns, int64_t distance_ns, const char* damage) {
     int64_t time_ns = 0;
     const bool overflow = __builtin_sub_overflow(ns, distance_ns, &time_ns);
-    if (overflow || time_ns < -kMaxTimeNs || time_ns > kMaxTimeNs) Damaged(damage);
+    if (overflow || !IsWithin(time_ns, kMaxTimeNs)) Damaged(damage);
     return time_ns;
 }
 
@@ -300,12 +304,13 @@ Delivery RecordReader::ReadEntry(uint8_t code) {
 void RecordReader::ReadClocks() {
     cut_ = "is cut off within its clocks,";
     arrival_ns_ = ArrivalTime("holds an impossible time");
+    if (damage_) return;
     const wire::Clocks& begin = clocks_.front();
     const std::chrono::nanoseconds boot(arrival_ns_);
     const int64_t expected_ns = (begin.wall + boot - begin.boot).count();
     int64_t wall_ns = 0;
     const bool overflow = __builtin_add_overflow(expected_ns, Signed(), &wall_ns);
-    if (overflow || std::abs(wall_ns) > kMaxWallNs) Damaged("holds an impossible wall clock");
+    if (overflow || !IsWithin(wall_ns, kMaxWallNs)) Damaged("holds an impossible wall clock");
     if (!damage_) clocks_.push_back({std::chrono::nanoseconds(wall_ns), boot});
     cut_ = "was not closed, its recording broke off: it ends";
 }
