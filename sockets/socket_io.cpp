@@ -1,4 +1,4 @@
-// Record I/O on client sockets, used by both servers and by the control commands.
+// Record I/O on client sockets, used by both servers.
 #include "sockets/socket_io.h"
 
 #include <sys/socket.h>

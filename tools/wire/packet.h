@@ -39,7 +39,7 @@ enum Command : uint8_t {
     kCommandSetClock = 1,  // of kServiceClock
 };
 
-// First byte of a reply's data; 0 is success.
+// The status byte of a reply; 0 is success.
 enum Status : uint8_t { kStatusOk = 0, kStatusUnsupported = 1, kStatusBadArgument = 2 };
 
 using Bytes = std::vector<uint8_t>;

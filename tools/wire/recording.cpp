@@ -57,7 +57,7 @@ Bytes ParseHex(std::string_view text) {
 
 using Words = std::span<const std::string>;  // behind the time and the sign
 
-void ParseHostBytes(RecordedStep& step, Words words) {
+void ParseBytes(RecordedStep& step, Words words) {
     step.bytes = ParseHex(words[0]);
 }
 
@@ -95,12 +95,9 @@ struct Form {
 };
 
 constexpr Form kForms[] = {
-    {">", StepKind::kHostBytes, 1, ParseHostBytes},
-    {"<", StepKind::kMcuBytes, 1, ParseHostBytes},
-    {"!", StepKind::kPin, 2, ParsePin},
-    {"@", StepKind::kClocks, 2, ParseClocks},
-    {"?", StepKind::kGate, 1, ParseGate},
-    {"%", StepKind::kSettings, 2, ParseSettings},
+    {">", StepKind::kHostBytes, 1, ParseBytes}, {"<", StepKind::kMcuBytes, 1, ParseBytes},
+    {"!", StepKind::kPin, 2, ParsePin},         {"@", StepKind::kClocks, 2, ParseClocks},
+    {"?", StepKind::kGate, 1, ParseGate},       {"%", StepKind::kSettings, 2, ParseSettings},
 };
 
 RecordedStep ParseStep(const std::string& text) {
