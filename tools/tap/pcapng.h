@@ -14,7 +14,6 @@ namespace tap {
 // which of Message::Kind it is, and who spoke (0: host, 1: MCU). A pin's packet holds its number
 // (0: boot0, 1: reset) and its level; the settings' one the speed as 32 bits, little-endian, and 1
 // for even parity.
-inline constexpr size_t kCaptureHeaderBytes = 2;
 inline constexpr uint16_t kCaptureLinkType = 147;
 
 // Section header and the description of the one interface, times in nanoseconds.

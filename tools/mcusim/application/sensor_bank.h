@@ -32,9 +32,8 @@ class SensorBank {
         int32_t batch = 0;  // samples to a report as commanded
         TimePoint last_sample{0};
         std::optional<TimePoint> next_sample;
-        Bytes pending;            // samples taken and not yet reported
-        uint32_t last_value = 0;  // of a sensor that reports on change
-        uint64_t generated = 0;   // counts of samples, from the start of the simulator
+        Bytes pending;           // samples taken and not yet reported
+        uint64_t generated = 0;  // counts of samples, from the start of the simulator
         uint64_t sent = 0;
         uint64_t dropped = 0;    // found the send buffer full
         uint64_t discarded = 0;  // still pending when the sensor was switched off
