@@ -4,7 +4,6 @@
 #include <cutils/properties.h>
 
 #include <algorithm>
-#include <cstring>
 #include <string>
 
 #include "core/hub/debug_flag.h"

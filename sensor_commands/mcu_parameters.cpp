@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/hub/sensor_table.h"
+#include "core/hub/sensor_map.h"
 #include "protocol/system.h"
 #include "sensor_commands/sensor_commands.h"
 

@@ -2,8 +2,6 @@
 // update procedure and the version check call it.
 #pragma once
 
-#include <cstdint>
-
 #include "protocol/image_header.h"
 
 // Reads the image's header; a shorter file leaves the rest 0, and the version is terminated in any

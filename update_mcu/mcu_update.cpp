@@ -3,7 +3,6 @@
 
 #include <cutils/properties.h>
 
-#include <algorithm>
 #include <array>
 
 #include "mcu_link/line.h"

@@ -10,7 +10,6 @@
 #include <cstring>
 #include <span>
 #include <string>
-#include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size);
 

@@ -4,7 +4,6 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 

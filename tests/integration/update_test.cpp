@@ -1,7 +1,6 @@
 // Firmware updates: at start-up, after failures, and as the last resort of both handshake loops.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdlib>
 
 #include "tests/integration/hub.h"

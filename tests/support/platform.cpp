@@ -6,7 +6,6 @@
 #include <cutils/sockets.h>
 #include <fcntl.h>
 #include <termios.h>
-#include <unistd.h>
 #include <utils/SystemClock.h>
 
 #include <algorithm>

@@ -5,7 +5,6 @@
 #include <sys/un.h>
 
 #include <charconv>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 

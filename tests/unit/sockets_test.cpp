@@ -1,7 +1,6 @@
 // The two socket servers: records, clients that leave or ask for too much, shortage of descriptors.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <pthread.h>
 #include <sched.h>
 #include <sys/resource.h>
 #include <sys/socket.h>

@@ -5,7 +5,6 @@
 
 #include <future>
 #include <optional>
-#include <utility>
 
 #include "tests/support/talk.h"
 #include "tools/shdtool/view/live_history.h"

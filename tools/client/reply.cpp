@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <string_view>
 
 #include "tools/client/sensor_info.h"
 

@@ -5,7 +5,6 @@
 #include <cmath>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "tools/shdtool/base/command_rows.h"
 #include "tools/shdtool/base/hex.h"

@@ -14,7 +14,6 @@
 
 #include "tools/client/event_stream.h"
 #include "tools/client/hub_client.h"
-#include "tools/client/local_socket.h"
 #include "tools/shdtool/base/command_rows.h"
 #include "tools/shdtool/base/terminal.h"
 #include "tools/shdtool/status_checks.h"

@@ -2,11 +2,8 @@
 // that either end says or sets passed on, and told as the steps of a recording. Run by shdtool tap.
 #pragma once
 
-#include <sys/types.h>
 #include <termios.h>
 
-#include <array>
-#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>

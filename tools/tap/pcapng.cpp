@@ -2,8 +2,6 @@
 #include "tools/tap/pcapng.h"
 
 #include <bit>
-#include <cstring>
-#include <span>
 #include <string_view>
 
 namespace tap {

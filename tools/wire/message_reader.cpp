@@ -5,7 +5,6 @@
 #include <fmt/ranges.h>
 
 #include <algorithm>
-#include <iterator>
 #include <optional>
 #include <string_view>
 #include <utility>

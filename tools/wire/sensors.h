@@ -2,7 +2,6 @@
 // what they measure; descriptions of packets name them.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <string_view>
 

@@ -2,7 +2,6 @@
 #include "tools/mcusim/board/board.h"
 
 #include <array>
-#include <utility>
 #include <vector>
 
 namespace mcusim {

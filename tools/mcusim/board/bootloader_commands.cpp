@@ -1,7 +1,6 @@
 // The twelve commands of the simulated bootloader, byte for byte as AN3155 describes them. Run by
 // bootloader.cpp whenever a transmission of the host is complete.
 #include <algorithm>
-#include <bit>
 #include <numeric>
 #include <utility>
 

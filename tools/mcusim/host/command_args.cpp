@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cmath>
 
 #include "tools/mcusim/host/tester_commands.h"
 

@@ -5,8 +5,6 @@
 #include <cstdint>
 #include <string_view>
 
-#include "tools/mcusim/line/sim_time.h"
-
 namespace mcusim {
 
 // Every member throws CommandError naming the argument when it is missing or out of range.

@@ -2,8 +2,6 @@
 #pragma once
 
 #include <stdexcept>
-#include <string>
-#include <vector>
 
 #include "tools/cli/parse.h"
 #include "tools/mcusim/host/simulator.h"

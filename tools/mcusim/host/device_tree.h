@@ -6,7 +6,6 @@
 #include <filesystem>
 #include <span>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "platform/unique_fd.h"

@@ -2,8 +2,6 @@
 // moves bytes between them. main() makes one and runs it.
 #pragma once
 
-#include <poll.h>
-
 #include <memory>
 #include <optional>
 #include <string>

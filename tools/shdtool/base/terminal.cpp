@@ -8,7 +8,6 @@
 #include <term.h>
 
 #include <algorithm>
-#include <array>
 #include <clocale>
 #include <cstdint>
 #include <cstdlib>

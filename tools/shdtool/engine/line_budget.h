@@ -1,7 +1,6 @@
 // How much of the UART the sensors' reports take. Used by the table, by the audit and by enable.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <string>

@@ -3,7 +3,6 @@
 // business.
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 
 #include "tools/shdtool/base/command.h"

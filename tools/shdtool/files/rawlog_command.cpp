@@ -2,7 +2,6 @@
 // commands; it needs no daemon.
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <string>
 #include <vector>
 

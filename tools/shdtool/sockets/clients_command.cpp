@@ -1,7 +1,6 @@
 // shdtool clients: who is connected to the daemon's sockets, and who does not read fast enough. A
 // row of the table of commands; it connects to nothing.
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include <string>
 

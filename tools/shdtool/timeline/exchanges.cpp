@@ -8,7 +8,6 @@
 
 #include "protocol/control.h"
 #include "tools/shdtool/log/log_line.h"
-#include "tools/wire/describe.h"
 
 namespace shdtool::timeline {
 namespace {

@@ -4,7 +4,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <string_view>
 #include <utility>
 
 #include "tools/client/sensor_info.h"

@@ -7,7 +7,6 @@
 #include <filesystem>
 #include <string>
 #include <system_error>
-#include <vector>
 
 #include "tools/shdtool/base/command_rows.h"
 #include "tools/shdtool/files/growing_file.h"

@@ -11,7 +11,6 @@
 #include <array>
 #include <cstring>
 #include <optional>
-#include <utility>
 
 #include "tools/client/local_socket.h"
 #include "tools/client/reply.h"

@@ -12,7 +12,6 @@
 #include <atomic>
 #include <cerrno>
 #include <charconv>
-#include <chrono>
 #include <cstring>
 #include <string_view>
 #include <thread>

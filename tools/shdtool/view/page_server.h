@@ -2,7 +2,6 @@
 // server-sent events, and what the page asks for. Used by the view command.
 #pragma once
 
-#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>

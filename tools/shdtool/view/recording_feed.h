@@ -2,7 +2,6 @@
 // anew for each, as fast as it takes them. Run by the view command.
 #pragma once
 
-#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>

@@ -8,9 +8,7 @@
 #include <memory>
 #include <utility>
 
-#include "tools/client/local_socket.h"
 #include "tools/shdtool/base/command_rows.h"
-#include "tools/shdtool/base/terminal.h"
 #include "tools/shdtool/engine/stop_signals.h"
 #include "tools/shdtool/view/actions.h"
 #include "tools/shdtool/view/item_json.h"

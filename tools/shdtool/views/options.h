@@ -3,8 +3,6 @@
 #pragma once
 
 #include <memory>
-#include <optional>
-#include <vector>
 
 #include "tools/shdtool/base/command.h"
 #include "tools/shdtool/engine/loop.h"
