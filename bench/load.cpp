@@ -24,15 +24,25 @@ struct Options {
     Binaries binaries;
     std::string directory;
     std::vector<std::string> programs{"shd", "relay"};
-    int clients = 1;
-    int samples = 1;
+    std::vector<int> clients{1};
+    std::vector<int> samples{1};
     int frames = 0;
+    int deliveries = 0;
     int requests = 0;
     int rounds = 1;
     int64_t line_rate = 0;  // bytes a second; 0: each frame as soon as the last one has arrived
     double hold_s = 0;
     int baud = 115200;
 };
+
+constexpr int kMaxFrames = 1000;       // of a round whose length its deliveries give
+constexpr int kMaxClientsOfGpsd = 64;  // a constant of gpsd
+
+int FramesOf(const Subject& subject, const Options& options) {
+    if (options.deliveries == 0) return options.frames;
+    const int per_frame = subject.clients() * subject.samples();
+    return std::clamp(options.deliveries / per_frame, 1, kMaxFrames);
+}
 
 // The figure below which that share of them lies.
 int64_t Quantile(std::vector<int64_t>& times, double share) {
@@ -47,7 +57,8 @@ void MeasureRound(Subject& subject, const Options& options, int round) {
     const Usage before = subject.Measure();
     const int64_t start = NowNs();
     const auto frame_bytes = static_cast<int64_t>(subject.frame_size());
-    for (int i = 0; i < options.frames; ++i) {
+    const int frames = FramesOf(subject, options);
+    for (int i = 0; i < frames; ++i) {
         if (options.line_rate > 0) {
             const int64_t due = start + i * frame_bytes * 1'000'000'000 / options.line_rate;
             std::this_thread::sleep_for(std::chrono::nanoseconds(due - NowNs()));
@@ -61,10 +72,10 @@ void MeasureRound(Subject& subject, const Options& options, int round) {
     const nlohmann::json result = {
         {"program", subject.name()},
         {"round", round},
-        {"clients", options.clients},
-        {"samples", options.samples},
-        {"delivered", int64_t{options.frames} * options.samples * options.clients},
-        {"line_bytes", options.frames * frame_bytes},
+        {"clients", subject.clients()},
+        {"samples", subject.samples()},
+        {"delivered", int64_t{frames} * subject.samples() * subject.clients()},
+        {"line_bytes", frames * frame_bytes},
         {"cpu_ns", after.cpu_ns - before.cpu_ns},
         {"switches", after.switches - before.switches},
         {"private_kib", after.private_kib},
@@ -77,16 +88,28 @@ void MeasureRound(Subject& subject, const Options& options, int round) {
     std::fflush(stdout);
 }
 
+std::unique_ptr<Subject> Start(const Options& options, const std::string& program, int clients,
+                               int samples) {
+    const std::string directory =
+        fmt::format("{}/{}-{}-{}", options.directory, program, clients, samples);
+    auto subject = std::make_unique<Subject>(program, directory, options.binaries, samples);
+    if (options.requests > 0) {
+        subject->StartOnSimulator(options.baud);
+    } else {
+        subject->Start();
+        subject->ConnectClients(clients);
+    }
+    return subject;
+}
+
 void Run(const Options& options) {
     std::vector<std::unique_ptr<Subject>> subjects;
-    for (const std::string& program : options.programs) {
-        subjects.push_back(std::make_unique<Subject>(program, options.directory + "/" + program,
-                                                     options.binaries, options.samples));
-        if (options.requests > 0) {
-            subjects.back()->StartOnSimulator(options.baud);
-        } else {
-            subjects.back()->Start();
-            subjects.back()->ConnectClients(options.clients);
+    for (const int clients : options.clients) {
+        for (const int samples : options.samples) {
+            for (const std::string& program : options.programs) {
+                if (program == "gpsd" && clients > kMaxClientsOfGpsd) continue;
+                subjects.push_back(Start(options, program, clients, samples));
+            }
         }
     }
     for (int round = 0; round < options.rounds; ++round) {
@@ -103,10 +126,14 @@ int Main(int argc, char** argv) {
     app.add_option("--mcusim", options.binaries.mcusim)->required();
     app.add_option("--directory", options.directory, "an empty one; short")->required();
     app.add_option("--programs", options.programs, "shd, relay, relay256, ser2net, gpsd");
-    app.add_option("--clients", options.clients);
-    app.add_option("--samples", options.samples, "to a frame");
+    app.add_option("--clients", options.clients,
+                   "of each program; of several, it is run with each");
+    app.add_option("--samples", options.samples, "to a frame; of several, it is run with each");
     app.add_option("--frames", options.frames, "to a round, each awaited before the next");
-    app.add_option("--requests", options.requests, "to a round, against mcusim");
+    app.add_option("--deliveries", options.deliveries,
+                   "to a round: instead of --frames, as many as give so many samples to clients");
+    app.add_option("--requests", options.requests, "to a round, against mcusim")
+        ->excludes("--deliveries");
     app.add_option("--baud", options.baud, "of mcusim's line; 0: bytes take no time");
     app.add_option("--rounds", options.rounds);
     app.add_option("--line-rate", options.line_rate, "bytes a second; 0: no pauses");

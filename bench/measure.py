@@ -22,9 +22,9 @@ import page
 SOURCE = pathlib.Path(__file__).resolve().parent.parent
 LINE_RATE = 11520  # bytes a second that 115,200 bit/s carry
 FIXED_PAUSES_MS = 2012  # the reset pulse, and the application's time to start behind it
-GPSD_MAX_CLIENTS = 64  # a constant of gpsd
-CLIENTS = (1, 8, 64, 256, 512)
-SAMPLES = (1, 10, 100, 240)
+CLIENTS = (1, 8, 64, 256, 512)  # each with 10 samples a frame
+SAMPLES = (1, 100, 240)  # each with 8 clients
+LATENCY_CLIENTS = (1, 64)
 
 
 class Plan:
@@ -33,9 +33,12 @@ class Plan:
     def __init__(self, quick):
         self.quick = quick
         self.clients = (1, 8) if quick else CLIENTS
-        self.samples = (10,) if quick else SAMPLES
+        self.samples = (1,) if quick else SAMPLES
+        # What is measured by turns is measured in many short rounds: most of what disturbs one is
+        # over before the next.
+        self.cost_rounds = 1 if quick else 61
+        self.deliveries = 2_000 if quick else 50_000  # to a round
         self.rounds = 1 if quick else 7
-        self.deliveries = 2_000 if quick else 300_000  # to a round
         self.latency_frames = 20 if quick else 800
         self.requests = 10 if quick else 200
         self.hold_s = 0.2 if quick else 11  # the first one is the beginning
@@ -53,9 +56,10 @@ class Bench:
         self.neighbours = [name for name in ("ser2net", "gpsd") if which(name)]
         self.startups_ms = []
 
-    def load(self, programs, rounds, **options):
-        """Rounds of each program: {program: [figures of a round]}."""
-        command = [self.bin / "shd_load", "--rounds", str(rounds)]
+    def load(self, programs, rounds, clients=(1,), samples=(1,), **options):
+        """{(clients, samples): {program: [figures of a round]}}, all of them measured by turns."""
+        command = [self.bin / "shd_load", "--rounds", str(rounds), "--clients", *map(str, clients),
+                   "--samples", *map(str, samples)]
         for name in ("shd", "relay", "mcusim"):
             command += [f"--{name}", self.bin / ("shd_relay" if name == "relay" else name)]
         for name, value in options.items():
@@ -64,12 +68,17 @@ class Bench:
         with tempfile.TemporaryDirectory(prefix="shd-bench-", dir="/tmp") as directory:
             command += ["--directory", directory, "--programs", *programs]
             run = subprocess.run(command, stdout=subprocess.PIPE, timeout=600, check=True, text=True)
-        rounds_of = {name: [] for name in programs}
+        results = {}
         for line in run.stdout.splitlines():
             figures = json.loads(line)
-            rounds_of[figures["program"]].append(figures)
-        if rounds_of.get("shd") and rounds_of["shd"][0]["startup_ns"]:
-            self.startups_ms.append(rounds_of["shd"][0]["startup_ns"] / 1e6)
+            rounds_of = results.setdefault((figures["clients"], figures["samples"]), {})
+            rounds_of.setdefault(figures["program"], []).append(figures)
+            if figures["round"] == 0 and figures["startup_ns"]:
+                self.startups_ms.append(figures["startup_ns"] / 1e6)
+        return results
+
+    def load_one(self, *arguments, **options):
+        [rounds_of] = self.load(*arguments, **options).values()
         return rounds_of
 
     def codec(self):
@@ -78,66 +87,68 @@ class Bench:
                    "--benchmark_enable_random_interleaving=true",
                    "--benchmark_min_time=" + seconds, "--benchmark_repetitions=" + repetitions]
         if not command[0].exists():
-            return None
+            return {("codec",): None}
         output = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, check=True)
         times = {}
         for row in json.loads(output.stdout)["benchmarks"]:
             if row["run_type"] == "iteration":
                 times.setdefault(row["name"].split("/")[0], []).append(row["cpu_time"])
-        return times
+        return {("codec",): times}
 
     def cost(self, clients, samples):
-        frames = min(4000, max(10, self.plan.deliveries // (clients * samples)))
-        programs = ["shd", "relay"] + [name for name in self.neighbours
-                                       if name != "gpsd" or clients <= GPSD_MAX_CLIENTS]
-        return self.load(programs, self.plan.rounds, clients=clients, samples=samples, frames=frames)
+        results = self.load(["shd", "relay", *self.neighbours], self.plan.cost_rounds, clients, samples,
+                            deliveries=self.plan.deliveries)
+        return {("cost", *key): rounds_of for key, rounds_of in results.items()}
 
-    def latency(self, clients):
-        return self.load(["shd", "relay", *self.neighbours], self.plan.rounds, clients=clients,
-                         frames=self.plan.latency_frames, line_rate=LINE_RATE)
+    def latency(self):
+        clients = [count for count in LATENCY_CLIENTS if count in self.plan.clients]
+        results = self.load(["shd", "relay", *self.neighbours], self.plan.rounds, clients,
+                            frames=self.plan.latency_frames, line_rate=LINE_RATE)
+        return {("latency", count): rounds_of for (count, _), rounds_of in results.items()}
 
     def control(self, baud):
-        return self.load(["shd", "relay"], self.plan.rounds, baud=baud, requests=self.plan.requests)
+        return {("control", baud): self.load_one(["shd", "relay"], self.plan.rounds, baud=baud,
+                                                 requests=self.plan.requests)}
 
     def full_line(self):
-        return self.load(["shd", "relay", "relay256"], self.plan.rounds, samples=10,
-                         frames=self.plan.full_line_frames, line_rate=LINE_RATE)
+        return {("full_line",): self.load_one(["shd", "relay", "relay256"], self.plan.rounds,
+                                              samples=[10], frames=self.plan.full_line_frames,
+                                              line_rate=LINE_RATE)}
 
     def idle(self):
-        return self.load(["shd", "relay", *self.neighbours], 1, clients=min(64, max(self.plan.clients)),
-                         hold=self.plan.hold_s)
+        clients = min(64, max(self.plan.clients))
+        return {("idle",): self.load_one(["shd", "relay", *self.neighbours], 1, [clients],
+                                         hold=self.plan.hold_s)}
 
     def soak(self):
-        return self.load(["shd"], self.plan.soak_rounds, samples=240, frames=self.plan.soak_frames)
+        return {("soak",): self.load_one(["shd"], self.plan.soak_rounds, samples=[240],
+                                         frames=self.plan.soak_frames)}
 
-    def update(self):
+    def update(self, number):
         """One update: (ms, the line's minimum in ms, stm32flash's ms)."""
         script = SOURCE / "tests/integration/update_timing.sh"
         output = subprocess.run([script, self.bin, "200"], stdout=subprocess.PIPE, check=True, text=True)
         shd = re.search(r"shd: (\d+) ms; .* need (\d+) ms", output.stdout)
         other = re.search(r"stm32flash: (\d+) ms", output.stdout)
-        return int(shd[1]), int(shd[2]), int(other[1])
+        return {("update", number): (int(shd[1]), int(shd[2]), int(other[1]))}
 
     def run(self):
-        plan = self.plan
-        jobs = {("cost", clients, 10): (self.cost, clients, 10) for clients in plan.clients}
-        jobs |= {("cost", 8, samples): (self.cost, 8, samples) for samples in plan.samples}
-        jobs |= {("latency", clients): (self.latency, clients) for clients in plan.clients
-                 if clients in (1, 64)}
-        jobs |= {("control", baud): (self.control, baud) for baud in (115200, 0)}
-        for name in ("codec", "full_line", "idle", "soak"):
-            jobs[(name,)] = (getattr(self, name),)
-        jobs |= {("update", i): (self.update,) for i in range(plan.updates)}
+        jobs = [(self.cost, self.plan.clients, (10,)), (self.cost, (8,), self.plan.samples),
+                (self.latency,), (self.control, 115200), (self.control, 0), (self.codec,),
+                (self.full_line,), (self.idle,), (self.soak,)]
+        jobs += [(self.update, number) for number in range(self.plan.updates)]
 
-        def measure(key):
-            if not plan.quick:
-                print(time.strftime("%H:%M:%S"), *key, flush=True)
-            function, *arguments = jobs[key]
+        def measure(job):
+            function, *arguments = job
+            if not self.plan.quick:
+                print(time.strftime("%H:%M:%S"), function.__name__, *arguments, flush=True)
             return function(*arguments)
 
+        results = {}
         # What measures has the machine for itself.
-        with concurrent.futures.ThreadPoolExecutor(8 if plan.quick else 1) as pool:
-            results = dict(zip(jobs, pool.map(measure, jobs)))
+        with concurrent.futures.ThreadPoolExecutor(8 if self.plan.quick else 1) as pool:
+            for measured in pool.map(measure, jobs):
+                results |= measured
         results[("startups_ms",)] = self.startups_ms
         return results
 

@@ -37,6 +37,8 @@ class Subject {
     int64_t Request();
 
     [[nodiscard]] const std::string& name() const { return name_; }
+    [[nodiscard]] int clients() const { return static_cast<int>(clients_.size()); }
+    [[nodiscard]] int samples() const { return samples_; }
     [[nodiscard]] size_t frame_size() const { return frame_.size(); }
     [[nodiscard]] Usage Measure() const { return child_.Measure(); }
     // Of the daemon: from its start to the reply to a request that waited for it.
