@@ -7,6 +7,14 @@ set(SHD_PACKAGING ${PROJECT_SOURCE_DIR}/packaging)
 set(SHD_UNIT_DIR lib/systemd/system CACHE STRING "Directory of the systemd units below the prefix")
 set(SHD_GENERATED ${PROJECT_BINARY_DIR}/packaging)
 
+# CMake makes directories under the umask, and nothing else can say how.
+install(CODE [[
+  execute_process(COMMAND sh -c umask OUTPUT_VARIABLE mask OUTPUT_STRIP_TRAILING_WHITESPACE)
+  if(NOT mask MATCHES "[02]$")
+    message(FATAL_ERROR "With umask ${mask} neither the daemon nor a client gets into the directories"
+      " that this makes. Say umask 022 first.")
+  endif()]] ALL_COMPONENTS)
+
 # The daemon and what starts it.
 install(TARGETS shd RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT runtime)
 # The prefix may be chosen as late as at the installation.

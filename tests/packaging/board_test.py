@@ -144,8 +144,10 @@ class Board(PackagingCase):
         ])
 
     def test_the_service_manager_finds_the_units_sound_and_confined(self):
-        self.run_tool("cmake", "--install", self.build, "--prefix", self.work, "--component",
-                      "runtime")
+        install = ("cmake", "--install", self.build, "--prefix", self.work, "--component", "runtime")
+        done = subprocess.run(install, check=False, capture_output=True, text=True, umask=0o027)
+        self.assertIn("umask 0027", done.stderr)
+        self.run_tool(*install, umask=0o022)
         units = self.work / "lib/systemd/system"
         names = [str(units / f"{name}") for name in
                  ("shd.service", "shd-control.socket", "shd-data.socket")]
@@ -164,6 +166,7 @@ class Board(PackagingCase):
     def test_directories_and_control_files_get_their_owners(self):
         root = self.work
         (root / "etc").mkdir()
+        (root / "data").mkdir(mode=0o711)  # of whoever else keeps something there
         for path in SYSTEM.control_files:
             (root / path[1:]).parent.mkdir(parents=True, exist_ok=True)
             (root / path[1:]).write_text("0")
@@ -179,6 +182,7 @@ class Board(PackagingCase):
             status = os.stat(root / path[1:])
             self.assertEqual((status.st_gid, stat.S_IMODE(status.st_mode)), (shd_group, 0o220), path)
         self.assertEqual((root / SYSTEM.low_power[1:]).read_text(), "1")
+        self.assertEqual(stat.S_IMODE(os.stat(root / "data").st_mode), 0o711)
 
     def test_each_socket_keeps_its_name_whatever_their_order(self):
         for order in (sorted(SYSTEM.sockets), sorted(SYSTEM.sockets, reverse=True)):

@@ -3,6 +3,7 @@
 # follows a hub across restarts of its MCU and of its daemon; each installed header compiles alone.
 # Usage: client_example_test.sh BUILD_DIRECTORY [PREFIX]; called by ctest, and for the packages.
 set -euo pipefail
+umask 022 # else nothing is installed
 cd "$(dirname "$0")/../.."
 build=$(realpath "${1:?usage: client_example_test.sh BUILD_DIRECTORY [PREFIX]}")
 bin=$build/bin
