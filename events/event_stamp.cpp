@@ -14,7 +14,6 @@ using namespace shd;
 namespace {
 
 constexpr char kLogTag[] = "shd";
-constexpr int64_t kNanosPerMilli = 1'000'000;
 
 // Products of numbers that clients and the MCU choose wrap instead of overflowing.
 int32_t WrappingProduct(int32_t a, int32_t b) {

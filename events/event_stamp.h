@@ -9,6 +9,8 @@
 
 class SensorHub;
 
+inline constexpr int64_t kNanosPerMilli = 1'000'000;
+
 // What the samples of one report are stamped with, as it stood when the report arrived: settings
 // that a command changes meanwhile count from the next report on.
 struct ReportTiming {

@@ -20,7 +20,6 @@ using namespace shd;
 namespace {
 
 constexpr char kLogTag[] = "shd";
-constexpr int64_t kNanosPerMilli = 1'000'000;
 constexpr int32_t kNoHandle = -1;
 
 struct ReportFormat;
