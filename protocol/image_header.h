@@ -5,6 +5,7 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 namespace shd {
 
@@ -12,6 +13,9 @@ static_assert(std::endian::native == std::endian::little,
               "the header is used as it lies in memory");
 
 inline constexpr uint32_t kFirmwareMagic = 0xFFAAAAFF;
+// What the three characters behind the first '.' of the version must be.
+inline constexpr std::string_view kBoardCode = "900";
+
 inline constexpr uint32_t kFlashBase = 0x08000000;  // of the MCU, for Cortex-M boot from flash
 
 // First bytes of the image file, little-endian. The file is header_len + image_size bytes long.

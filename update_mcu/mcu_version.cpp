@@ -20,7 +20,6 @@ constexpr int kPasses = 5;
 constexpr int kResetPass = 4;
 constexpr size_t kReplySize = 1500;
 constexpr size_t kMaxVersion = 63;  // characters
-constexpr std::string_view kBoardCode = "900";
 constexpr std::array<uint8_t, 4> kReplyHeader = {MCU_CHANNEL_SENSOR, MCU_TYPE_RESPONSE,
                                                  MCU_SERVICE_VERSION, MCU_CMD_VERSION};
 

@@ -16,8 +16,6 @@ namespace {
 
 using shd::mcu_head;
 
-constexpr std::string_view kBoardCode = "900";
-
 bool AllOf(std::span<const uint8_t> bytes, uint8_t value) {
     return std::all_of(bytes.begin(), bytes.end(), [value](uint8_t byte) { return byte == value; });
 }
@@ -32,11 +30,11 @@ void FindRefusals(ImageReport& image) {
     }
     if (image.version.find('.') == std::string::npos) {
         refuse("the version has no '.', so there is no board code behind it");
-    } else if (image.board_code != kBoardCode) {
+    } else if (image.board_code != shd::kBoardCode) {
         refuse(
             fmt::format("the board code (three characters behind the first '.') is \"{}\", "
                         "not \"{}\"",
-                        Printable(image.board_code), kBoardCode));
+                        Printable(image.board_code), shd::kBoardCode));
     }
     const uint64_t described = uint64_t{image.header_len} + image.image_size;
     if (image.file_size != described) {
@@ -124,7 +122,8 @@ ImageReport ExamineImage(std::span<const uint8_t> file) {
     image.image_size = header.image_size;
     image.version = parsed.version;
     const size_t dot = image.version.find('.');
-    if (dot != std::string::npos) image.board_code = image.version.substr(dot + 1, 3);
+    if (dot != std::string::npos)
+        image.board_code = image.version.substr(dot + 1, shd::kBoardCode.size());
     image.firmware_version = firmware::PayloadVersion(parsed.payload).value_or("");
     image.vectors = firmware::ReadVectors(parsed.payload);
     JudgePayload(image, parsed.payload);
