@@ -15,8 +15,6 @@ namespace wire {
 namespace {
 
 constexpr size_t kMaxShownBytes = 24;
-constexpr size_t kControlHeaderBytes = 3;
-constexpr size_t kSensorHeaderBytes = 4;
 constexpr size_t kRawDataHeaderBytes = 3;
 constexpr size_t kDumpHeaderBytes = 3;
 
@@ -145,6 +143,12 @@ std::string DescribePacket(std::span<const uint8_t> packet) {
             break;
     }
     return "unknown packet " + Hex(packet);
+}
+
+std::string DescribeBytes(std::span<const uint8_t> bytes) {
+    constexpr size_t kShown = 16;
+    if (bytes.size() <= kShown) return fmt::format("{:02X}", fmt::join(bytes, " "));
+    return fmt::format("{:02X} ... {} bytes", fmt::join(bytes.first(kShown), " "), bytes.size());
 }
 
 }  // namespace wire

@@ -12,4 +12,7 @@ namespace wire {
 // packet does not have room for is left out.
 [[nodiscard]] std::string DescribePacket(std::span<const uint8_t> packet);
 
+// Bytes that are no packet: "7F 79", of more than 16 the first ones and how many there are.
+[[nodiscard]] std::string DescribeBytes(std::span<const uint8_t> bytes);
+
 }  // namespace wire

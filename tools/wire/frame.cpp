@@ -6,8 +6,6 @@
 namespace wire {
 namespace {
 
-constexpr uint8_t kEscapeByte = 0x7D;
-constexpr uint8_t kEscapeMask = 0x20;
 constexpr uint16_t kFcsPolynomial = 0x8408;
 constexpr uint16_t kFcsInitial = 0xFFFF;
 constexpr size_t kFcsBytes = 2;

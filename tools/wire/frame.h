@@ -1,5 +1,5 @@
 // The MCU's side of the UART frame format: byte stuffing and FCS-16 as in RFC 1662, no opening
-// flag. The transmitter encodes with it and the board decodes with it.
+// flag. The simulator encodes and decodes with it; who listens to the line decodes with it.
 #pragma once
 
 #include <cstddef>
@@ -11,6 +11,8 @@
 namespace wire {
 
 inline constexpr uint8_t kFlagByte = 0x7E;
+inline constexpr uint8_t kEscapeByte = 0x7D;
+inline constexpr uint8_t kEscapeMask = 0x20;
 
 // The whole frame: stuffed payload, stuffed FCS (low byte first), flag.
 [[nodiscard]] std::vector<uint8_t> EncodeFrame(std::span<const uint8_t> payload);

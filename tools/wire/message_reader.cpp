@@ -2,7 +2,6 @@
 #include "tools/wire/message_reader.h"
 
 #include <fmt/format.h>
-#include <fmt/ranges.h>
 
 #include <algorithm>
 #include <optional>
@@ -19,7 +18,6 @@ namespace {
 constexpr size_t kLongestFrame = 1499;
 // Bytes without a flag that are more than noise between frames; stuffing can double a frame.
 constexpr size_t kLongestRaw = 2 * kLongestFrame + 1;
-constexpr size_t kMaxShownBytes = 16;
 
 // One-byte answers and the commands of the ROM bootloader, AN3155.
 struct ByteName {
@@ -54,13 +52,6 @@ uint8_t Xor(std::span<const uint8_t> bytes) {
     return sum;
 }
 
-std::string Hex(std::span<const uint8_t> bytes) {
-    const auto shown = bytes.first(std::min(bytes.size(), kMaxShownBytes));
-    return fmt::format(
-        "{:02X}{}", fmt::join(shown, " "),
-        shown.size() < bytes.size() ? fmt::format(" ... {} bytes", bytes.size()) : "");
-}
-
 std::string DescribeForBootloader(std::span<const uint8_t> raw) {
     constexpr size_t kCommandBytes = 2, kEraseBytes = 3, kAddressBytes = 5;
     constexpr uint8_t kStart = 0x7F;
@@ -78,14 +69,14 @@ std::string DescribeForBootloader(std::span<const uint8_t> raw) {
     if (raw.size() > 2 && raw.size() == raw[0] + 3U && Xor(raw) == 0) {
         return fmt::format("block of {} bytes", raw[0] + 1);
     }
-    return Hex(raw);
+    return DescribeBytes(raw);
 }
 
 std::string DescribeFromBootloader(std::span<const uint8_t> raw) {
     std::string text;
     for (const uint8_t byte : raw) {
         const auto name = NameOf(kAnswers, byte);
-        if (!name) return Hex(raw);
+        if (!name) return DescribeBytes(raw);
         if (!text.empty()) text += ' ';
         text += *name;
     }
@@ -101,9 +92,9 @@ std::string Describe(const Message& message) {
         case Message::Kind::kFrame:
             return fmt::format("{} {}", speaker, DescribePacket(message.payload));
         case Message::Kind::kBadFrame:
-            return fmt::format("{} damaged frame {}", speaker, Hex(message.raw));
+            return fmt::format("{} damaged frame {}", speaker, DescribeBytes(message.raw));
         case Message::Kind::kFragment:
-            return fmt::format("{} cut off {}", speaker, Hex(message.raw));
+            return fmt::format("{} cut off {}", speaker, DescribeBytes(message.raw));
         case Message::Kind::kBootloader:
             return fmt::format("{} bootloader {}", speaker,
                                from_host ? DescribeForBootloader(message.raw)

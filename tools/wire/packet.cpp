@@ -8,9 +8,6 @@
 namespace wire {
 namespace {
 
-constexpr size_t kControlHeaderBytes = 3;
-constexpr size_t kSensorHeaderBytes = 4;
-
 Bytes Join(std::initializer_list<uint8_t> header, std::span<const uint8_t> data) {
     Bytes packet(header.size() + data.size());
     const auto rest = std::copy(header.begin(), header.end(), packet.begin());

@@ -18,6 +18,10 @@ enum Channel : uint8_t {
     kChannelCoreDump = 7,
 };
 
+// What stands before the arguments or the data.
+inline constexpr size_t kControlHeaderBytes = 3;  // channel, type, command
+inline constexpr size_t kSensorHeaderBytes = 4;   // channel, type, service, command
+
 enum PacketType : uint8_t { kTypeRequest = 0, kTypeResponse = 1, kTypeData = 2 };
 
 // System services of the sensor channel; every other service number is a sensor's id.

@@ -13,12 +13,11 @@ namespace {
 
 // How many recorded requests a host may leave out before one counts as one too many.
 constexpr size_t kLookAhead = 8;
-constexpr uint8_t kEscape = 0x7D;
-constexpr uint8_t kEscapeBit = 0x20;
 
-// Channel, type, service and command tell requests apart; channel 0 has no service.
+// The header tells requests apart.
 size_t HeaderSize(const Bytes& packet) {
-    return packet.empty() || packet[0] == kChannelControl ? 3 : 4;
+    return packet.empty() || packet[0] == kChannelControl ? kControlHeaderBytes
+                                                          : kSensorHeaderBytes;
 }
 
 bool SameHeader(const Bytes& a, const Bytes& b) {
@@ -87,10 +86,10 @@ void Player::AddPart(const RecordedStep& step, TimePoint pause, bool bootloader)
         if (byte == kFlagByte) {
             if (const auto demand = DemandOf(reply_)) part.answers = demand;
             reply_.clear();
-        } else if (byte == kEscape) {
+        } else if (byte == kEscapeByte) {
             reply_escaped_ = true;
         } else {
-            reply_.push_back(std::exchange(reply_escaped_, false) ? byte ^ kEscapeBit : byte);
+            reply_.push_back(std::exchange(reply_escaped_, false) ? byte ^ kEscapeMask : byte);
         }
     }
     parts_.push_back(std::move(part));

@@ -2,9 +2,7 @@
 #include "tools/mcusim/host/trace.h"
 
 #include <fmt/format.h>
-#include <fmt/ranges.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
@@ -14,8 +12,6 @@
 
 namespace mcusim {
 namespace {
-
-constexpr size_t kMaxShownBytes = 16;
 
 const char* Speaker(Direction direction) {
     return direction == Direction::kHostToMcu ? "host" : "mcu ";
@@ -53,10 +49,7 @@ void Trace::Write(TimePoint at, const std::string& line) {
 void Trace::OnBytes(TimePoint at, Direction direction, std::span<const uint8_t> bytes,
                     bool bootloader) {
     if (!bootloader) return;
-    const auto shown = bytes.first(std::min(bytes.size(), kMaxShownBytes));
-    Write(at, fmt::format(
-                  "{} bootloader {:02X}{}", Speaker(direction), fmt::join(shown, " "),
-                  shown.size() < bytes.size() ? fmt::format(" ... {} bytes", bytes.size()) : ""));
+    Write(at, fmt::format("{} bootloader {}", Speaker(direction), DescribeBytes(bytes)));
 }
 
 void Trace::OnPacket(TimePoint at, Direction direction, std::span<const uint8_t> packet,
