@@ -111,15 +111,8 @@ void Application::RunSensors(TimePoint now) {
 }
 
 std::optional<TimePoint> Application::NextDue() const {
-    std::optional<TimePoint> next = sensors_.NextDue();
-    if (const std::optional<TimePoint> due = raw_data_.NextDue()) {
-        next = std::min(next.value_or(*due), *due);
-    }
-    if (!deferred_.empty()) {
-        const TimePoint due = deferred_.begin()->first;
-        next = std::min(next.value_or(due), due);
-    }
-    return next;
+    const std::optional<TimePoint> next = Earlier(sensors_.NextDue(), raw_data_.NextDue());
+    return deferred_.empty() ? next : Earlier(next, deferred_.begin()->first);
 }
 
 void Application::Log(TimePoint now, std::string_view text) {

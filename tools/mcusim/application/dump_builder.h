@@ -19,7 +19,8 @@ inline constexpr size_t kMaxDumpPieceBytes = 1200;
 // size bytes; the areas are cut where they do not fit.
 [[nodiscard]] std::vector<uint8_t> BuildCoreDump(uint64_t seed, size_t size);
 
-// Cuts a dump into that many pieces of uneven sizes, none larger than kMaxDumpPieceBytes + 1.
+// Cuts a dump into that many pieces of uneven sizes. At most kDumpBytes and pieces *
+// kMaxDumpPieceBytes long, it gives none larger than kMaxDumpPieceBytes + 1.
 [[nodiscard]] std::vector<std::span<const uint8_t>> CutDump(std::span<const uint8_t> dump,
                                                             size_t pieces);
 

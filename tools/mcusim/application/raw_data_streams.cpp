@@ -33,10 +33,6 @@ constexpr LaneTraits kLaneTraits[] = {
     {kHeart, kPpgSamples, kPpg, {5, 60, 25, 120}, 640, milliseconds(40)},
 };
 
-TimePoint GridAfter(TimePoint time, TimePoint period) {
-    return (time / period + 1) * period;
-}
-
 }  // namespace
 
 void RawDataStreams::Reset() {
@@ -76,8 +72,7 @@ std::optional<TimePoint> RawDataStreams::LaneDue(size_t index) const {
 std::optional<TimePoint> RawDataStreams::NextDue() const {
     std::optional<TimePoint> next;
     for (size_t index = 0; index < kLanes; ++index) {
-        const std::optional<TimePoint> due = LaneDue(index);
-        if (due) next = std::min(next.value_or(*due), *due);
+        next = Earlier(next, LaneDue(index));
     }
     return next;
 }

@@ -10,10 +10,6 @@ TimePoint Period(const SensorBank::Channel& channel) {
     return std::chrono::milliseconds(channel.period_ms);
 }
 
-TimePoint GridAfter(TimePoint time, TimePoint period) {
-    return (time / period + 1) * period;
-}
-
 TimePoint GridAtOrAfter(TimePoint time, TimePoint period) {
     return (time + period - TimePoint(1)) / period * period;
 }
@@ -198,10 +194,7 @@ void SensorBank::Advance(TimePoint now) {
 
 std::optional<TimePoint> SensorBank::NextDue() const {
     std::optional<TimePoint> next;
-    for (const Channel& channel : channels_) {
-        const std::optional<TimePoint> due = ReportDue(channel);
-        if (due) next = std::min(next.value_or(*due), *due);
-    }
+    for (const Channel& channel : channels_) next = Earlier(next, ReportDue(channel));
     return next;
 }
 

@@ -9,12 +9,11 @@ namespace mcusim {
 namespace {
 
 constexpr uint8_t kHandshake = 0x7F;
-constexpr size_t kRamSizeBytes = size_t{128} * 1024;
 
 }  // namespace
 
 Bootloader::Bootloader(Flash& flash, BootloaderTimings timings)
-    : flash_(flash), timings_(timings), ram_(kRamSizeBytes) {
+    : flash_(flash), timings_(timings), ram_(firmware::kRamSizeBytes) {
     Restart();
 }
 

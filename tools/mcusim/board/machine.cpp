@@ -140,10 +140,7 @@ void Machine::Advance(TimePoint now) {
 }
 
 std::optional<TimePoint> Machine::NextDue() const {
-    const std::optional<TimePoint> of_line = line.NextDue();
-    const std::optional<TimePoint> of_board = board.NextDue();
-    if (of_line && of_board) return std::min(*of_line, *of_board);
-    return of_line ? of_line : of_board;
+    return Earlier(line.NextDue(), board.NextDue());
 }
 
 std::vector<uint8_t> Machine::Crash(TimePoint now, int pieces, bool ask_for_reset) {

@@ -80,9 +80,7 @@ Script::Script(const std::string& path) {
 
 std::optional<TimePoint> Script::NextDue() const {
     std::optional<TimePoint> next;
-    for (const Step& step : steps_) {
-        if (step.due) next = std::min(next.value_or(*step.due), *step.due);
-    }
+    for (const Step& step : steps_) next = Earlier(next, step.due);
     return next;
 }
 

@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <utility>
 
+#include "protocol/system.h"
 #include "tools/firmware/image.h"
 #include "tools/firmware/payload.h"
 #include "tools/mcusim/host/signal_file.h"
@@ -47,6 +48,11 @@ UniqueFd EndingSignals() {
 
 std::vector<uint8_t> Firmware(const std::string& version, uint64_t seed) {
     return firmware::BuildPayload(version, kFirmwareSizeBytes, static_cast<uint32_t>(seed));
+}
+
+// A path of the device as one below the tree's root.
+std::string InTree(const char* device_path) {
+    return device_path + 1;  // without the '/' in front
 }
 
 // Everything that has been written to a control file since the last time.
@@ -135,22 +141,24 @@ void Simulator::PrepareFlash(const SimulatorOptions& options) {
     }
 
     const std::string in_flash = RunningVersion(*flash_).value_or(version);
-    tree_.MakeDirectory("system/bin");
-    tree_.MakeFile("system/bin/mcu.bin",
-                   firmware::WrapImage(in_flash, Firmware(in_flash, options.machine.seed)));
+    const std::string image = InTree(shd::kFirmwareImagePath);
+    tree_.MakeDirectory(std::filesystem::path(image).parent_path());
+    tree_.MakeFile(image, firmware::WrapImage(in_flash, Firmware(in_flash, options.machine.seed)));
 }
 
 void Simulator::MakeTree() {
-    for (const char* path : {"dev/socket", "proc/mcusleep", "proc/mcu", "data/property", "nvdata",
-                             "data/mcudumplog", "data/logdata"}) {
-        tree_.MakeDirectory(path);
+    // What stands behind the last '/' is made here below, or by the daemon.
+    for (const char* path :
+         {"/dev/socket/", shd::kMcuSleepPath, shd::kMcuResetPath, "/data/property/",
+          shd::kAccCalibrationPath, shd::kDumpDir, shd::kLogDataDir}) {
+        tree_.MakeDirectory(std::filesystem::path(InTree(path)).parent_path());
     }
-    files_.sleep = tree_.OpenFifo("proc/mcusleep/sleep");
-    files_.lpm = tree_.OpenFifo("proc/mcusleep/lpm");
-    files_.boot0 = tree_.OpenFifo("proc/mcu/gpio_mcu_boot0");
-    files_.boot1 = tree_.OpenFifo("proc/mcu/gpio_mcu_boot1");
-    files_.reset = tree_.OpenFifo("proc/mcu/gpio_mcu_reset");
-    tree_.Link("dev/ttyHSL1", pty_.far_name());
+    files_.sleep = tree_.OpenFifo(InTree(shd::kMcuSleepPath));
+    files_.lpm = tree_.OpenFifo(InTree(shd::kMcuLowPowerPath));
+    files_.boot0 = tree_.OpenFifo(InTree(shd::kMcuBoot0Path));
+    files_.boot1 = tree_.OpenFifo(InTree(shd::kMcuBoot1Path));
+    files_.reset = tree_.OpenFifo(InTree(shd::kMcuResetPath));
+    tree_.Link(InTree(shd::kUartPath), pty_.far_name());
 }
 
 TimePoint Simulator::Now() const {
@@ -205,10 +213,7 @@ void Simulator::RunScript(TimePoint now) {
 }
 
 std::optional<TimePoint> Simulator::NextDue() const {
-    const std::optional<TimePoint> of_machine = far_end_->NextDue();
-    const std::optional<TimePoint> of_script = script_ ? script_->NextDue() : std::nullopt;
-    if (of_machine && of_script) return std::min(*of_machine, *of_script);
-    return of_machine ? of_machine : of_script;
+    return Earlier(far_end_->NextDue(), script_ ? script_->NextDue() : std::nullopt);
 }
 
 void Simulator::Wait() {

@@ -97,8 +97,7 @@ std::optional<TimePoint> SerialLine::NextDue() const {
     if (!input_.empty()) {
         next = std::min(input_.back().arrival, input_.front().arrival + kInputTurn);
     }
-    if (!output_.empty()) next = std::min(next.value_or(output_.front().due), output_.front().due);
-    return next;
+    return output_.empty() ? next : Earlier(next, output_.front().due);
 }
 
 }  // namespace mcusim
