@@ -73,8 +73,9 @@ Result<WatchChange> EventWatcher::Poll(std::chrono::milliseconds timeout,
     size_t backlog = stream_->Backlog();
     const uint64_t resyncs = stream_->assembler().resyncs();
     Result<WatchChange> change = ReadEvents(events);
-    if (stream_)
+    if (stream_) {
         backlog = std::max(backlog, records_.size() * sizeof(SensorEvent) + stream_->Backlog());
+    }
     const bool cut = stream_ && stream_->assembler().resyncs() > resyncs;
     const int64_t read_ns = BootTimeNs();
     if (cut || (backlog >= kFullBacklogBytes && read_ns - looked_ns_ >= kStandstillNs)) {

@@ -62,8 +62,9 @@ void LiveSource::Run(const std::stop_token& stop) {
         const auto change = watcher_.Poll(kStopLatency, events);
         const auto missed = watcher_.TakeMissed();
         const MutexLock lock(mutex_);
-        if (missed)
+        if (missed) {
             Append(Change(DeliveryKind::kMissed, missed->from_ns, missed->to_ns, missed->certain));
+        }
         for (const shdclient::WatchedEvent& event : events) {
             Append({DeliveryKind::kEvent, event, 0});
         }

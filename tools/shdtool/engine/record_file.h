@@ -15,8 +15,7 @@
 //   0x81           it was made again
 //   0x82           the recorder missed events: since when, as the difference to the arrival time
 //   0x83           both clocks, at least every minute of entries: ns since the epoch less those
-//   that
-//                  the beginning's clocks make of the time; it is not counted as an entry
+//                  that the beginning's clocks make of the time; it is not counted as an entry
 //   0xFF           the end of the recording's time, with the number of entries before it
 // Times are in ns, and they and the number are written seven bits to a byte, lowest first, the
 // highest bit set in all bytes but the last; signed ones alternate (0, -1, 1, -2, ...). An

@@ -29,24 +29,13 @@ bool IsRecoverysFirst(std::string_view text) {
            text.starts_with("sensorhub_write_proc_file ");
 }
 
-// The last piece of a dump asks for the restart; 0 when the line is another.
-unsigned DumpPieces(const std::string& text) {
-    unsigned ctl = 0;
-    unsigned count = 0;
-    unsigned index = 0;
-    const int fields =
-        std::sscanf(text.c_str(), "McuCoreDumpProcess ctl:%x dump count:%x dump index:%x", &ctl,
-                    &count, &index);
-    return fields == 3 && count == index ? count : 0;
-}
-
 std::string CauseOfRecovery(const std::string& text) {
     if (text == kTimeoutTrigger) return "the MCU left two requests unanswered";
     if (text == kWriteTrigger) return "three requests could not be written to the UART";
-    const unsigned pieces = DumpPieces(text);
-    if (pieces == 0) return "";
-    return fmt::format("the MCU crashed and sent a core dump in {} piece{}", pieces,
-                       pieces == 1 ? "" : "s");
+    const auto piece = FindDumpPiece(text);  // the last one asks for the restart
+    if (!piece || piece->index != piece->count || piece->count == 0) return "";
+    return fmt::format("the MCU crashed and sent a core dump in {} piece{}", piece->count,
+                       piece->count == 1 ? "" : "s");
 }
 
 }  // namespace

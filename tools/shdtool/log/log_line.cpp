@@ -139,6 +139,15 @@ std::optional<int32_t> NumberAt(std::string_view text, size_t at) {
     return result.ec == std::errc() ? std::optional(number) : std::nullopt;
 }
 
+std::optional<DumpPiece> FindDumpPiece(const std::string& text) {
+    unsigned ctl = 0;
+    DumpPiece piece{};
+    const int fields =
+        std::sscanf(text.c_str(), "McuCoreDumpProcess ctl:%x dump count:%x dump index:%x", &ctl,
+                    &piece.count, &piece.index);
+    return fields == 3 ? std::optional(piece) : std::nullopt;
+}
+
 SensorMention FindMention(std::string_view text) {
     for (const auto& [words, mcu_sensor_id] : kNumberPatterns) {
         if (text.starts_with(words)) return MentionAt(text, words.size(), mcu_sensor_id);

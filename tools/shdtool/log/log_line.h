@@ -43,6 +43,13 @@ struct LogLine {
 // The number that starts at a place of the text; empty when there is none.
 [[nodiscard]] std::optional<int32_t> NumberAt(std::string_view text, size_t at);
 
+// "McuCoreDumpProcess ctl:...": a piece of a dump has come; the last one's index is the count.
+struct DumpPiece {
+    unsigned index;  // from 1
+    unsigned count;
+};
+[[nodiscard]] std::optional<DumpPiece> FindDumpPiece(const std::string& text);
+
 struct SensorMention {
     size_t end = 0;                // of the number in the text; 0 when the text holds a name
     std::vector<int32_t> handles;  // two share one MCU sensor; empty: no sensor is mentioned

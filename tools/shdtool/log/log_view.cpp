@@ -106,8 +106,9 @@ std::string TextOf(const LogItem& item) {
     const std::string text =
         Fit(Printable(episode != nullptr ? Describe(*episode) : WithSensorName(line.text)),
             head.size());
-    if (episode != nullptr)
+    if (episode != nullptr) {
         return Styled(head + text, level == 'E' ? Style::kFault : Style::kHeading);
+    }
     return Styled(head, StyleOf(level)) + text;
 }
 

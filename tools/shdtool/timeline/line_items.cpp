@@ -147,8 +147,9 @@ void LineItems::TakeFrame(const wire::Message& message) {
     frame.damaged = message.kind == Kind::kBadFrame || message.kind == Kind::kFragment;
     sink_(frame);
     if (message.kind == Kind::kBootloader) TakeBootloader(frame);
-    if (message.kind == Kind::kFrame && !message.payload.empty())
+    if (message.kind == Kind::kFrame && !message.payload.empty()) {
         TakePacket(frame, message.payload);
+    }
 }
 
 void LineItems::TakePacket(const Frame& frame, const wire::Bytes& packet) {

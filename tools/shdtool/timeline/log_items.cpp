@@ -110,7 +110,7 @@ void LogItems::Push(std::string_view line) {
     sink_(LogText{at, parsed->tag == "mcu", parsed->level, parsed->pid, parsed->tid, parsed->tag,
                   WithSensorName(WithoutLineEnd(parsed->text))});
     TakeMainThread(*parsed, at);
-    if (parsed->text.starts_with("McuCoreDumpProcess ")) TakeCrash(*parsed, at);
+    if (const auto piece = FindDumpPiece(parsed->text)) TakeCrash(*piece, at);
     folder_.Add(*parsed);
     TakeEpisodes(at);
     if (const Words* phase = Find(kPhases, parsed->text)) {
@@ -147,22 +147,15 @@ void LogItems::TakeMainThread(const LogLine& line, Time at) {
     }
 }
 
-// A dump comes in numbered pieces, of which the last has the number of their count.
-void LogItems::TakeCrash(const LogLine& line, Time at) {
-    unsigned ctl = 0;
-    unsigned count = 0;
-    unsigned index = 0;
-    if (std::sscanf(line.text.c_str(), "McuCoreDumpProcess ctl:%x dump count:%x dump index:%x",
-                    &ctl, &count, &index) != 3) {
-        return;
-    }
+void LogItems::TakeCrash(const DumpPiece& piece, Time at) {
     if (!crash_) {
         crash_ = EpisodeSpan{.kind = EpisodeSpan::Kind::kCrash, .begin = at};
         Enter(at, State::kSilent, "the firmware has crashed and sends its core dump");
     }
-    crash_->words = fmt::format("the MCU crashed; core dump, piece {} of {}", index, count);
-    if (index == count) {
-        crash_->words = fmt::format("the MCU crashed; core dump in {} pieces", count);
+    crash_->words =
+        fmt::format("the MCU crashed; core dump, piece {} of {}", piece.index, piece.count);
+    if (piece.index == piece.count) {
+        crash_->words = fmt::format("the MCU crashed; core dump in {} pieces", piece.count);
         crash_->end = at;
         crash_->ok = false;
     }

@@ -41,7 +41,7 @@ class LogItems {
     [[nodiscard]] Time Place(const LogLine& line);
     void TakeEpisodes(Time at);
     void TakeEpisode(const Episode& episode, Time at);
-    void TakeCrash(const LogLine& line, Time at);
+    void TakeCrash(const DumpPiece& piece, Time at);
     void TakeMainThread(const LogLine& line, Time at);
     void BeginPhase(EpisodeSpan& span, Time at, std::string_view words);
     void Enter(Time at, State state, const std::string& reason);

@@ -90,8 +90,9 @@ Result<std::string> FindAnchors(Recording& file) {
         } else if (line.find(" @ ") != std::string_view::npos) {
             try {
                 wire::StepParser parser;
-                if (const auto step = parser.Parse(std::string(line)))
+                if (const auto step = parser.Parse(std::string(line))) {
                     file.anchor.Add(step->clocks);
+                }
             } catch (const std::runtime_error&) {  // told when it is read
             }
         }
