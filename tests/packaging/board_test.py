@@ -18,7 +18,7 @@ REQUEST_BYTES = 80  # of an open request: its record, its node, what malloc adds
 IMAGE_BYTES = 1 << 20  # of the largest MCU that one would put an image into
 MAX_EXPOSURE = 6  # tenths, of systemd-analyze security: what the unit has, so that it loses nothing
 # What a unit grants; everything else in it only takes away.
-GRANTS = ("(ExecStartPre=[+]|User|DeviceAllow|ReadWritePaths|RestrictAddressFamilies|Limit|MemoryMax|"
+GRANTS = ("(ExecStartPre=[+]|User|DeviceAllow|ReadWritePaths|Limit|MemoryMax|"
           "TasksMax|ProtectProc|SystemCallFilter=@|UMask)")
 
 
@@ -40,6 +40,7 @@ def check_service(text):
     if values("ProcSubset"):
         complaints.append("shd.service: ProcSubset hides the control files")
     for key, want in (("RestartPreventExitStatus", ["255"]), ("CapabilityBoundingSet", []),
+                      ("RestrictAddressFamilies", ["none"]),
                       ("Restart", ["on-failure"])):
         if values(key) != want:
             complaints.append(f"shd.service: {key} is not {want}")
@@ -116,6 +117,7 @@ class Board(PackagingCase):
             ("IntervalSec=60min", "IntervalSec=10min", "failing updates that take long go on"),
             ("ExitStatus=255", "ExitStatus=254", "RestartPreventExitStatus is not"),
             ("BoundingSet=", "BoundingSet=CAP_KILL", "CapabilityBoundingSet is not"),
+            ("Families=none", "Families=AF_UNIX", "RestrictAddressFamilies is not"),
             ("shd-data.socket\n# As root", "\n# As root", "Sockets: shd-data.socket is missing"),
             ("property_set\n", "a_property\n", "properties.cpp has no a_property"),
             ("# core/startup.cpp: SetCoreDumpLimit\n", "", "'LimitCORE=infinity' names no code"),
