@@ -19,7 +19,7 @@ OPTIONS = {
     "restart_period": r"[6-9]\d\d|\d{4,}",  # a failing update is repeated as often
 }
 COMMANDS = {"mkdir": r"/\S+ 0770 system system", "chown": r"system system /\S+",
-            "chmod": r"0220 /\S+", "write": r"/\S+ 1"}
+            "chmod": r"0220 /\S+", "write": r"/\S+ 1", "restorecon_recursive": r"/\S+"}
 
 
 def check_rc(text):
@@ -42,6 +42,8 @@ def check_rc(text):
         return [arguments.split()[position] for arguments in found.get((section, word), [])]
     complaints += compare("socket", paths(SERVICE, "socket", 0), SYSTEM.sockets)
     complaints += compare("mkdir", paths("on post-fs-data", "mkdir", 0), SYSTEM.directories)
+    complaints += compare("restorecon", paths("on post-fs-data", "restorecon_recursive", 0),
+                          SYSTEM.calibration)
     complaints += compare("chown", paths("on boot", "chown", 2), SYSTEM.control_files)
     complaints += compare("chmod", paths("on boot", "chmod", 1), SYSTEM.control_files)
     for section in ("on boot", "onrestart", "on property:init.svc.shd=stopped"):
@@ -182,6 +184,7 @@ class Android(PackagingCase):
             ("on boot", "on the-beach", "section: the code knows no on the-beach"),
             ("mkdir /data/mcudumplog", "mkdir /data/mcudump", "mkdir: /data/mcudumplog is missing"),
             ("on post-fs-data", "on boot", "mkdir: /data/mcudumplog is missing"),
+            ("    restorecon_recursive /nvdata", "", "restorecon: /nvdata is missing"),
             ("chmod 0220 /proc/mcu/gpio_mcu_reset\n", "\n", "chmod: /proc/mcu/gpio_mcu_reset is"),
             ("chown system system /proc/mcusleep/lpm", "", "chown: /proc/mcusleep/lpm is missing"),
             ("0220 /proc/mcusleep/lpm", "0222 /proc/mcusleep/lpm", "does not take 'chmod 0222"),

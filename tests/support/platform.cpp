@@ -5,7 +5,9 @@
 #include <cutils/properties.h>
 #include <cutils/sockets.h>
 #include <fcntl.h>
+#include <sys/syscall.h>
 #include <termios.h>
+#include <unistd.h>
 #include <utils/SystemClock.h>
 
 #include <algorithm>
@@ -146,6 +148,10 @@ void LinkFile(const std::string& path, const std::string& target) {
     fs::create_directories(fs::path(HostPath(path)).parent_path());
     fs::remove(HostPath(path));
     fs::create_symlink(target, HostPath(path));
+}
+
+pid_t ThreadId() {
+    return static_cast<pid_t>(syscall(SYS_gettid));
 }
 
 bool IsAsleep(pid_t thread_id) {

@@ -73,6 +73,9 @@ void WriteFile(const std::string& path, std::string_view content);
 [[nodiscard]] std::string ReadFile(const std::string& path);  // "(missing)" when it is not there
 void LinkFile(const std::string& path, const std::string& target);  // in place of what is there
 
+// The calling thread's number; an Android tree's host library has no gettid.
+[[nodiscard]] pid_t ThreadId();
+
 // Whether a thread of this process blocks; 0 is none.
 [[nodiscard]] bool IsAsleep(pid_t thread_id);
 

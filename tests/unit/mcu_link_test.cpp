@@ -182,7 +182,7 @@ TEST_F(LinkHoldTest, WriteOfThePortWaitsForTheEndOfAnUpdate) {
     g_hooks.on_readable = [&](int /*fd*/, auto /*timeout*/) {  // a bootloader that stays silent
         if (!writer.joinable()) {
             writer = std::thread([&] {
-                writer_id = gettid();
+                writer_id = ThreadId();
                 const uint8_t byte = 0;
                 EXPECT_EQ(port.Write(&byte, 1), 1);
                 written = true;

@@ -46,7 +46,7 @@ struct ControlServerTest : testing::Test, TestHub {
         std::atomic<pid_t> server_id{0};
         std::atomic<bool> awake{false};
         std::thread server([&] {
-            server_id = gettid();
+            server_id = ThreadId();
             Serve(1);
             awake = true;
         });

@@ -346,7 +346,7 @@ TEST_F(UpdateTest, SecondUpdateWaitsForTheFirstAndTakesItsResult) {
     g_hooks.on_readable = [&, answer = g_hooks.on_readable](int fd, auto limit) {
         if (!second.joinable()) {
             second = std::thread([&] {
-                second_id = gettid();
+                second_id = ThreadId();
                 result = mcu_update();
             });
             while (!IsAsleep(second_id)) sched_yield();
