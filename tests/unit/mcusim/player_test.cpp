@@ -69,6 +69,7 @@ TEST(Player, AnswersKeepTheirTimeAndOtherPausesAreShortened) {
     EXPECT_EQ(playing.Next(), 52'001);
     EXPECT_EQ(playing.Next(), 52'101);  // 7 s then
     EXPECT_EQ(playing.Next(), 52'151);
+    playing.player->SetPin(60s, Pin::kBoot0, true);
     playing.player->SetPin(60s, Pin::kReset, false);
     playing.Host(60s, "7f");
     EXPECT_EQ(playing.Next(), -1) << "the reset has not come";
@@ -130,11 +131,13 @@ TEST(Player, WhatTheHostDoesOtherwiseIsNamedWithItsLine) {
         EXPECT_EQ(playing.player->differences(), *row.complaints == '\0' ? 0 : 1);
     }
     Playing update("1 ! boot0 1\n1 ! reset 0\n1.1 ! reset 1\n2 > 7f\n3 > 44bb00\n");
-    update.player->SetPin(1s, Pin::kReset, false);
-    update.player->SetPin(1s, Pin::kReset, true);
+    for (const bool high : {false, true}) update.player->SetPin(1s, Pin::kReset, high);
     update.Host(2s, "7f44bc01");
-    EXPECT_EQ(update.complaints, "5: byte 2 for the bootloader is bc, was bb; ");
     EXPECT_TRUE(update.player->complete());
+    for (const bool high : {false, true, true}) update.player->SetPin(3s, Pin::kReset, high);
+    EXPECT_EQ(update.complaints,
+              "3: reset into the application, was into the bootloader; "
+              "5: byte 2 for the bootloader is bc, was bb; 0: not recorded: a reset; ");
 }
 
 }  // namespace

@@ -49,7 +49,7 @@ Player::Player(const std::vector<RecordedStep>& steps, TimePoint max_gap, Compla
                 if (step.pin == Pin::kBoot0) {
                     boot0 = step.high;
                 } else if (!std::exchange(reset, step.high) && step.high) {
-                    ++all_resets_;
+                    recorded_resets_.push_back({step.line, boot0});
                     bootloader = boot0;
                     reply_.clear();
                 }
@@ -79,7 +79,8 @@ void Player::AddHostBytes(const RecordedStep& step, bool bootloader) {
 }
 
 void Player::AddPart(const RecordedStep& step, TimePoint pause, bool bootloader) {
-    Part part{step.at, pause, demands_.size(), all_resets_, all_gates_, std::nullopt, step.bytes};
+    Part part{step.at,    pause,        demands_.size(), recorded_resets_.size(),
+              all_gates_, std::nullopt, step.bytes};
     if (bootloader && !demands_.empty()) part.answers = demands_.size() - 1;
     for (size_t i = 0; i < step.bytes.size() && !bootloader; ++i) {
         const uint8_t byte = step.bytes[i];
@@ -152,11 +153,15 @@ void Player::TakeRequest(TimePoint at, const Bytes& request) {
 }
 
 void Player::SetPin(TimePoint at, Pin pin, bool high) {
-    if (pin != Pin::kReset) return;
-    if (!std::exchange(reset_high_, high) && high) {
-        ++resets_;
-        last_ = at;
-    }
+    if (pin == Pin::kBoot0) boot0_high_ = high;
+    if (pin != Pin::kReset || std::exchange(reset_high_, high) || !high) return;
+    last_ = at;
+    const size_t number = resets_++;
+    if (number >= recorded_resets_.size()) return Differ(0, "not recorded: a reset");
+    const Reset& recorded = recorded_resets_[number];
+    if (recorded.bootloader == boot0_high_) return;
+    Differ(recorded.line, boot0_high_ ? "reset into the bootloader, was into the application"
+                                      : "reset into the application, was into the bootloader");
 }
 
 std::optional<TimePoint> Player::NextDue() const {
@@ -179,7 +184,7 @@ std::optional<Burst> Player::TakeOutput(TimePoint now) {
 }
 
 bool Player::complete() const {
-    return sent_ == parts_.size() && met_ == demands_.size() && resets_ >= all_resets_;
+    return sent_ == parts_.size() && met_ == demands_.size() && resets_ >= recorded_resets_.size();
 }
 
 std::string Player::Stats() const {
@@ -187,7 +192,7 @@ std::string Player::Stats() const {
         R"({{"mode":"replay","complete":{},"differences":{},"requests":{},"parts":{},"resets":{},)"
         R"("recorded":{{"requests":{},"parts":{},"resets":{}}}}})",
         complete(), differences_, met_, sent_, resets_, demands_.size(), parts_.size(),
-        all_resets_);
+        recorded_resets_.size());
 }
 
 }  // namespace mcusim

@@ -51,6 +51,10 @@ class Player : public FarEnd {
         Bytes bytes;         // of a request without its framing
         TimePoint came{-1};  // when it was complete
     };
+    struct Reset {
+        int line;  // of the reset line's release
+        bool bootloader;
+    };
     struct Part {
         TimePoint recorded;
         TimePoint pause;                // since the step before it
@@ -72,7 +76,7 @@ class Player : public FarEnd {
     const Complaint complain_;
     std::vector<Demand> demands_;
     std::vector<Part> parts_;
-    size_t all_resets_ = 0;
+    std::vector<Reset> recorded_resets_;
     size_t all_gates_ = 0;
 
     FrameReader reader_;  // of the host, in the recording and then in the replay
@@ -82,7 +86,7 @@ class Player : public FarEnd {
     size_t bytes_met_ = 0;  // of the next demand, when it is the bootloader's
     bool byte_differed_ = false;
     size_t resets_ = 0;
-    bool reset_high_ = true;
+    bool reset_high_ = true, boot0_high_ = false;
     size_t gates_ = 0;
     size_t sent_ = 0;    // parts
     TimePoint last_{0};  // when the latest of all these came or went
