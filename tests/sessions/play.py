@@ -15,7 +15,8 @@ import bench
 
 SIDE_BY_SIDE = 16
 # Of the daemon's limits only that of its first request is short, 200 ms; the others are seconds.
-FIRST_WORD_SEC = 10  # at most until the log says something, either way
+FIRST_WORD_SEC = 10  # at most until the log says what became of it, either way
+FIRST_WORD = " update_mcu:"
 FIRST_TIMEOUT = "mcu serial select error or timeout"
 STARVED_NS = 100_000_000  # without a processor, beside what the terminal itself may wait
 STARTING = threading.Semaphore(os.cpu_count())
@@ -115,11 +116,13 @@ class Play(bench.Bench):
             with STARTING:
                 self.start()
                 before, until = len(self.got["log"]), time.monotonic() + FIRST_WORD_SEC
-                while len(self.got["log"]) == before and time.monotonic() < until:
+                said = ""
+                while not said and time.monotonic() < until:
                     time.sleep(bench.GLANCE_SEC)
                     self.look()
-            said = [text for _, text in self.got["log"][before:before + 1]]
-            late = FIRST_TIMEOUT in "".join(said) and said != self.log_texts[before:before + 1]
+                    said = first_word(text for _, text in self.got["log"][before:])
+            wanted = first_word(self.log_texts[before:])
+            late = FIRST_TIMEOUT in said and said != wanted
             if late and self.starved_ns() >= STARVED_NS:
                 raise Starved
         elif kind in ("connect", "close"):
@@ -176,6 +179,11 @@ class Play(bench.Bench):
             different += differences(f"log of the thread that begins with '{name[0]}'",
                                      wanted.get(name, []), got.get(name, []))
         return different
+
+
+def first_word(texts):
+    """What became of a daemon's first request; before that it tells of the files that it has read."""
+    return next((text for text in texts if FIRST_WORD in text), "")
 
 
 def threads(lines):
