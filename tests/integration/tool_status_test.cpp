@@ -1,15 +1,11 @@
-// shdtool status and clients against a real hub: text, JSON and exit status; and the width of what
-// the commands answer.
+// shdtool status and clients against a real hub: text, JSON and exit status.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <filesystem>
-#include <regex>
-#include <sstream>
 
 #include "tests/integration/hub.h"
 #include "tests/integration/tool.h"
-#include "tests/integration/tool_window.h"
 #include "tools/client/local_socket.h"
 
 namespace {
@@ -143,37 +139,6 @@ TEST(ToolClients, NamesWhoLosesDataAndNobodyElse) {
     }
     EXPECT_NE(RunTool(hub.root(), "clients").out.find("LOSES DATA"), std::string::npos);
     EXPECT_EQ(RunTool(hub.root(), "status --no-probe --json").json()["clients"]["verdict"], "warn");
-}
-
-// Answers and errors break at blanks where the window ends, tables have columns that fit.
-TEST(ToolAnswers, FitAWindowOf80Columns) {
-    Hub hub;
-    hub.StartUp();
-    hub.Simulate("crash noreboot");
-    Eventually("the dump is stored", [&] {
-        const std::string dump = hub.ReadFile("/mcusim/last_dump.bin");
-        return !dump.empty() && hub.ReadFile("/data/mcudumplog/mcudump_0") == dump;
-    });
-    hub.Simulate("reset");
-    const UniqueFd sleeps =
-        Must(shdclient::ConnectLocal(shdclient::SocketPath(hub.root(), shdclient::kDataSocket)));
-    for (const char* command :
-         {"list", "status", "clients", "dump list", "dump show 0 --hex", "calibrate accelerometer",
-          "enable rotation-vector --period 1 --batch 2", "disable rotation-vector", "raw 99 0",
-          "raw 0 0", "selftest step-detector", "health 1 2 3 4", "datetime 0", "dump decode 0",
-          "image show --no-probe \"$SHD_ROOT/system/bin/mcu.bin\"", "log /dev/zero",
-          "enable acc --period 5 --rate 5", "log --summary \"$SHD_ROOT/../shd.log\""}) {
-        ToolWindow window(hub.root(), std::string("shdtool ") + command, 80, 24);
-        (void)window.Status();
-        std::istringstream lines(
-            std::regex_replace(window.bytes(), std::regex("\x1B(\\[[0-9;]*m|\\(B)|\r"), ""));
-        for (std::string line; std::getline(lines, line);) {
-            // A path may be longer than the window; it is not broken.
-            if (line.find("/shd") != std::string::npos) continue;
-            EXPECT_LE(line.size(), 80U) << command << ": " << line;
-        }
-        EXPECT_FALSE(window.bytes().empty()) << command;
-    }
 }
 
 }  // namespace

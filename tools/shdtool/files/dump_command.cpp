@@ -125,7 +125,7 @@ Outcome Decode(Context& context) {
                              {"output", output},
                              {"padded_pieces", dump.padded_pieces}}};
     if (output.empty() && !context.json) {  // standard output has the bytes
-        fmt::print(stderr, "{}\n", summary);
+        Say(stderr, summary);
         report.text.clear();
     }
     if (!dump.damage) return report;
