@@ -92,6 +92,15 @@ TEST_F(ToolCommands, RefusesWrongInputInOneLine) {
         {"replay --plot ROOT/empty", 2, "empty: it is empty"},
         {"audit", 2, "name a recording"},
         {"audit --seconds 1 --flush nan", 2, "is not a number"},
+        {"dump show", 2, "FILE is required"},
+        {"dump show 0", 2, "/data/mcudumplog/mcudump_0: No such file"},
+        {"image show --no-probe --mcu-version 1 ROOT/empty", 2, "excludes"},
+        {"log --all --summary ROOT/other", 2, "--summary excludes --all"},
+        {"log --level X ROOT/other", 2, "'X' is none of"},
+        {"log ROOT/other", 2, "other holds no line of shd's log"},
+        {"log </dev/null", 2, "standard input holds no line of shd's log"},
+        {"log ROOT/zeros", 2, "a line of it is longer than 1 MiB"},
+        {"status now", 2, "not expected: now"},
         {"replay /tmp", 2, "cannot read /tmp: it is a directory"},
         {"replay /dev/zero", 2, "cannot read /dev/zero: it is no regular file"},
         {"audit ROOT/empty", 2, "empty: it is empty"},
@@ -105,6 +114,8 @@ TEST_F(ToolCommands, RefusesWrongInputInOneLine) {
         {"raw 99 0", 1, "the hub knows no sensor handle 99"},
     };
     hub_->WriteFile("/empty", "");
+    hub_->WriteFile("/other", "11-23 04:31:07.124    12    12 D other   : not ours\n");
+    hub_->WriteFile("/zeros", std::string(2'000'000, '\0'));
     for (const auto& row : rows) {
         const ToolRun text = Run(row.arguments);
         EXPECT_EQ(text.status, row.status) << row.arguments;

@@ -1,5 +1,4 @@
-// shdtool log, dump and image against the files of a real hub: text, JSON, exit status and wrong
-// input.
+// shdtool log, dump and image against the files of a real hub: text, JSON and exit status.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -192,52 +191,6 @@ TEST(ToolImage, BuildLeavesAFileAloneWithoutForce) {
                                           "/blank -o " + hub.root() + "/blank.bin");
     EXPECT_EQ(blank.status, 1);
     EXPECT_TRUE(Has(blank.err, "blank.bin is not good: the payload is blank")) << blank.err;
-}
-
-TEST(ToolFiles, WrongInputIsRefusedWithItsReason) {
-    const Hub hub;
-    hub.WriteFile("/empty", "");
-    hub.WriteFile("/zeros", std::string(2'000'000, '\0'));
-    hub.WriteFile("/text", "no log\n11-23 04:31:07.124    12    12 D other   : not ours\n");
-    const struct {
-        const char* command;  // @ stands for the directory of the files
-        const char* reason;
-    } cases[] = {
-        {"log @/none", "cannot read @/none: No such file or directory"},
-        {"log @", "cannot read @: it is a directory"},
-        {"log @/empty", "cannot read @/empty: it is empty"},
-        {"log /dev/zero", "cannot read /dev/zero: it is no regular file"},
-        {"log @/text", "@/text holds no line of shd's log"},
-        {"log @/zeros", "a line of it is longer than 1 MiB"},
-        {"log </dev/null", "standard input holds no line of shd's log"},
-        {"log --level X @/text", "--level"},
-        {"log --sensor nose @/text", "no sensor 'nose'"},
-        {"log --all --summary @/text", "--summary excludes --all"},
-        {"dump show", "FILE"},
-        {"dump show 0", "cannot read @/data/mcudumplog/mcudump_0: No such file"},
-        {"dump show @/empty", "cannot read @/empty: it is empty"},
-        {"image show @", "cannot read @: it is a directory"},
-        {"image show --no-probe --mcu-version 1 @/text", "excludes"},
-        {"status now", "now"},
-        {"clients --no", "--no"},
-    };
-    const auto placed = [&hub](std::string text) {
-        for (size_t at = 0; (at = text.find('@')) != std::string::npos;) {
-            text.replace(at, 1, hub.root());
-        }
-        return text;
-    };
-    for (const auto& [command, reason] : cases) {
-        const ToolRun run = RunTool(hub.root(), placed(command));
-        EXPECT_EQ(run.status, 2) << command;
-        EXPECT_TRUE(Has(run.err, placed(reason))) << command << ": " << run.err;
-        EXPECT_TRUE(Has(run.err, "shdtool: ") &&
-                    run.out.find_first_not_of("no lg\n") == std::string::npos)
-            << command << ": " << run.out;
-    }
-    const ToolRun usage = RunTool(hub.root(), "dump show --json 0");
-    EXPECT_EQ(usage.json()["ok"], false);
-    EXPECT_EQ(usage.json()["exit_status"], 2);
 }
 
 }  // namespace
