@@ -1,5 +1,5 @@
-// shdtool flush: asks for a flush and waits for its end on the data socket. A row of the
-// table of commands.
+// shdtool flush: asks for a flush and waits for its end on the data socket. A row of the table of
+// commands.
 #include <fmt/core.h>
 #include <poll.h>
 

@@ -1,6 +1,5 @@
 // shdtool status: looks at files and sockets, asks the daemon and the MCU, and gives a verdict on
-// each.
-// A row of the table of commands.
+// each. A row of the table of commands.
 #include <fmt/format.h>
 
 #include <algorithm>

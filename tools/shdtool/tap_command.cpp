@@ -172,11 +172,10 @@ const cli::Options kTapOptions{
 
 constexpr const char* kTapDetails =
     "Stands between shd and the MCU: a pseudo terminal and two pipes take the places of the tty "
-    "and "
-    "of the control files for boot pin and reset, and everything is passed on, the line's settings "
-    "too. Start it before shd. Times are those of the boot clock.\n"
-    "When the tap ends, however it does, the files go back to their places and shd finds its line "
-    "hung up; it opens the real one with its next recovery, or when it is started again.\n"
+    "and of the control files for boot pin and reset, and everything is passed on, the line's "
+    "settings too. Start it before shd. Times are those of the boot clock.\n"
+    "When the tap ends, however it does, the files go back to their places and shd finds its "
+    "line hung up; it opens the real one with its next recovery, or when it is started again.\n"
     "On a device it takes root, since files are bound over others.";
 
 }  // namespace

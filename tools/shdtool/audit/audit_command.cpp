@@ -1,5 +1,4 @@
-// shdtool audit: whether the events are what a program may rely on. A row of
-// the table of commands.
+// shdtool audit: whether the events are what a program may rely on. A row of the table of commands.
 #include <fmt/format.h>
 #include <unistd.h>
 

@@ -96,10 +96,10 @@ const cli::Options kTimelineOptions{
 
 constexpr const char* kTimelineDetails =
     "Puts everything on the boot clock and writes it in the Trace Event Format, which trace "
-    "viewers "
-    "open: frames and exchanges of the line (late replies, and answers that the daemon took for "
-    "another request's, are marked), the daemon's main thread, recoveries and updates with their "
-    "phases, samples, batches and flushes of the sensors, the recording client, and both logs.\n"
+    "viewers open: frames and exchanges of the line (late replies, and answers that the daemon "
+    "took for another request's, are marked), the daemon's main thread, recoveries and updates "
+    "with their phases, samples, batches and flushes of the sensors, the recording client, and "
+    "both logs.\n"
     "What a file is shows by what it holds. Recordings of the line (mcusim --record, shdtool tap "
     "-o), of events (shdtool record), of the log (shdtool log -o) and traces (mcusim --trace) say "
     "how their clocks stand to each other. A log as shd wrote it does not: it takes that from the "

@@ -1,5 +1,5 @@
-// shdtool view: a page for a browser on this machine, of a running hub or of
-// recordings. A row of the table of commands.
+// shdtool view: a page for a browser on this machine, of a running hub or of recordings. A row of
+// the table of commands.
 #include <fmt/core.h>
 #include <poll.h>
 #include <unistd.h>
@@ -118,10 +118,9 @@ const cli::Options kViewPageOptions{
 constexpr const char* kViewDetails =
     "Prints the address of a page for a browser on this machine, which shows a running hub or "
     "recordings of one: sensors, the MCU's state, the line, clients and log on one clock. The "
-    "address holds a random name that is the key "
-    "to the page; other machines cannot reach it. Of a running hub the page also switches sensors "
-    "on and off and, "
-    "with a simulated MCU, makes it fail. Ends on Ctrl-C.";
+    "address holds a random name that is the key to the page; other machines cannot reach it. Of "
+    "a running hub the page also switches sensors on and off and, with a simulated MCU, makes it "
+    "fail. Ends on Ctrl-C.";
 
 }  // namespace
 
