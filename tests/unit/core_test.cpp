@@ -1,4 +1,4 @@
-// Control commands byte for byte, the sensor table and the state that commands leave.
+// Control commands byte for byte, and the state that they leave.
 #include <gtest/gtest.h>
 #include <malloc.h>
 #include <sched.h>
@@ -231,15 +231,6 @@ TEST(MessageQueue, RecordWakesTheThreadThatWaitsForIt) {
         queue.EnqueueMessage(&record);
     }
     consumer.join();
-}
-
-TEST(SensorTable, HandlesHaveTheirMcuSensors) {
-    const int32_t ids[] = {16, -1, -1,  -1,  -1, 17, 22, -1, -1, 33, 32, 35, -1, -1, -1,
-                           35, -1, 255, 255, 48, -1, 50, -1, -1, -1, 23, 51, 64, -1};
-    for (int32_t handle = 0; handle < 29; ++handle) {
-        EXPECT_EQ(GetMcuSensorId(handle), ids[handle]) << handle;
-    }
-    EXPECT_EQ(GetMcuSensorId(-1), -1);
 }
 
 }  // namespace
