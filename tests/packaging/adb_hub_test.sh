@@ -27,6 +27,10 @@ printed=$(grep -o 'SHD_ROOT=.*' "$work/adb-hub.log")
 eval "tree=${printed#SHD_ROOT=}"
 
 events_flow "$tree"
+export SHD_BOOT_AHEAD_NS=${SHD_BOOT_AHEAD_NS:-0}
+times=$("$bin/shdtool" --root "$tree" watch accelerometer --count 1 --json |
+    sed -nE 's/.*"timestamp_ns":([0-9]+),"arrival_ns":([0-9]+).*/\2 - \1/p')
+[ $(((times) / 60000000000)) -eq 833 ] || fail "not on the device's clock: $times ns, not 50000 s"
 "$bin/shdtool" --root "$tree" status >"$work/status"
 for line in "UART" "firmware image" "persist.velmar.shd.mculog"; do
     grep -q "^ok  *$line" "$work/status" || fail "status: $line: $(cat "$work/status")"

@@ -19,7 +19,7 @@ namespace shdclient {
 struct WatchedEvent {
     shd::SensorEvent record;
     DecodedEvent decoded;
-    int64_t arrival_ns;  // CLOCK_BOOTTIME when it was read, the clock of decoded.timestamp_ns
+    int64_t arrival_ns;  // BootTimeNs when it was read, the clock of decoded.timestamp_ns
 };
 
 struct WatchOptions {
@@ -37,7 +37,7 @@ enum class WatchChange : uint8_t {
 // A time in which this client did not read what came, so that the daemon may have had to leave
 // events out: what is missing from then was lost on the way and not by the MCU.
 struct MissedSpan {
-    int64_t from_ns;  // of CLOCK_BOOTTIME
+    int64_t from_ns;  // of BootTimeNs
     int64_t to_ns;
     bool certain;  // a record was cut; else only a gap in that time is a sign of it
 };
@@ -86,7 +86,8 @@ class EventWatcher {
     std::vector<shd::SensorEvent> records_;
 };
 
-// Nanoseconds of CLOCK_BOOTTIME.
+// Nanoseconds of the hub's CLOCK_BOOTTIME: this machine's, plus SHD_BOOT_AHEAD_NS (nanoseconds,
+// read once) where the hub is another machine's, as behind scripts/adb-hub.
 [[nodiscard]] int64_t BootTimeNs();
 
 }  // namespace shdclient

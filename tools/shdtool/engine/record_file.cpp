@@ -12,6 +12,7 @@
 #include <cstring>
 #include <utility>
 
+#include "tools/shdtool/base/hub_clocks.h"
 #include "tools/shdtool/files/file_io.h"
 
 using namespace shd;
@@ -71,7 +72,7 @@ void AppendSigned(std::vector<uint8_t>& out, int64_t number) {
 
 // How far the wall clock, counted since the epoch, is ahead of the boot clock.
 int64_t WallAheadNs() {
-    const wire::Clocks now = wire::ReadClocks();
+    const wire::Clocks now = HubClocks();
     return (now.wall - now.boot).count();
 }
 

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "tools/shdtool/base/command_rows.h"
+#include "tools/shdtool/base/hub_clocks.h"
 #include "tools/shdtool/base/terminal.h"
 #include "tools/shdtool/files/growing_file.h"
 #include "tools/shdtool/log/log_input.h"
@@ -94,7 +95,7 @@ Outcome RecordLog(const Context& context, const std::string& path, LogInput& inp
     uint64_t lines = 0;
     bool of_daemon = false;
     const auto say_clocks = [&] {
-        const wire::Clocks now = wire::ReadClocks();
+        const wire::Clocks now = HubClocks();
         if (timer.Due(now.boot)) pending += FormatClocks(now) + "\n";
     };
     const auto write = [&] {

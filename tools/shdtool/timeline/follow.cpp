@@ -1,5 +1,6 @@
 // Reading of files that grow, as far as they are by now. Called by the view.
 #include "tools/shdtool/timeline/follow.h"
+#include "tools/shdtool/base/hub_clocks.h"
 
 #include <stdexcept>
 
@@ -36,11 +37,11 @@ void LineFollower::Poll() {
         });
     // What happened just now may still be on its way into the file.
     constexpr std::chrono::milliseconds kPatience{200};
-    if (items_) items_->Tick((wire::ReadClocks().boot - kPatience).count());
+    if (items_) items_->Tick((HubClocks().boot - kPatience).count());
 }
 
 void LogFollower::Poll() {
-    const wire::Clocks now = wire::ReadClocks();
+    const wire::Clocks now = HubClocks();
     ReadOn(
         text_, [this](std::string_view line) { items_->Push(line); },
         [&] {

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "tools/shdtool/base/command_rows.h"
+#include "tools/shdtool/base/hub_clocks.h"
 #include "tools/shdtool/engine/stop_signals.h"
 #include "tools/shdtool/view/actions.h"
 #include "tools/shdtool/view/item_json.h"
@@ -26,7 +27,7 @@ bool IsThere(const std::string& path) {
 }
 
 std::string Greet(const std::string& root, const LiveFeed::Files& files) {
-    const wire::Clocks clocks = wire::ReadClocks();
+    const wire::Clocks clocks = HubClocks();
     return GreetingJson({.now_us = clocks.boot.count() / kNsPerUs,
                          .wall_us = clocks.wall.count() / kNsPerUs,
                          .live = true,
