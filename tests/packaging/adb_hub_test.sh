@@ -52,9 +52,20 @@ for socket in shdctl shddata; do
         fail "$socket stays forwarded"
 done
 
-rm "$DEVICE.logcat"
-scripts/adb-hub --refresh 600 >"$work/adb-hub.log" 2>&1 &
-pids+=($!)
-eventually "it follows the log again" grep -q . "$DEVICE.logcat"
+# follow_again: another one, until it follows the log.
+follow_again() {
+    rm "$DEVICE.logcat"
+    TMPDIR=$work/killed scripts/adb-hub --refresh 600 >"$work/adb-hub.log" 2>&1 &
+    pids+=($!)
+    eventually "it follows the log again" grep -q . "$DEVICE.logcat"
+}
+mkdir "$work/killed"
+follow_again
+kill -KILL "${pids[-1]}"
+logcat_ended() { ! kill -0 "$(cat "$DEVICE.logcat")"; }
+eventually "it takes its children along" logcat_ended
+follow_again
+trees=("$work"/killed/*)
+[ ${#trees[@]} -eq 1 ] || fail "the next one leaves it: ${trees[*]}"
 kill "$(cat "$DEVICE.logcat")"
 eventually "it ends with the device, not with the next pull" grep -q "went away" "$work/adb-hub.log"
