@@ -2,11 +2,21 @@
 // joins a feed for each browser; live hubs and recordings are the two kinds of it.
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <optional>
 #include <string>
 
 namespace shdtool {
+
+// What a session hands over at once; beyond it the rest comes next.
+inline constexpr size_t kMessageBytes = size_t{64} << 10;
+
+// Adds JSON objects to others, commas between; either may be none.
+inline void AppendItems(std::string& items, const std::string& more) {
+    if (!items.empty() && !more.empty()) items += ',';
+    items += more;
+}
 
 // One browser's place in a feed. One thread, that of its connection.
 class FeedSession {

@@ -10,12 +10,6 @@ namespace shdtool {
 namespace {
 
 constexpr int64_t kTellTimeUs = 100'000;
-constexpr size_t kMessageBytes = size_t{64} << 10;  // beyond it the rest goes into the next one
-
-void Append(std::string& items, const std::string& more) {
-    if (!items.empty() && !more.empty()) items += ',';
-    items += more;
-}
 
 // What a batch takes.
 size_t Weight(const FeedBatch& batch) {
@@ -27,11 +21,11 @@ size_t Weight(const FeedBatch& batch) {
 }  // namespace
 
 void FeedBatch::Add(const std::string& json) {
-    Append(items, json);
+    AppendItems(items, json);
 }
 
 void FeedBatch::Add(const std::string& json, const std::string& key, bool over) {
-    Append(items, json);
+    AppendItems(items, json);
     standing.push_back({key, json, over});
 }
 
@@ -62,8 +56,8 @@ class LiveHistory::Session final : public FeedSession {
         next_ = history_.first_;
         joined_ = history_.end();
         seen_us_ = history_.batches_.empty() ? history_.now_us_ : history_.batches_.front().from_us;
-        if (lost_from_us) Append(items, Dropped(*lost_from_us, seen_us_));
-        for (const auto& [key, json] : history_.standing_) Append(items, json);
+        if (lost_from_us) AppendItems(items, Dropped(*lost_from_us, seen_us_));
+        for (const auto& [key, json] : history_.standing_) AppendItems(items, json);
         return items;
     }
 
@@ -72,13 +66,13 @@ class LiveHistory::Session final : public FeedSession {
         if (Lag() > history_.limits_.lag_bytes) items = SkipToPresent();
         while (next_ < history_.end() && items.size() < kMessageBytes) {
             const FeedBatch& batch = history_.Batch(next_);
-            Append(items, batch.items);
+            AppendItems(items, batch.items);
             seen_us_ = batch.to_us;
             ++next_;
         }
         if (history_.now_us_ - told_us_ >= kTellTimeUs) {
             told_us_ = history_.now_us_;
-            Append(items, fmt::format(R"({{"k":"now","t":{}}})", told_us_));
+            AppendItems(items, fmt::format(R"({{"k":"now","t":{}}})", told_us_));
         }
         return items;
     }
@@ -102,7 +96,7 @@ class LiveHistory::Session final : public FeedSession {
         }
         std::string items = Dropped(seen_us_, history_.batches_.back().to_us);
         seen_us_ = history_.batches_.back().to_us;
-        for (const auto& [key, json] : standing) Append(items, json);
+        for (const auto& [key, json] : standing) AppendItems(items, json);
         return items;
     }
 

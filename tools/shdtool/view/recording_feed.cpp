@@ -23,13 +23,6 @@ using timeline::McuState;
 using timeline::Recording;
 using timeline::RecordingKind;
 
-constexpr size_t kMessageBytes = size_t{64} << 10;
-
-void Append(std::string& items, const std::string& json) {
-    if (!items.empty() && !json.empty()) items += ',';
-    items += json;
-}
-
 struct Span {
     std::optional<timeline::Time> begin = {};
     timeline::Time end = 0;
@@ -100,7 +93,7 @@ class RecordingFeed::Session final : public FeedSession {
     }
 
     void Add(const std::string& json) {
-        Append(items_, json);
+        AppendItems(items_, json);
         if (items_.size() >= kMessageBytes) Hand();
     }
 
@@ -156,11 +149,11 @@ shdclient::Status RecordingFeed::ReadStates() {
     std::ranges::stable_sort(states, {}, &McuState::at);
     timeline::StateFold fold;
     for (const McuState& told : states) {
-        if (const auto state = fold.Push(told)) Append(beginning_, ItemJson(*state));
+        if (const auto state = fold.Push(told)) AppendItems(beginning_, ItemJson(*state));
     }
     // Where no recording of events reaches, a sensor without samples is not silent.
     if (!events.begin) events = {.begin = all.end, .end = all.end};
-    Append(beginning_, UnrecordedJson(all.begin.value_or(0), *events.begin));
+    AppendItems(beginning_, UnrecordedJson(all.begin.value_or(0), *events.begin));
     unrecorded_behind_ = UnrecordedJson(events.end, all.end);
     return shdclient::Success();
 }
