@@ -74,7 +74,16 @@ TEST_F(RawDataTest, SummariesAndMarkersCarryTheLocalTime) {
 }
 
 TEST_F(RawDataTest, SamplesAreWrittenWhenTheLastMessageOfARunHasCome) {
+    const mode_t mask = umask(0);
     Raw("00 00 01 01 00 FF FF 00 80 02 00 03 00 FF 7F");
+    umask(mask);
+    for (const auto& [path, mode] : {std::pair{"/data/logdata", 0755U},
+                                     {"/data/logdata/sensor", 0755U},
+                                     {kAlg.c_str(), 0666U}}) {
+        struct stat status {};
+        stat(HostPath(path).c_str(), &status);
+        EXPECT_EQ(status.st_mode & 0777, mode) << path;
+    }
     EXPECT_EQ(ReadFile(kAlg), "1 1 -1 -32768\n1 2 3 32767\n");
     Raw("01 00 05 FF FF FE FF FD FF FC FF FB FF 06 00 07 00 08 00 09 00 0A 00 AA BB CC");
     EXPECT_EQ(ReadFile(kHrm),
@@ -176,6 +185,12 @@ TEST_F(CoreDumpTest, PiecesAreStoredRawAndAsBase64InRotatingSlots) {
     EXPECT_EQ(File("_1").size() + File("base64.1").size(), 1493U + 1992U);
     Receive("07 01 01");  // no whole header
     EXPECT_EQ(TakeJournal(), Lines{});
+
+    std::filesystem::remove_all(HostPath("/data/mcudumplog"));
+    Receive("07 00 02 01 4D");
+    MakeDirectory("/data/mcudumplog");
+    Receive("07 00 02 02 4D");  // nor behind the dump before it
+    EXPECT_TRUE(std::filesystem::is_empty(HostPath("/data/mcudumplog")));
 }
 
 TEST(Base64, EncodesThePublishedVectors) {
