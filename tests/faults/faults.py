@@ -196,7 +196,8 @@ def begins(case, name):
 
 async def matrix(options, groups):
     task = asyncio.current_task()
-    asyncio.get_running_loop().add_signal_handler(signal.SIGTERM, task.cancel)
+    for number in (signal.SIGTERM, signal.SIGHUP):
+        asyncio.get_running_loop().add_signal_handler(number, task.cancel)
     try:
         await asyncio.gather(*(learn() for learn in {group.learn for group in groups} if learn))
     except Failed as error:

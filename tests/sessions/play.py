@@ -222,7 +222,8 @@ def play(programs, path):
 
 
 def main():
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
+    for number in (signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, lambda *_: sys.exit(1))
     programs, *names = sys.argv[1:]
     here = pathlib.Path(__file__).parent
     paths = [pathlib.Path(n) if n.endswith(".session") else here / f"{n}.session" for n in names]
@@ -241,4 +242,7 @@ def main():
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    try:
+        sys.exit(main())
+    except KeyboardInterrupt:
+        sys.exit(130)

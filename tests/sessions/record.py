@@ -240,7 +240,8 @@ def main():
                 fields[words[1]] = words[2].encode().decode("unicode_escape")
         if not fields["commands"]:
             parser.error(f"{path} does not say how it was recorded")
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
+    for number in (signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, lambda *_: sys.exit(1))
     if arguments.line:
         said = field.make(os.environ["PROGRAMS"], path, fields, arguments.line, arguments.log,
                           arguments.events, arguments.tree)
