@@ -61,6 +61,9 @@ install(TARGETS mcusim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT dev
 shd_generated(shdtool ${CMAKE_INSTALL_DATADIR}/bash-completion/completions runtime
   shdtool completion bash)
 shd_generated(_shdtool ${CMAKE_INSTALL_DATADIR}/zsh/site-functions runtime shdtool completion zsh)
+shd_generated(mcusim ${CMAKE_INSTALL_DATADIR}/bash-completion/completions dev
+  mcusim --completion bash)
+shd_generated(_mcusim ${CMAKE_INSTALL_DATADIR}/zsh/site-functions dev mcusim --completion zsh)
 shd_generated(shdtool.1 ${CMAKE_INSTALL_MANDIR}/man1 runtime shdtool --manual)
 shd_generated(mcusim.1 ${CMAKE_INSTALL_MANDIR}/man1 dev mcusim --manual)
 get_property(generated GLOBAL PROPERTY SHD_GENERATED_FILES)

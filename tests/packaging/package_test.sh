@@ -11,10 +11,11 @@ root=$work/root
 bin=$root/usr/bin
 
 [ "$EUID" -eq 0 ] || fail "installing packages takes root"
-mkdir -p "$root"/{etc/systemd/system,nvdata} "$root"/var/lib/dpkg/{info,updates} "$root"/proc/{mcu,mcusleep}
+mkdir -p "$root"/{etc/systemd/system,nvdata,data/logdata} "$root"/var/lib/dpkg/{info,updates} "$root"/proc/{mcu,mcusleep}
 touch "$root/var/lib/dpkg/status" "$root/etc/passwd" "$root/etc/group" "$root/etc/shadow" \
     "$root/etc/gshadow"
 echo "sensors:x:7777:" >"$root/etc/group" # made by somebody else
+touch "$root/data/logdata/others"
 echo 0 >"$root/proc/mcusleep/lpm"
 echo 5 >"$root/nvdata/BARO" # of an earlier installation, whose user had another number
 chown 12345 "$root/nvdata/BARO"
@@ -51,7 +52,7 @@ for page in man8/shd.8 man1/shdtool.1; do
     groff -man -ww -Tutf8 "$page" 2>&1 >/dev/null | tee "$work/groff"
     [ ! -s "$work/groff" ] || fail "$page: groff complains"
 done
-bash -n "$root/usr/share/bash-completion/completions/shdtool"
+for program in shdtool mcusim; do bash -n "$root/usr/share/bash-completion/completions/$program"; done
 tests/packaging/client_example_test.sh "$(dirname "$packages")" "$root/usr"
 
 # As shd.service starts it, from the units' own words: its user without a capability, the owners from
