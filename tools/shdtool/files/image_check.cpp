@@ -122,8 +122,9 @@ ImageReport ExamineImage(std::span<const uint8_t> file) {
     image.image_size = header.image_size;
     image.version = parsed.version;
     const size_t dot = image.version.find('.');
-    if (dot != std::string::npos)
+    if (dot != std::string::npos) {
         image.board_code = image.version.substr(dot + 1, shd::kBoardCode.size());
+    }
     image.firmware_version = firmware::PayloadVersion(parsed.payload).value_or("");
     image.vectors = firmware::ReadVectors(parsed.payload);
     JudgePayload(image, parsed.payload);

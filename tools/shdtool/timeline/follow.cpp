@@ -1,8 +1,9 @@
 // Reading of files that grow, as far as they are by now. Called by the view.
 #include "tools/shdtool/timeline/follow.h"
-#include "tools/shdtool/base/hub_clocks.h"
 
 #include <stdexcept>
+
+#include "tools/shdtool/base/hub_clocks.h"
 
 namespace shdtool::timeline {
 namespace {
