@@ -50,6 +50,18 @@ TEST(StartUp, AppliesCalibrationAndPropertiesBeforeTheMainLoop) {
     EXPECT_EQ(hub.Stats().at("wakeups"), requests.size());  // one before each frame
 }
 
+TEST(StartUp, ServersTellEachWaitOnStandardOutputAtOnce) {
+    Hub hub;
+    hub.StartSimulator();
+    hub.StartDaemon({"sh", "-c", R"(exec "$0" >"$SHD_ROOT/stdout")"});
+    hub.WaitForLog("Set parameter OK, start loop");
+    (void)hub.Client();
+    Eventually("the wait that a client has ended", [&] {
+        return hub.ReadFile("/stdout").find("select event comming = 1 max_fd =") !=
+               std::string::npos;
+    });
+}
+
 // A socket with the control server's name.
 UniqueFd BindControlSocket(const Hub& hub) {
     const std::string path = hub.root() + "/dev/socket/shdctl";
