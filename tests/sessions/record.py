@@ -203,6 +203,13 @@ class Recorder(bench.Bench):
         self.lines += [f"#: file {text}" for text in self.files()]
 
 
+def pause(text):
+    seconds = float(text)
+    if not 0 <= seconds <= 3600:
+        raise argparse.ArgumentTypeError("0 to 3600 seconds")
+    return seconds
+
+
 def main():
     parser = argparse.ArgumentParser(prog="scripts/session", epilog=HELP, description=__doc__,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
@@ -210,7 +217,7 @@ def main():
     parser.add_argument("--title", default="", help="what happens, in a line")
     parser.add_argument("--before", default="", help="commands before everything starts")
     parser.add_argument("--mcusim", default="", help="options for the simulated MCU")
-    parser.add_argument("--gap", type=float, default=0.1, help="longest pause kept at play, in s")
+    parser.add_argument("--gap", type=pause, default=0.1, help="longest pause kept at play, in s")
     parser.add_argument("--again", action="store_true", help="as its file was recorded before")
     parser.add_argument("commands", nargs="*", help="default: a shell")
     brought = parser.add_argument_group("of a hub elsewhere, whose daemon was started meanwhile")
