@@ -37,7 +37,7 @@ class SocketServer {
     // Called with each new client before it gets anything.
     virtual void PrepareClient(int /*client*/) {}
 
-    // Whether a client is left unread for now. Wake ends the wait of a server for clients that are
+    // Whether a client is left unread. Wake ends the wait of a server for clients that are
     // no longer held back.
     [[nodiscard]] virtual bool IsHeldBack(int /*client*/) const REQUIRES(clients_mutex_) {
         return false;

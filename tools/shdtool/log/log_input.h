@@ -18,7 +18,7 @@ class LogInput {
     [[nodiscard]] static shdclient::Result<LogInput> Open(const std::string& path, bool follow);
 
     // Hands over each line without its end, and calls pause, which ends it with false, whenever
-    // nothing more is there for now. Returns at the end; that of a followed file never comes: one
+    // nothing more is there yet. Returns at the end; that of a followed file never comes: one
     // that is cut short is read from its beginning, one that another has taken the place of goes on
     // with that. Standard input ends in any case. Fails with kInvalidArgument on a line of more
     // than 1 MiB, which no log has.

@@ -24,7 +24,7 @@ class FeedSession {
     virtual ~FeedSession() = default;
 
     // What comes next: JSON objects, commas between. Waits at most a second for it, "" when there
-    // is nothing for now. Empty once the feed is closed.
+    // is nothing yet. Empty once the feed is closed.
     [[nodiscard]] virtual std::optional<std::string> Next() = 0;
 };
 
