@@ -54,10 +54,11 @@ TEST(Update, SucceedsUnderAnApplicationThatNeverStopsTalking) {
 }
 
 // Cuts the power while each of these blocks is written, or during the erase, then lets an update
-// succeed. What the bootloader has received says how far the update is, and not the daemon's log,
-// which is ahead of the line.
+// succeed. What is on the line says how far the update is, and not the daemon's log, which is ahead
+// of it.
 void CutThePower(std::initializer_list<int> blocks) {
     constexpr int64_t kBlockBytes = 265;  // that the host sends for a block of 256
+    constexpr int64_t kEraseBytes = 3;    // which may still be on the line when they are seen
     Hub hub;
     // The erase takes a second.
     hub.StartSimulator({"--baud", "115200", "--flash-time-scale", "0.25"});
@@ -74,7 +75,8 @@ void CutThePower(std::initializer_list<int> blocks) {
         if (block == kErase) {
             hub.Simulate("brownout 100");
         } else {
-            hub.Simulate("fault in " + std::to_string(block * kBlockBytes) + " power 100");
+            hub.Simulate("fault in " + std::to_string(kEraseBytes + block * kBlockBytes) +
+                         " power 100");
         }
         hub.WaitForLog(block == kErase ? "write erase all fail!" : "mcu_image_update error!");
         EXPECT_EQ(hub.DaemonExitStatus(), 255);
